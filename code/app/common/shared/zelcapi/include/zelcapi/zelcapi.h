@@ -1,0 +1,4 @@
+// The whole public API of zelcapi.
+#pragma once
+
+#include "zelcapi/state.h"

@@ -1,0 +1,154 @@
+// The state replica: item stores, workflow results and their notifications.
+#include "zelcapi/state.h"
+
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+
+namespace zelcapi {
+
+namespace {
+
+constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\state";
+
+const char* const item_type_texts[] = {"client", "node", "submission", "source",
+                                       "slot",   "job",  "task"};
+const char* const db_item_type_texts[] = {"client", "node", "submission", "source",
+                                          "slot",   "job",  "task",       "workflow"};
+
+}  // namespace
+
+const char* state_item_type_c_str(int type) {
+  return type >= 0 && type < 7 ? item_type_texts[type] : "";
+}
+
+const char* db_item_type_c_str(int type) {
+  return type >= 0 && type < 8 ? db_item_type_texts[type] : "";
+}
+
+state_notification_receiver::~state_notification_receiver() = default;
+
+workflow_result_info::workflow_result_info(const zelcore::properties& encoded)
+    : status(static_cast<std::uint32_t>(encoded.get_int_value("st"))),
+      ht(static_cast<std::uint32_t>(encoded.get_int_value("ht", 1))) {}
+
+void workflow_result_info::encode(zelcore::properties& out) const {
+  out["st"] = zelcore::make_int(static_cast<std::int32_t>(status));
+  out["ht"] = zelcore::make_int(ht);
+}
+
+state::state(const zelcore::plugin_db& plugins, state_notification_receiver* receiver,
+             state_db* states, history_db* histories, std::uint32_t history_keep_time)
+    : plugin_db_(&plugins),
+      receiver_(receiver),
+      state_db_(states),
+      history_db_(histories),
+      history_keep_time_(history_keep_time) {}
+
+state::~state() = default;
+
+state::item_map& state::get_items_non_const(state_item_type type) {
+  switch (type) {
+    case state_item_client: return clients_;
+    case state_item_node: return nodes_;
+    case state_item_submission: return submissions_;
+    case state_item_source: return sources_;
+    case state_item_slot: return slots_;
+    case state_item_job: return jobs_;
+    case state_item_task: return tasks_;
+  }
+  zelbase::es::arg::raise(
+      source_file, __LINE__,
+      zelbase::string_with_format("state does not have item type %d", static_cast<int>(type)));
+}
+
+const state::item_map& state::get_items(state_item_type type) const {
+  return const_cast<state*>(this)->get_items_non_const(type);
+}
+
+const zelcore::properties& state::get_item(state_item_type type, const std::string& id) const {
+  const item_map& items = get_items(type);
+  const auto it = items.find(id);
+  if (it == items.end())
+    zelbase::es::arg::raise(
+        source_file, __LINE__,
+        zelbase::string_with_format("state does not have item id %s", id.c_str()));
+  return it->second;
+}
+
+bool state::has_item(state_item_type type, const std::string& id) const {
+  const item_map& items = get_items(type);
+  return items.find(id) != items.end();
+}
+
+void state::item_set(state_item_type type, const std::string& id,
+                     const zelcore::properties& props) {
+  get_items_non_const(type)[id] = props;
+  if (receiver_) receiver_->on_item_set(type, id, props);
+}
+
+void state::item_update(state_item_type type, const std::string& id,
+                        const zelcore::properties& props) {
+  get_items_non_const(type)[id].merge_leaves(props);
+  if (receiver_) receiver_->on_item_updated(type, id, props);
+}
+
+void state::item_remove(state_item_type type, const std::string& id) {
+  item_map& items = get_items_non_const(type);
+  if (receiver_) receiver_->on_item_removing(type, id);
+  items.erase(id);
+  if (receiver_) receiver_->on_item_removed(type, id);
+}
+
+void state::item_erase_property_ref(state_item_type type, const std::string& id,
+                                    const std::string& ref) {
+  item_map& items = get_items_non_const(type);
+  const auto it = items.find(id);
+  if (it != items.end()) it->second.set_referenced_property(ref, zelcore::property_ptr());
+  if (receiver_) receiver_->on_item_erased_property_ref(type, id, ref);
+}
+
+void state::clear_state(state_item_type type) { get_items_non_const(type).clear(); }
+
+void state::clear_state() {
+  for (item_map* items : {&clients_, &nodes_, &submissions_, &sources_, &slots_, &jobs_, &tasks_})
+    items->clear();
+  workflow_results_.clear();
+  workflow_seq_nr_ = 0;
+}
+
+void state::workflow_result_add(const std::string& workflow_id,
+                                const workflow_result_info& result) {
+  workflow_results_[workflow_id] = result;
+  if (receiver_) receiver_->on_workflow_result_added(workflow_id, result);
+}
+
+void state::workflow_result_add(const std::string& workflow_id,
+                                const zelcore::properties& encoded) {
+  workflow_result_add(workflow_id, workflow_result_info(encoded));
+}
+
+bool state::workflow_result_remove(const std::string& workflow_id) {
+  if (receiver_) receiver_->on_workflow_result_removing(workflow_id);
+  if (workflow_results_.erase(workflow_id) == 0) return false;
+  if (receiver_) receiver_->on_workflow_result_removed(workflow_id);
+  return true;
+}
+
+bool state::has_workflow_result(const std::string& workflow_id) const {
+  return workflow_results_.count(workflow_id) != 0;
+}
+
+workflow_result_info state::get_workflow_result(const std::string& workflow_id) const {
+  const auto it = workflow_results_.find(workflow_id);
+  return it == workflow_results_.end() ? workflow_result_info() : it->second;
+}
+
+void state::get_workflow_results(zelcore::properties& out) const {
+  for (const auto& [id, result] : workflow_results_) {
+    zelcore::properties encoded(false);
+    result.encode(encoded);
+    out.set_properties_value(id, encoded);
+  }
+}
+
+}  // namespace zelcapi

@@ -1,0 +1,263 @@
+// The property tree: every record, message body and snapshot is a `properties`, an ordered map
+// from key to a shared, constant child property (int, bool, string, list or nested properties).
+//
+// Sharing: children are reference counted and constant once in a tree; copying a `properties`
+// shares its content (constant time) and the first change to either copy detaches it. A tree
+// object is used by one thread at a time; distinct copies may be used on distinct threads.
+//
+// Property references name a property inside a tree in the form of JSON Pointer (RFC 6901):
+// "/a/b" is key b inside key a; "~1" stands for "/" and "~0" for "~" inside a key. The leaves of a
+// tree are all children that are not `properties` (lists are leaves); an empty nested tree has
+// no leaf.
+//
+// Accessors without a default raise zelbase::es::arg naming the key when the key is missing or
+// holds another kind.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <list>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zelbase/encoder_network.h"
+#include "zelbase/refcount.h"
+#include "zelcore/export.h"
+
+namespace zelcore {
+
+class property;
+class properties;
+using property_ptr = zelbase::ptr_refcount<const property>;
+
+class ZELCORE_EXPORT property : public zelbase::object_refcount {
+ public:
+  enum property_kind : std::uint32_t {
+    kind_int = 0,
+    kind_bool = 1,
+    kind_string = 2,
+    kind_list = 3,
+    kind_properties = 4,
+  };
+
+  ~property() override;
+  virtual property_kind kind() const = 0;
+  // Writes the property in the network encoding (MessagePack).
+  virtual void encode(zelbase::encoder_network& encoder) const = 0;
+  // A deep copy that shares nothing with this property.
+  virtual zelbase::ptr_refcount<property> clone() const = 0;
+  // Plain text: a string's own text, a number's digits, "true"/"false"; trees and lists as JSON.
+  virtual std::string to_string() const = 0;
+  // JSON text for logs (strings quoted and escaped).
+  virtual std::string describe() const = 0;
+  // Same kind and same value (trees compared key by key, children by value).
+  virtual bool operator==(const property& other) const = 0;
+  // Orders by kind, then by value (lists and trees lexicographically).
+  virtual bool operator<(const property& other) const = 0;
+  bool operator!=(const property& other) const { return !(*this == other); }
+};
+
+// Name of a kind: "int", "bool", "string", "list", "properties".
+ZELCORE_EXPORT const char* property_kind_c_str(property::property_kind kind);
+
+class ZELCORE_EXPORT property_int final : public property {
+ public:
+  explicit property_int(std::int64_t value) noexcept : value_(value) {}
+  const std::int64_t& value() const noexcept { return value_; }
+
+  property_kind kind() const override { return kind_int; }
+  void encode(zelbase::encoder_network& encoder) const override;
+  zelbase::ptr_refcount<property> clone() const override;
+  std::string to_string() const override;
+  std::string describe() const override;
+  bool operator==(const property& other) const override;
+  bool operator<(const property& other) const override;
+
+ private:
+  std::int64_t value_;
+};
+
+class ZELCORE_EXPORT property_bool final : public property {
+ public:
+  explicit property_bool(bool value) noexcept : value_(value) {}
+  const bool& value() const noexcept { return value_; }
+
+  property_kind kind() const override { return kind_bool; }
+  void encode(zelbase::encoder_network& encoder) const override;
+  zelbase::ptr_refcount<property> clone() const override;
+  std::string to_string() const override;
+  std::string describe() const override;
+  bool operator==(const property& other) const override;
+  bool operator<(const property& other) const override;
+
+ private:
+  bool value_;
+};
+
+class ZELCORE_EXPORT property_string final : public property {
+ public:
+  explicit property_string(const std::string& value) : value_(value) {}
+  explicit property_string(std::string&& value) noexcept : value_(std::move(value)) {}
+  explicit property_string(const char* value) : value_(value) {}
+  const std::string& value() const noexcept { return value_; }
+
+  property_kind kind() const override { return kind_string; }
+  void encode(zelbase::encoder_network& encoder) const override;
+  zelbase::ptr_refcount<property> clone() const override;
+  std::string to_string() const override;
+  std::string describe() const override;
+  bool operator==(const property& other) const override;
+  bool operator<(const property& other) const override;
+
+ private:
+  std::string value_;
+};
+
+class ZELCORE_EXPORT property_list final : public property {
+ public:
+  using list_type = std::list<property_ptr>;
+
+  property_list() = default;
+  explicit property_list(list_type values) noexcept : values_(std::move(values)) {}
+  // A list with the same elements as `other` (shared); a null pointer gives an empty list.
+  explicit property_list(const zelbase::ptr_refcount<const property_list>& other);
+
+  const list_type& value() const noexcept { return values_; }
+  void push_back(property_ptr value) { values_.push_back(std::move(value)); }
+
+  property_kind kind() const override { return kind_list; }
+  void encode(zelbase::encoder_network& encoder) const override;
+  zelbase::ptr_refcount<property> clone() const override;
+  std::string to_string() const override;
+  std::string describe() const override;
+  bool operator==(const property& other) const override;
+  bool operator<(const property& other) const override;
+
+ private:
+  list_type values_;
+};
+
+namespace detail {
+struct properties_body;
+struct properties_builder;
+}  // namespace detail
+
+class ZELCORE_EXPORT properties final : public property {
+ public:
+  using entry = std::pair<std::string, property_ptr>;
+  using container = std::vector<entry>;
+  // Iteration is in ascending key order and never detaches a shared tree; values are changed
+  // through operator[] or the setters.
+  using const_iterator = container::const_iterator;
+  using iterator = const_iterator;
+
+  // The flag is accepted for compatibility and has no effect.
+  explicit properties(bool unused = false) noexcept;
+  properties(const properties& other) noexcept;
+  properties(properties&& other) noexcept;
+  // One string child per pair.
+  explicit properties(const std::map<std::string, std::string>& strings);
+  properties(std::initializer_list<entry> children);
+  ~properties() override;
+  properties& operator=(const properties& other) noexcept;
+  properties& operator=(properties&& other) noexcept;
+
+  property_kind kind() const override { return kind_properties; }
+  void encode(zelbase::encoder_network& encoder) const override;
+  zelbase::ptr_refcount<property> clone() const override;
+  std::string to_string() const override;
+  std::string describe() const override;
+  bool operator==(const property& other) const override;
+  bool operator<(const property& other) const override;
+  using property::operator!=;
+
+  // The slot of `key`, created empty (null) when new; a null slot counts as absent. The
+  // reference is valid until the next change of this tree.
+  property_ptr& operator[](const std::string& key);
+
+  const_iterator begin() const noexcept;
+  const_iterator end() const noexcept;
+  const_iterator find(const std::string& key) const noexcept;
+  // Number of slots, null slots included.
+  std::size_t size() const noexcept;
+  bool empty() const noexcept { return size() == 0; }
+  void clear() noexcept;
+  // Removes the key; true when it was there.
+  bool erase(const std::string& key);
+
+  bool is_present(const std::string& key) const noexcept;
+  // The child as stored; null when absent.
+  property_ptr get_property(const std::string& key) const;
+  const std::string& get_string_value(const std::string& key) const;
+  const std::string& get_string_value(const std::string& key, const std::string& def) const;
+  std::int64_t get_int_value(const std::string& key) const;
+  std::int64_t get_int_value(const std::string& key, std::int64_t def) const;
+  bool get_bool_value(const std::string& key) const;
+  bool get_bool_value(const std::string& key, bool def) const;
+  const properties& get_properties_value(const std::string& key) const;
+  const properties& get_properties_value(const std::string& key, const properties& def) const;
+  // Null when the key is absent; raises when it holds another kind.
+  const properties* get_properties_value_ptr(const std::string& key) const;
+  const property_list::list_type& get_list_value(const std::string& key) const;
+
+  void set_int_value(const std::string& key, std::int64_t value);
+  void set_bool_value(const std::string& key, bool value);
+  void set_string_value(const std::string& key, const std::string& value);
+  void set_properties_value(const std::string& key, const properties& value);
+
+  // Appends one reference per leaf, in key order, depth first.
+  void get_leaf_references(std::list<std::string>& references) const;
+  // The property at `ref`; null when nothing is there ("" names the tree itself and gives null).
+  // Raises es::arg for a malformed reference.
+  property_ptr get_referenced_property(const std::string& ref) const;
+  // Stores `value` at `ref`, replacing what was there; a null `value` removes the key (parents
+  // stay, even when left empty). A missing parent raises es::arg, except when removing, which
+  // then changes nothing.
+  void set_referenced_property(const std::string& ref, const property_ptr& value);
+  // As set_referenced_property, creating missing parents; a parent that is not a `properties`
+  // is replaced by a new one.
+  void set_create_referenced_property(const std::string& ref, const property_ptr& value);
+  // Leaf-wise merge: every leaf of `update` is stored at its reference in this tree, as
+  // set_create_referenced_property would, leaves the update does not name keep their values.
+  void merge_leaves(const properties& update);
+
+ private:
+  friend struct detail::properties_builder;
+  const container& entries() const noexcept;
+  container& mutable_entries();
+  container::iterator slot(const std::string& key);
+  void set_at_reference(const std::string& ref, const property_ptr& value, bool create);
+
+  zelbase::ptr_refcount<detail::properties_body> body_;
+};
+
+// Shared constant children for common values (no allocation for bools and small integers).
+ZELCORE_EXPORT property_ptr make_int(std::int64_t value);
+ZELCORE_EXPORT property_ptr make_bool(bool value);
+ZELCORE_EXPORT property_ptr make_string(std::string value);
+
+// Escapes a key for use in a property reference ("~" -> "~0", "/" -> "~1").
+ZELCORE_EXPORT std::string property_reference_escape(const std::string& key);
+// Splits a reference into its unescaped keys; raises es::arg when malformed.
+ZELCORE_EXPORT std::vector<std::string> property_reference_split(const std::string& ref);
+
+// The network encoding of a property, as bytes.
+ZELCORE_EXPORT std::string encode_property(const property& value);
+
+// Decoding limits: nesting deeper than this is refused.
+constexpr std::size_t default_decode_max_depth = 256;
+
+// Builds a property from the network encoding. The whole input must be one value. Raises
+// es::arg with the reason for truncated, malformed or unsupported input (floats, binary, ext,
+// nil outside a map, non-string keys, nesting deeper than max_depth). A nil map value means
+// the key is absent; duplicate keys keep the last value.
+ZELCORE_EXPORT property_ptr decode_property(const char* data, std::size_t size,
+                                            std::size_t max_depth = default_decode_max_depth);
+// As decode_property, for input whose top value must be a map.
+ZELCORE_EXPORT properties decode_properties(const char* data, std::size_t size,
+                                            std::size_t max_depth = default_decode_max_depth);
+
+}  // namespace zelcore

@@ -1,0 +1,7 @@
+// Everything of zelcore.
+#pragma once
+
+#include "zelcore/identifiers.h"
+#include "zelcore/plugin_db.h"
+#include "zelcore/properties.h"
+#include "zelcore/report.h"

@@ -1,0 +1,312 @@
+// The ordered, copy-on-write map of a property tree: construction, lookup, accessors, text.
+#include <algorithm>
+
+#include "properties_body.h"
+#include "property_text.h"
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+
+namespace zelcore {
+
+namespace {
+
+constexpr const char* source_file = "code\\platform\\zelcore\\src\\properties";
+
+const properties::container& no_entries() {
+  static const properties::container empty;
+  return empty;
+}
+
+bool key_less(const properties::entry& e, const std::string& key) { return e.first < key; }
+
+[[noreturn]] void raise_missing(const std::string& key) {
+  zelbase::es::arg::raise(source_file, __LINE__,
+                          zelbase::string_with_format("property '%s' is missing", key.c_str()));
+}
+
+[[noreturn]] void raise_kind(const std::string& key, const property& found,
+                             property::property_kind wanted) {
+  zelbase::es::arg::raise(
+      source_file, __LINE__,
+      zelbase::string_with_format("property '%s' is a %s, not a %s", key.c_str(),
+                                  property_kind_c_str(found.kind()), property_kind_c_str(wanted)));
+}
+
+// The child of `key` that must be of kind `wanted`, or null when absent.
+template <class T>
+const T* child_of_kind(const properties& tree, const std::string& key,
+                       property::property_kind wanted) {
+  const auto it = tree.find(key);
+  if (it == tree.end() || !it->second) return nullptr;
+  if (it->second->kind() != wanted) raise_kind(key, *it->second, wanted);
+  return static_cast<const T*>(it->second.get());
+}
+
+template <class T>
+const T& required_child(const properties& tree, const std::string& key,
+                        property::property_kind wanted) {
+  const T* child = child_of_kind<T>(tree, key, wanted);
+  if (!child) raise_missing(key);
+  return *child;
+}
+
+}  // namespace
+
+namespace detail {
+void properties_builder::normalise(properties::container& entries) {
+  std::stable_sort(
+      entries.begin(), entries.end(),
+      [](const properties::entry& a, const properties::entry& b) { return a.first < b.first; });
+  // Keep the last of equal keys: walk backwards and keep first occurrences.
+  auto out = entries.end();
+  for (auto it = entries.end(); it != entries.begin();) {
+    --it;
+    if (out != entries.end() && out->first == it->first) continue;
+    --out;
+    if (out != it) *out = std::move(*it);
+  }
+  entries.erase(entries.begin(), out);
+}
+}  // namespace detail
+
+properties::properties(bool) noexcept {}
+properties::properties(const properties& other) noexcept : property(other), body_(other.body_) {}
+properties::properties(properties&& other) noexcept
+    : property(other), body_(std::move(other.body_)) {}
+
+properties::properties(const std::map<std::string, std::string>& strings) {
+  if (strings.empty()) return;
+  container& out = mutable_entries();
+  out.reserve(strings.size());
+  for (const auto& [key, text] : strings) out.emplace_back(key, make_string(text));
+}
+
+properties::properties(std::initializer_list<entry> children) {
+  if (children.size() == 0) return;
+  container& out = mutable_entries();
+  out.assign(children.begin(), children.end());
+  detail::properties_builder::normalise(out);
+}
+
+properties::~properties() = default;
+
+properties& properties::operator=(const properties& other) noexcept {
+  body_ = other.body_;
+  return *this;
+}
+
+properties& properties::operator=(properties&& other) noexcept {
+  body_ = std::move(other.body_);
+  return *this;
+}
+
+const properties::container& properties::entries() const noexcept {
+  return body_ ? body_->entries : no_entries();
+}
+
+properties::container& properties::mutable_entries() {
+  if (!body_) {
+    body_ = new detail::properties_body;
+  } else if (body_->refcount() > 1) {
+    zelbase::ptr_refcount<detail::properties_body> own(new detail::properties_body);
+    own->entries = body_->entries;
+    body_ = std::move(own);
+  }
+  return body_->entries;
+}
+
+properties::const_iterator properties::begin() const noexcept { return entries().begin(); }
+properties::const_iterator properties::end() const noexcept { return entries().end(); }
+std::size_t properties::size() const noexcept { return entries().size(); }
+void properties::clear() noexcept { body_.reset(); }
+
+properties::const_iterator properties::find(const std::string& key) const noexcept {
+  const container& all = entries();
+  const auto it = std::lower_bound(all.begin(), all.end(), key, key_less);
+  return it != all.end() && it->first == key ? it : all.end();
+}
+
+properties::container::iterator properties::slot(const std::string& key) {
+  container& all = mutable_entries();
+  // Trees are mostly built in key order: try the end first.
+  if (all.empty() || all.back().first < key) {
+    all.emplace_back(key, property_ptr());
+    return all.end() - 1;
+  }
+  auto it = std::lower_bound(all.begin(), all.end(), key, key_less);
+  if (it == all.end() || it->first != key) it = all.emplace(it, key, property_ptr());
+  return it;
+}
+
+property_ptr& properties::operator[](const std::string& key) { return slot(key)->second; }
+
+bool properties::erase(const std::string& key) {
+  if (find(key) == end()) return false;
+  container& all = mutable_entries();
+  all.erase(std::lower_bound(all.begin(), all.end(), key, key_less));
+  return true;
+}
+
+bool properties::is_present(const std::string& key) const noexcept {
+  const auto it = find(key);
+  return it != end() && it->second;
+}
+
+property_ptr properties::get_property(const std::string& key) const {
+  const auto it = find(key);
+  return it == end() ? property_ptr() : it->second;
+}
+
+const std::string& properties::get_string_value(const std::string& key) const {
+  return required_child<property_string>(*this, key, kind_string).value();
+}
+
+const std::string& properties::get_string_value(const std::string& key,
+                                                const std::string& def) const {
+  const auto* child = child_of_kind<property_string>(*this, key, kind_string);
+  return child ? child->value() : def;
+}
+
+std::int64_t properties::get_int_value(const std::string& key) const {
+  return required_child<property_int>(*this, key, kind_int).value();
+}
+
+std::int64_t properties::get_int_value(const std::string& key, std::int64_t def) const {
+  const auto* child = child_of_kind<property_int>(*this, key, kind_int);
+  return child ? child->value() : def;
+}
+
+bool properties::get_bool_value(const std::string& key) const {
+  return required_child<property_bool>(*this, key, kind_bool).value();
+}
+
+bool properties::get_bool_value(const std::string& key, bool def) const {
+  const auto* child = child_of_kind<property_bool>(*this, key, kind_bool);
+  return child ? child->value() : def;
+}
+
+const properties& properties::get_properties_value(const std::string& key) const {
+  return required_child<properties>(*this, key, kind_properties);
+}
+
+const properties& properties::get_properties_value(const std::string& key,
+                                                   const properties& def) const {
+  const auto* child = child_of_kind<properties>(*this, key, kind_properties);
+  return child ? *child : def;
+}
+
+const properties* properties::get_properties_value_ptr(const std::string& key) const {
+  return child_of_kind<properties>(*this, key, kind_properties);
+}
+
+const property_list::list_type& properties::get_list_value(const std::string& key) const {
+  return required_child<property_list>(*this, key, kind_list).value();
+}
+
+void properties::set_int_value(const std::string& key, std::int64_t value) {
+  (*this)[key] = make_int(value);
+}
+void properties::set_bool_value(const std::string& key, bool value) {
+  (*this)[key] = make_bool(value);
+}
+void properties::set_string_value(const std::string& key, const std::string& value) {
+  (*this)[key] = make_string(value);
+}
+void properties::set_properties_value(const std::string& key, const properties& value) {
+  (*this)[key] = property_ptr(new properties(value));
+}
+
+// A nil map value decodes as an absent key, so null slots travel as nil.
+void properties::encode(zelbase::encoder_network& encoder) const {
+  const container& all = entries();
+  encoder.pack_map(static_cast<std::uint32_t>(all.size()));
+  for (const auto& [key, value] : all) {
+    encoder.pack_string(key);
+    if (value)
+      value->encode(encoder);
+    else
+      encoder.pack_nil();
+  }
+}
+
+zelbase::ptr_refcount<property> properties::clone() const {
+  zelbase::ptr_refcount<properties> copy(new properties);
+  const container& all = entries();
+  if (all.empty()) return copy;
+  container& out = copy->mutable_entries();
+  out.reserve(all.size());
+  for (const auto& [key, value] : all) out.emplace_back(key, value ? value->clone() : nullptr);
+  return copy;
+}
+
+std::string properties::to_string() const { return describe(); }
+
+std::string properties::describe() const {
+  std::string out = "{";
+  bool first = true;
+  for (const auto& [key, value] : entries()) {
+    if (!value) continue;
+    if (!first) out += ",";
+    first = false;
+    detail::append_json_string(out, key);
+    out += ":";
+    out += value->describe();
+  }
+  out += "}";
+  return out;
+}
+
+namespace {
+// The entries that hold a child (null slots are absent keys).
+template <class F>
+bool for_each_pair(const properties::container& a, const properties::container& b, F&& f) {
+  auto ia = a.begin(), ib = b.begin();
+  for (;;) {
+    while (ia != a.end() && !ia->second) ++ia;
+    while (ib != b.end() && !ib->second) ++ib;
+    if (ia == a.end() || ib == b.end())
+      return f(ia == a.end() ? nullptr : &*ia, ib == b.end() ? nullptr : &*ib);
+    if (!f(&*ia, &*ib)) return false;
+    ++ia;
+    ++ib;
+  }
+}
+}  // namespace
+
+bool properties::operator==(const property& other) const {
+  if (other.kind() != kind_properties) return false;
+  const auto& theirs = static_cast<const properties&>(other);
+  if (body_ == theirs.body_) return true;
+  bool equal = true;
+  for_each_pair(entries(), theirs.entries(), [&](const entry* a, const entry* b) {
+    if (!a || !b) {
+      equal = !a && !b;
+      return false;
+    }
+    equal = a->first == b->first && *a->second == *b->second;
+    return equal;
+  });
+  return equal;
+}
+
+bool properties::operator<(const property& other) const {
+  if (other.kind() != kind_properties) return kind_properties < other.kind();
+  const auto& theirs = static_cast<const properties&>(other);
+  bool less = false;
+  for_each_pair(entries(), theirs.entries(), [&](const entry* a, const entry* b) {
+    if (!a || !b) {
+      less = !a && b;
+      return false;
+    }
+    if (a->first != b->first) {
+      less = a->first < b->first;
+      return false;
+    }
+    if (*a->second == *b->second) return true;
+    less = *a->second < *b->second;
+    return false;
+  });
+  return less;
+}
+
+}  // namespace zelcore

@@ -1,0 +1,199 @@
+// The scalar and list property kinds, and the shared constants for common values.
+#include <cstdio>
+
+#include "property_text.h"
+#include "zelbase/exceptions.h"
+#include "zelcore/properties.h"
+
+namespace zelcore {
+
+namespace detail {
+
+void append_json_string(std::string& out, const std::string& text) {
+  out.push_back('"');
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out.push_back(ch);
+        }
+    }
+  }
+  out.push_back('"');
+}
+
+}  // namespace detail
+
+property::~property() = default;
+
+const char* property_kind_c_str(property::property_kind kind) {
+  switch (kind) {
+    case property::kind_int: return "int";
+    case property::kind_bool: return "bool";
+    case property::kind_string: return "string";
+    case property::kind_list: return "list";
+    case property::kind_properties: return "properties";
+  }
+  return "unknown";
+}
+
+// Scalars: equal when the kinds and values are equal; ordered by kind first.
+void property_int::encode(zelbase::encoder_network& encoder) const { encoder.pack_int(value_); }
+zelbase::ptr_refcount<property> property_int::clone() const { return new property_int(value_); }
+std::string property_int::to_string() const { return std::to_string(value_); }
+std::string property_int::describe() const { return to_string(); }
+bool property_int::operator==(const property& other) const {
+  return other.kind() == kind_int && static_cast<const property_int&>(other).value_ == value_;
+}
+bool property_int::operator<(const property& other) const {
+  return other.kind() == kind_int ? value_ < static_cast<const property_int&>(other).value_
+                                  : kind_int < other.kind();
+}
+
+void property_bool::encode(zelbase::encoder_network& encoder) const { encoder.pack_bool(value_); }
+zelbase::ptr_refcount<property> property_bool::clone() const { return new property_bool(value_); }
+std::string property_bool::to_string() const { return value_ ? "true" : "false"; }
+std::string property_bool::describe() const { return to_string(); }
+bool property_bool::operator==(const property& other) const {
+  return other.kind() == kind_bool && static_cast<const property_bool&>(other).value_ == value_;
+}
+bool property_bool::operator<(const property& other) const {
+  return other.kind() == kind_bool ? value_ < static_cast<const property_bool&>(other).value_
+                                   : kind_bool < other.kind();
+}
+
+void property_string::encode(zelbase::encoder_network& encoder) const {
+  encoder.pack_string(value_);
+}
+zelbase::ptr_refcount<property> property_string::clone() const {
+  return new property_string(value_);
+}
+std::string property_string::to_string() const { return value_; }
+std::string property_string::describe() const {
+  std::string out;
+  detail::append_json_string(out, value_);
+  return out;
+}
+bool property_string::operator==(const property& other) const {
+  return other.kind() == kind_string && static_cast<const property_string&>(other).value_ == value_;
+}
+bool property_string::operator<(const property& other) const {
+  return other.kind() == kind_string ? value_ < static_cast<const property_string&>(other).value_
+                                     : kind_string < other.kind();
+}
+
+property_list::property_list(const zelbase::ptr_refcount<const property_list>& other) {
+  if (other) values_ = other->values_;
+}
+
+void property_list::encode(zelbase::encoder_network& encoder) const {
+  encoder.pack_array(static_cast<std::uint32_t>(values_.size()));
+  for (const auto& value : values_) {
+    if (value)
+      value->encode(encoder);
+    else
+      encoder.pack_nil();
+  }
+}
+
+zelbase::ptr_refcount<property> property_list::clone() const {
+  zelbase::ptr_refcount<property_list> copy(new property_list);
+  for (const auto& value : values_) copy->values_.push_back(value ? value->clone() : nullptr);
+  return copy;
+}
+
+std::string property_list::to_string() const { return describe(); }
+
+std::string property_list::describe() const {
+  std::string out = "[";
+  bool first = true;
+  for (const auto& value : values_) {
+    if (!first) out += ",";
+    first = false;
+    out += value ? value->describe() : "null";
+  }
+  out += "]";
+  return out;
+}
+
+namespace {
+// Null elements compare equal to each other and before any value.
+bool element_less(const property_ptr& a, const property_ptr& b) {
+  if (!a || !b) return !a && b;
+  return *a < *b;
+}
+bool element_equal(const property_ptr& a, const property_ptr& b) {
+  if (!a || !b) return !a && !b;
+  return *a == *b;
+}
+}  // namespace
+
+bool property_list::operator==(const property& other) const {
+  if (other.kind() != kind_list) return false;
+  const auto& theirs = static_cast<const property_list&>(other).values_;
+  return values_.size() == theirs.size() &&
+         std::equal(values_.begin(), values_.end(), theirs.begin(), element_equal);
+}
+
+bool property_list::operator<(const property& other) const {
+  if (other.kind() != kind_list) return kind_list < other.kind();
+  const auto& theirs = static_cast<const property_list&>(other).values_;
+  return std::lexicographical_compare(values_.begin(), values_.end(), theirs.begin(), theirs.end(),
+                                      element_less);
+}
+
+namespace {
+// Constants live for the whole process: each is retained once here and never released.
+template <class T>
+const property* immortal(T* p) {
+  p->retain();
+  return p;
+}
+
+constexpr std::int64_t small_int_min = -16;
+constexpr std::int64_t small_int_max = 1023;
+
+const property* const* small_ints() {
+  static const property* const* table = [] {
+    auto* t = new const property*[small_int_max - small_int_min + 1];
+    for (std::int64_t v = small_int_min; v <= small_int_max; ++v)
+      t[v - small_int_min] = immortal(new property_int(v));
+    return t;
+  }();
+  return table;
+}
+}  // namespace
+
+property_ptr make_int(std::int64_t value) {
+  if (value >= small_int_min && value <= small_int_max)
+    return property_ptr(small_ints()[value - small_int_min]);
+  return property_ptr(new property_int(value));
+}
+
+property_ptr make_bool(bool value) {
+  static const property* const yes = immortal(new property_bool(true));
+  static const property* const no = immortal(new property_bool(false));
+  return property_ptr(value ? yes : no);
+}
+
+property_ptr make_string(std::string value) {
+  return property_ptr(new property_string(std::move(value)));
+}
+
+std::string encode_property(const property& value) {
+  zelbase::encoder_network encoder;
+  value.encode(encoder);
+  return encoder.take();
+}
+
+}  // namespace zelcore

@@ -1,0 +1,172 @@
+// Decoding of the network encoding (MessagePack) into property trees, on msgpack-cxx's parser.
+// Builds the tree directly while parsing; never reads past the input and never reserves more
+// than the input could hold.
+#include <msgpack.hpp>
+
+#include "properties_body.h"
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+
+namespace zelcore {
+
+namespace {
+
+constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_codec";
+
+class tree_builder : public msgpack::null_visitor {
+ public:
+  tree_builder(std::size_t input_size, std::size_t max_depth)
+      : input_size_(input_size), max_depth_(max_depth) {}
+
+  property_ptr take_root() { return std::move(root_); }
+  const std::string& error() const { return error_; }
+
+  bool visit_nil() { return attach(property_ptr()); }
+  bool visit_boolean(bool v) { return attach(make_bool(v)); }
+  bool visit_positive_integer(std::uint64_t v) {
+    // Unsigned counters travel as their bits; they come back as the signed value.
+    return attach(make_int(static_cast<std::int64_t>(v)));
+  }
+  bool visit_negative_integer(std::int64_t v) { return attach(make_int(v)); }
+  bool visit_float32(float) { return fail("floating-point values are not supported"); }
+  bool visit_float64(double) { return fail("floating-point values are not supported"); }
+  bool visit_bin(const char*, std::uint32_t) { return fail("binary values are not supported"); }
+  bool visit_ext(const char*, std::uint32_t) { return fail("extension values are not supported"); }
+
+  bool visit_str(const char* v, std::uint32_t size) {
+    if (!frames_.empty() && frames_.back().expecting_key) {
+      frames_.back().key.assign(v, size);
+      return true;
+    }
+    return attach(make_string(std::string(v, size)));
+  }
+
+  bool start_array(std::uint32_t) {
+    if (!open_container()) return false;
+    zelbase::ptr_refcount<property_list> list(new property_list);
+    frames_.push_back(frame{property_ptr(list), list.get(), nullptr, {}, false, true});
+    return true;
+  }
+  bool end_array() { return close_container(); }
+
+  bool start_map(std::uint32_t count) {
+    if (!open_container()) return false;
+    zelbase::ptr_refcount<properties> tree(new properties);
+    properties::container& entries = detail::properties_builder::entries(*tree);
+    // Each pair takes at least two bytes, so a forged count cannot reserve more than that.
+    entries.reserve(std::min<std::size_t>(count, input_size_ / 2));
+    frames_.push_back(frame{property_ptr(tree), nullptr, &entries, {}, false, true});
+    return true;
+  }
+  bool start_map_key() {
+    frames_.back().expecting_key = true;
+    return true;
+  }
+  bool end_map_key() {
+    frames_.back().expecting_key = false;
+    return true;
+  }
+  bool end_map() {
+    frame& top = frames_.back();
+    if (!top.sorted) detail::properties_builder::normalise(*top.entries);
+    return close_container();
+  }
+
+  void parse_error(std::size_t, std::size_t error_offset) {
+    set_error(zelbase::string_with_format("malformed input at byte %zu", error_offset));
+  }
+  void insufficient_bytes(std::size_t, std::size_t error_offset) {
+    set_error(zelbase::string_with_format("input truncated at byte %zu", error_offset));
+  }
+
+ private:
+  struct frame {
+    property_ptr holder;
+    property_list* list;
+    properties::container* entries;
+    std::string key;
+    bool expecting_key = false;
+    bool sorted = true;
+  };
+
+  bool fail(const char* reason) {
+    set_error(reason);
+    return false;
+  }
+  void set_error(std::string reason) {
+    if (error_.empty()) error_ = std::move(reason);
+  }
+
+  bool open_container() {
+    if (!frames_.empty() && frames_.back().expecting_key) return fail("a map key is not a string");
+    if (frames_.size() >= max_depth_)
+      return fail(
+          zelbase::string_with_format("nesting deeper than %zu levels", max_depth_).c_str());
+    return true;
+  }
+
+  bool close_container() {
+    property_ptr done = std::move(frames_.back().holder);
+    frames_.pop_back();
+    return attach(std::move(done));
+  }
+
+  bool attach(property_ptr value) {
+    if (frames_.empty()) {
+      if (!value) return fail("nil is not a property");
+      root_ = std::move(value);
+      return true;
+    }
+    frame& top = frames_.back();
+    if (top.list) {
+      if (!value) return fail("nil is not allowed in a list");
+      top.list->push_back(std::move(value));
+      return true;
+    }
+    if (top.expecting_key) return fail("a map key is not a string");
+    if (!value) return true;  // a nil value: the key is absent
+    properties::container& entries = *top.entries;
+    if (top.sorted && !entries.empty() && !(entries.back().first < top.key)) top.sorted = false;
+    entries.emplace_back(std::move(top.key), std::move(value));
+    top.key.clear();
+    return true;
+  }
+
+  std::size_t input_size_;
+  std::size_t max_depth_;
+  std::vector<frame> frames_;
+  property_ptr root_;
+  std::string error_;
+};
+
+[[noreturn]] void raise_decode(const std::string& reason) {
+  zelbase::es::arg::raise(source_file, __LINE__, "cannot decode property: " + reason);
+}
+
+}  // namespace
+
+property_ptr decode_property(const char* data, std::size_t size, std::size_t max_depth) {
+  if (size == 0) raise_decode("input is empty");
+  tree_builder builder(size, max_depth);
+  std::size_t offset = 0;
+  bool ok = false;
+  try {
+    ok = msgpack::parse(data, size, offset, builder);
+  } catch (const std::exception& e) {
+    raise_decode(e.what());
+  }
+  if (!ok) raise_decode(builder.error().empty() ? "malformed input" : builder.error());
+  if (offset != size)
+    raise_decode(zelbase::string_with_format("%zu bytes after the value", size - offset));
+  return builder.take_root();
+}
+
+properties decode_properties(const char* data, std::size_t size, std::size_t max_depth) {
+  property_ptr value = decode_property(data, size, max_depth);
+  if (value->kind() != property::kind_properties)
+    raise_decode(zelbase::string_with_format("the value is a %s, not a properties",
+                                             property_kind_c_str(value->kind())));
+  return static_cast<const properties&>(*value);
+}
+
+}  // namespace zelcore
