@@ -5,3 +5,4 @@
 #include "zelcore/plugin_db.h"
 #include "zelcore/properties.h"
 #include "zelcore/report.h"
+#include "zelcore/task.h"

@@ -1,0 +1,129 @@
+// A workflow: a graph of tasks with their in-values, out-values, statuses, priorities and meta
+// data. Templates (type 0) spawn copies; init workflows (type 1) collect init values until they
+// are inited; spawned workflows (type 2) carry a sequence number. See docs/workflow-model.md.
+//
+// A workflow_info is a value: copies are deep and independent. It takes no lock; use one
+// thread at a time. Operations raise zelbase::es::base errors for unknown task ids and bad values.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+
+#include "zelbase/refcount.h"
+#include "zelcore/plugin_db.h"
+#include "zelcore/properties.h"
+#include "zelcore/task.h"
+#include "zelworkflow/export.h"
+#include "zelworkflow/task_info.h"
+
+namespace zelworkflow {
+
+class ZELWORKFLOW_EXPORT workflow_info {
+ public:
+  enum workflow_type : std::uint32_t {
+    workflow_type_template = 0,
+    workflow_type_init = 1,
+    workflow_type_spawned = 2,
+  };
+
+  enum status : std::uint32_t {
+    status_created = 0,
+    status_running = 1,
+    status_finished = 2,
+    status_failed = 3,
+    status_killed = 4,
+  };
+
+  enum priority_whence : std::uint32_t {
+    priority_absolute = 0,
+    priority_relative = 1,
+  };
+
+  workflow_info();
+  workflow_info(const workflow_info& other);
+  workflow_info& operator=(const workflow_info& other);
+  ~workflow_info();
+
+  // Fills this (default) workflow from its encoding; raises es::arg for a malformed one.
+  void decode_workflow_info(const zelcore::properties& encoded, const zelcore::plugin_db& db);
+  // Writes the whole workflow; decode_workflow_info of the result gives an equal workflow.
+  void encode_workflow_info(zelcore::properties& out) const;
+
+  workflow_type get_type() const;
+  void set_type(workflow_type type);
+  status get_status() const;
+  std::uint64_t get_sequence_number() const;
+  // Instantiates the workflow with a sequence number, an in-value and the attempts configuration.
+  void spawn(std::uint64_t sequence_number, zelbase::ptr_refcount<const zelcore::property> in_value,
+             std::map<std::string, unsigned int> attempts_config);
+  bool is_inited() const;
+  // Sets an in-value at an in-node path; false when the workflow refuses it.
+  bool set_in_value(const std::string& in_node_path,
+                    const zelbase::ptr_refcount<const zelcore::property>& value,
+                    bool force_spawn_value, const std::string& originator);
+
+  const std::map<std::string, std::string>& get_waiting_wfs() const;
+  void add_waiting_wf(const std::string& state_id, const std::string& originator);
+  void clear_waiting_wfs();
+
+  bool add_dependant(const std::string& state_id);
+  bool remove_dependant(const std::string& state_id);
+  void clear_dependants();
+
+  // Adds a task and returns its task id.
+  const std::string& add_task_info(zelbase::ptr_refcount<task_info>& task);
+  // The task; raises es::arg for an unknown task id.
+  zelbase::ptr_refcount<const task_info> get_task_info(const std::string& wtid) const;
+  zelbase::ptr_refcount<task_info> get_task_info(const std::string& wtid);
+  bool has_task_info(const std::string& wtid) const;
+  bool is_task_kill_triggered(const std::string& wtid) const;
+
+  unsigned int get_task_num_attempts(const std::string& wtid) const;
+  unsigned int get_task_max_attempts(const std::string& wtid) const;
+  void set_task_max_attempts(const std::string& wtid, unsigned int max_attempts);
+
+  std::int64_t get_task_priority(const std::string& wtid) const;
+  void set_task_priority(const std::string& wtid, std::int64_t priority, priority_whence whence,
+                         std::int64_t min_priority, std::int64_t max_priority);
+  std::int64_t get_priority() const;
+  void set_priority(std::int64_t priority, priority_whence whence, std::int64_t min_priority,
+                    std::int64_t max_priority);
+
+  // True when the status changed.
+  bool set_task_status(const std::string& wtid, zelcore::task::status status, unsigned int time,
+                       const std::string& node_id, const std::string& message);
+  void set_task_scheduling_state(const std::string& wtid, zelcore::task::scheduling_state state);
+  void update_task_progress(const std::string& wtid, const zelcore::properties& progress);
+
+  // Task ids whose prerequisites can no longer complete.
+  void get_invalid_pre_reqs_tasks(std::set<std::string>& wtids) const;
+  // Runnable task ids, and for every other task a reason text.
+  void get_tasks_runnability(std::list<std::string>& runnable,
+                             std::map<std::string, std::string>& not_runnable) const;
+  // One task id per task.
+  void get_task_uris(std::list<std::string>& wtids) const;
+  // The task graph in the dot language.
+  void make_dot_graph(std::string& out);
+
+  const zelcore::properties& get_configuration() const;
+  const zelcore::properties& get_workflow_meta_data() const;
+  void set_workflow_meta_data(const zelcore::properties& meta);
+  void add_workflow_meta_data(const zelcore::properties& meta);
+  void add_workflow_meta_data(const std::string& key,
+                              zelbase::ptr_refcount<const zelcore::property> value);
+  const zelcore::properties& get_ext_meta_data() const;
+  void set_ext_meta_data(const zelcore::properties& meta);
+  void set_ext_meta_data(const std::string& key,
+                         zelbase::ptr_refcount<const zelcore::property> value);
+  void add_ext_meta_data(const zelcore::properties& meta);
+
+ private:
+  // The model's data; its layout is the workflow library's own (see docs/workflow-model.md).
+  struct model;
+  model* model_;
+};
+
+}  // namespace zelworkflow
