@@ -1,1 +1,71 @@
+// Intrusive reference counting.
 #include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "zelbase/refcount.h"
+
+namespace {
+struct tracked : zelbase::object_refcount {
+  explicit tracked(int* deaths) : deaths(deaths) {}
+  ~tracked() override { ++*deaths; }
+  int* deaths;
+};
+}  // namespace
+
+TEST(PtrRefcount, FreesTheObjectWithTheLastOwner) {
+  int deaths = 0;
+  {
+    zelbase::ptr_refcount<tracked> a(new tracked(&deaths));
+    EXPECT_EQ(a->refcount(), 1u);
+    {
+      zelbase::ptr_refcount<tracked> b = a;
+      EXPECT_EQ(a->refcount(), 2u);
+    }
+    EXPECT_EQ(deaths, 0);
+  }
+  EXPECT_EQ(deaths, 1);
+}
+
+TEST(PtrRefcount, ReassignmentReleasesTheOldObject) {
+  int deaths = 0;
+  zelbase::ptr_refcount<tracked> p(new tracked(&deaths));
+  p = new tracked(&deaths);
+  EXPECT_EQ(deaths, 1);
+  p.reset();
+  EXPECT_EQ(deaths, 2);
+  EXPECT_TRUE(p.is_null());
+}
+
+TEST(PtrRefcount, ConvertsToAPointerToConstBase) {
+  int deaths = 0;
+  zelbase::ptr_refcount<tracked> p(new tracked(&deaths));
+  zelbase::ptr_refcount<const zelbase::object_refcount> base = p;
+  EXPECT_EQ(p->refcount(), 2u);
+  p.reset();
+  EXPECT_EQ(deaths, 0);
+  base.reset();
+  EXPECT_EQ(deaths, 1);
+}
+
+TEST(PtrRefcount, CountsAreSafeAcrossThreads) {
+  int deaths = 0;
+  zelbase::ptr_refcount<tracked> shared(new tracked(&deaths));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([shared] {
+      for (int i = 0; i < 100000; ++i) zelbase::ptr_refcount<tracked> copy = shared;
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(shared->refcount(), 1u);
+  shared.reset();
+  EXPECT_EQ(deaths, 1);
+}
+
+TEST(ObjectRefcount, CopyOfAnObjectStartsWithNoOwners) {
+  int deaths = 0;
+  zelbase::ptr_refcount<tracked> p(new tracked(&deaths));
+  tracked copy(*p);
+  EXPECT_EQ(copy.refcount(), 0u);
+}
