@@ -151,6 +151,11 @@ class ZELCAPI_EXPORT state {
   void get_workflow_results(zelcore::properties& out) const;
 
   std::uint64_t get_workflow_sequence_number() const noexcept { return workflow_seq_nr_; }
+  const zelcore::plugin_db& get_plugin_db() const noexcept { return *plugin_db_; }
+  state_notification_receiver* get_receiver() const noexcept { return receiver_; }
+  state_db* get_state_db() const noexcept { return state_db_; }
+  history_db* get_history_db() const noexcept { return history_db_; }
+  std::uint32_t get_history_keep_time() const noexcept { return history_keep_time_; }
 
  protected:
   item_map& get_items_non_const(state_item_type type);
