@@ -1,4 +1,295 @@
-// Property tree benchmarks against nlohmann::json and msgpack-cxx on the same data.
+// Property tree benchmarks, side by side on the same data with nlohmann::json (what a user
+// would otherwise hold such records in) and msgpack-cxx (the speed limit of the bytes).
+// Prints the ratios that the tree must reach after the timings.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
-BENCHMARK_MAIN();
+#include <cstdio>
+#include <map>
+#include <msgpack.hpp>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "zelcore/properties.h"
+
+namespace {
+
+using zelcore::make_bool;
+using zelcore::make_int;
+using zelcore::make_string;
+using zelcore::properties;
+
+constexpr int snapshot_records = 100000;
+
+// A job record as the master sends it: 20 fields of the usual kinds.
+properties job_record(int n) {
+  properties p(false);
+  const std::string id = "job-" + std::to_string(1000000 + n);
+  p.set_string_value("id", id);
+  p.set_string_value("submission-id", "sub-" + std::to_string(n / 10));
+  p.set_string_value("source-id", "src-" + std::to_string(n % 7));
+  p.set_string_value("name", "render frame " + std::to_string(n));
+  p.set_string_value("user", "operator");
+  p.set_string_value("node-id", "node-" + std::to_string(n % 64));
+  p.set_string_value("slot-id", "slot-" + std::to_string(n % 512));
+  p.set_string_value("command", "/opt/render/bin/render --frame " + std::to_string(n));
+  p.set_int_value("status", n % 6);
+  p.set_int_value("priority", 500 + n % 100);
+  p.set_int_value("submit-time", 1763700000 + n);
+  p.set_int_value("start-time", 1763700100 + n);
+  p.set_int_value("end-time", 0);
+  p.set_int_value("exit-code", 0);
+  p.set_int_value("attempts", 1);
+  p.set_int_value("max-attempts", 3);
+  p.set_int_value("memory", 4294967296LL + n);
+  p.set_bool_value("killed", false);
+  p.set_bool_value("restartable", true);
+  p.set_properties_value("progress", properties{{"done", make_int(n % 100)},
+                                                {"total", make_int(100)},
+                                                {"phase", make_string("rendering")}});
+  return p;
+}
+
+properties snapshot() {
+  properties all(false);
+  for (int n = 0; n < snapshot_records; ++n) {
+    properties record = job_record(n);
+    all.set_properties_value(record.get_string_value("id"), record);
+  }
+  return all;
+}
+
+const std::string& record_bytes() {
+  static const std::string bytes = zelcore::encode_property(job_record(42));
+  return bytes;
+}
+
+const std::string& snapshot_bytes() {
+  static const std::string bytes = zelcore::encode_property(snapshot());
+  return bytes;
+}
+
+// Two different 3-leaf updates, so that every merge really replaces values.
+const properties& update_tree(int which) {
+  static const properties updates[2] = {
+      properties{{"status", make_int(3)},
+                 {"end-time", make_int(1763709999)},
+                 {"progress", zelcore::property_ptr(new properties{{"done", make_int(100)}})}},
+      properties{{"status", make_int(4)},
+                 {"end-time", make_int(1763711111)},
+                 {"progress", zelcore::property_ptr(new properties{{"done", make_int(50)}})}}};
+  return updates[which];
+}
+
+void decode_tree(benchmark::State& s, const std::string& bytes) {
+  for (auto _ : s) {
+    properties p = zelcore::decode_properties(bytes.data(), bytes.size());
+    benchmark::DoNotOptimize(p);
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+void decode_nlohmann(benchmark::State& s, const std::string& bytes) {
+  for (auto _ : s) {
+    nlohmann::json j = nlohmann::json::from_msgpack(bytes);
+    benchmark::DoNotOptimize(j);
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+void decode_msgpack(benchmark::State& s, const std::string& bytes) {
+  for (auto _ : s) {
+    msgpack::object_handle h = msgpack::unpack(bytes.data(), bytes.size());
+    benchmark::DoNotOptimize(h.get());
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+
+void encode_tree(benchmark::State& s, const std::string& bytes) {
+  const properties p = zelcore::decode_properties(bytes.data(), bytes.size());
+  zelbase::encoder_network encoder;
+  for (auto _ : s) {
+    encoder.clear();
+    p.encode(encoder);
+    benchmark::DoNotOptimize(encoder.data());
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+void encode_nlohmann(benchmark::State& s, const std::string& bytes) {
+  const nlohmann::json j = nlohmann::json::from_msgpack(bytes);
+  std::vector<std::uint8_t> out;
+  for (auto _ : s) {
+    out.clear();
+    nlohmann::json::to_msgpack(j, out);
+    benchmark::DoNotOptimize(out.data());
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+void encode_msgpack(benchmark::State& s, const std::string& bytes) {
+  const msgpack::object_handle h = msgpack::unpack(bytes.data(), bytes.size());
+  msgpack::sbuffer out;
+  for (auto _ : s) {
+    out.clear();
+    msgpack::pack(out, h.get());
+    benchmark::DoNotOptimize(out.data());
+  }
+  s.SetBytesProcessed(static_cast<std::int64_t>(s.iterations() * bytes.size()));
+}
+
+void BM_decode_record_zelcore(benchmark::State& s) { decode_tree(s, record_bytes()); }
+void BM_decode_record_nlohmann(benchmark::State& s) { decode_nlohmann(s, record_bytes()); }
+void BM_decode_record_msgpack(benchmark::State& s) { decode_msgpack(s, record_bytes()); }
+void BM_decode_snapshot_zelcore(benchmark::State& s) { decode_tree(s, snapshot_bytes()); }
+void BM_decode_snapshot_nlohmann(benchmark::State& s) { decode_nlohmann(s, snapshot_bytes()); }
+void BM_decode_snapshot_msgpack(benchmark::State& s) { decode_msgpack(s, snapshot_bytes()); }
+void BM_encode_record_zelcore(benchmark::State& s) { encode_tree(s, record_bytes()); }
+void BM_encode_record_nlohmann(benchmark::State& s) { encode_nlohmann(s, record_bytes()); }
+void BM_encode_record_msgpack(benchmark::State& s) { encode_msgpack(s, record_bytes()); }
+void BM_encode_snapshot_zelcore(benchmark::State& s) { encode_tree(s, snapshot_bytes()); }
+void BM_encode_snapshot_nlohmann(benchmark::State& s) { encode_nlohmann(s, snapshot_bytes()); }
+void BM_encode_snapshot_msgpack(benchmark::State& s) { encode_msgpack(s, snapshot_bytes()); }
+
+// The merge of a notification's 3-leaf update into a stored record, in place.
+void BM_merge_zelcore(benchmark::State& s) {
+  properties record = job_record(42);
+  int which = 0;
+  for (auto _ : s) {
+    record.merge_leaves(update_tree(which ^= 1));
+    benchmark::DoNotOptimize(record);
+  }
+}
+void BM_merge_nlohmann(benchmark::State& s) {
+  nlohmann::json record = nlohmann::json::from_msgpack(record_bytes());
+  const nlohmann::json updates[2] = {
+      nlohmann::json::from_msgpack(zelcore::encode_property(update_tree(0))),
+      nlohmann::json::from_msgpack(zelcore::encode_property(update_tree(1)))};
+  int which = 0;
+  for (auto _ : s) {
+    record.merge_patch(updates[which ^= 1]);
+    benchmark::DoNotOptimize(record);
+  }
+}
+
+void BM_copy_record_zelcore(benchmark::State& s) {
+  const properties record = job_record(42);
+  for (auto _ : s) {
+    properties copy = record;
+    benchmark::DoNotOptimize(copy);
+  }
+}
+void BM_copy_record_nlohmann(benchmark::State& s) {
+  const nlohmann::json record = nlohmann::json::from_msgpack(record_bytes());
+  for (auto _ : s) {
+    nlohmann::json copy = record;
+    benchmark::DoNotOptimize(copy);
+  }
+}
+
+BENCHMARK(BM_decode_record_zelcore);
+BENCHMARK(BM_decode_record_nlohmann);
+BENCHMARK(BM_decode_record_msgpack);
+BENCHMARK(BM_decode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_decode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_decode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_record_zelcore);
+BENCHMARK(BM_encode_record_nlohmann);
+BENCHMARK(BM_encode_record_msgpack);
+BENCHMARK(BM_encode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_merge_zelcore);
+BENCHMARK(BM_merge_nlohmann);
+BENCHMARK(BM_copy_record_zelcore);
+BENCHMARK(BM_copy_record_nlohmann);
+
+// Collects each benchmark's CPU time per iteration for the ratio table (CPU time, so that
+// other work on the machine does not skew one side).
+class ratio_reporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred)
+        seconds_[run.benchmark_name()] =
+            run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+  }
+
+  // "ours is N times faster than peer" (target: at least `times`).
+  void print_speedup(const char* what, const std::string& ours, const std::string& peer,
+                     double times) const {
+    if (!has(ours) || !has(peer)) return;
+    const double ratio = seconds_.at(peer) / seconds_.at(ours);
+    std::printf("%-44s %8.2fx  (target >= %.2fx)  %s\n", what, ratio, times,
+                ratio >= times ? "met" : "NOT MET");
+  }
+  // "ours runs at N% of peer's rate" (target: at least `fraction`).
+  void print_rate(const char* what, const std::string& ours, const std::string& peer,
+                  double fraction) const {
+    if (!has(ours) || !has(peer)) return;
+    const double ratio = seconds_.at(peer) / seconds_.at(ours);
+    std::printf("%-44s %7.0f%%   (target >= %.0f%%)   %s\n", what, ratio * 100, fraction * 100,
+                ratio >= fraction ? "met" : "NOT MET");
+  }
+
+ private:
+  bool has(const std::string& name) const { return seconds_.count(name) != 0; }
+  std::map<std::string, double> seconds_;
+};
+
+// Heap bytes that a store of decoded records takes, per field, beside the encoded size.
+void print_store_memory() {
+  const std::string& bytes = record_bytes();
+  std::vector<std::string> encoded;
+  encoded.reserve(snapshot_records);
+  std::size_t encoded_total = 0;
+  for (int n = 0; n < snapshot_records; ++n) {
+    encoded.push_back(zelcore::encode_property(job_record(n)));
+    encoded_total += encoded.back().size();
+  }
+  const std::size_t before = mallinfo2().uordblks;
+  {
+    std::map<std::string, properties> store;
+    for (const std::string& e : encoded) {
+      properties record = zelcore::decode_properties(e.data(), e.size());
+      store.emplace(record.get_string_value("id"), std::move(record));
+    }
+    const std::size_t after = mallinfo2().uordblks;
+    const double fields = static_cast<double>(snapshot_records) * 20;
+    std::printf(
+        "store of %d 20-field records: %.1f bytes/field in memory, %.1f bytes/field "
+        "as MessagePack (one record: %zu bytes)\n",
+        snapshot_records, static_cast<double>(after - before) / fields,
+        static_cast<double>(encoded_total) / fields, bytes.size());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  ratio_reporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  std::printf("\n");
+  reporter.print_speedup("decode record vs nlohmann::from_msgpack", "BM_decode_record_zelcore",
+                         "BM_decode_record_nlohmann", 5);
+  reporter.print_rate("decode record vs msgpack::unpack", "BM_decode_record_zelcore",
+                      "BM_decode_record_msgpack", 0.25);
+  reporter.print_speedup("decode snapshot vs nlohmann::from_msgpack", "BM_decode_snapshot_zelcore",
+                         "BM_decode_snapshot_nlohmann", 5);
+  reporter.print_rate("decode snapshot vs msgpack::unpack", "BM_decode_snapshot_zelcore",
+                      "BM_decode_snapshot_msgpack", 0.25);
+  reporter.print_speedup("encode record vs nlohmann::to_msgpack", "BM_encode_record_zelcore",
+                         "BM_encode_record_nlohmann", 3);
+  reporter.print_rate("encode record vs msgpack::pack", "BM_encode_record_zelcore",
+                      "BM_encode_record_msgpack", 0.5);
+  reporter.print_speedup("encode snapshot vs nlohmann::to_msgpack", "BM_encode_snapshot_zelcore",
+                         "BM_encode_snapshot_nlohmann", 3);
+  reporter.print_rate("encode snapshot vs msgpack::pack", "BM_encode_snapshot_zelcore",
+                      "BM_encode_snapshot_msgpack", 0.5);
+  reporter.print_speedup("3-leaf merge vs nlohmann::merge_patch", "BM_merge_zelcore",
+                         "BM_merge_nlohmann", 2);
+  reporter.print_speedup("copy of a record vs nlohmann::json copy", "BM_copy_record_zelcore",
+                         "BM_copy_record_nlohmann", 5);
+  print_store_memory();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -17,7 +17,12 @@ const properties::container& no_entries() {
   return empty;
 }
 
-bool key_less(const properties::entry& e, const std::string& key) { return e.first < key; }
+// Position of the first entry not before `key`, whose order is `order`.
+std::size_t position_of(const properties::container& all, const std::string& key,
+                        std::uint64_t order) {
+  return static_cast<std::size_t>(
+      detail::entry_lower_bound(all.data(), all.data() + all.size(), key, order) - all.data());
+}
 
 [[noreturn]] void raise_missing(const std::string& key) {
   zelbase::es::arg::raise(source_file, __LINE__,
@@ -122,19 +127,21 @@ void properties::clear() noexcept { body_.reset(); }
 
 properties::const_iterator properties::find(const std::string& key) const noexcept {
   const container& all = entries();
-  const auto it = std::lower_bound(all.begin(), all.end(), key, key_less);
-  return it != all.end() && it->first == key ? it : all.end();
+  const std::uint64_t order = property_entry::order_of(key);
+  const auto it = all.begin() + static_cast<std::ptrdiff_t>(position_of(all, key, order));
+  return it != all.end() && detail::entry_is(*it, key, order) ? it : all.end();
 }
 
 properties::container::iterator properties::slot(const std::string& key) {
   container& all = mutable_entries();
   // Trees are mostly built in key order: try the end first.
-  if (all.empty() || all.back().first < key) {
+  const std::uint64_t order = property_entry::order_of(key);
+  if (all.empty() || detail::entry_before(all.back(), key, order)) {
     all.emplace_back(key, property_ptr());
     return all.end() - 1;
   }
-  auto it = std::lower_bound(all.begin(), all.end(), key, key_less);
-  if (it == all.end() || it->first != key) it = all.emplace(it, key, property_ptr());
+  auto it = all.begin() + static_cast<std::ptrdiff_t>(position_of(all, key, order));
+  if (!detail::entry_is(*it, key, order)) it = all.emplace(it, key, property_ptr());
   return it;
 }
 
@@ -143,7 +150,8 @@ property_ptr& properties::operator[](const std::string& key) { return slot(key)-
 bool properties::erase(const std::string& key) {
   if (find(key) == end()) return false;
   container& all = mutable_entries();
-  all.erase(std::lower_bound(all.begin(), all.end(), key, key_less));
+  all.erase(all.begin() +
+            static_cast<std::ptrdiff_t>(position_of(all, key, property_entry::order_of(key))));
   return true;
 }
 
@@ -216,17 +224,8 @@ void properties::set_properties_value(const std::string& key, const properties& 
   (*this)[key] = property_ptr(new properties(value));
 }
 
-// A nil map value decodes as an absent key, so null slots travel as nil.
 void properties::encode(zelbase::encoder_network& encoder) const {
-  const container& all = entries();
-  encoder.pack_map(static_cast<std::uint32_t>(all.size()));
-  for (const auto& [key, value] : all) {
-    encoder.pack_string(key);
-    if (value)
-      value->encode(encoder);
-    else
-      encoder.pack_nil();
-  }
+  detail::pack_property(*this, encoder);
 }
 
 zelbase::ptr_refcount<property> properties::clone() const {
@@ -299,7 +298,7 @@ bool properties::operator<(const property& other) const {
       return false;
     }
     if (a->first != b->first) {
-      less = a->first < b->first;
+      less = detail::entry_less(*a, *b);
       return false;
     }
     if (*a->second == *b->second) return true;

@@ -1,12 +1,74 @@
 // Internal: the shared content of a `properties` and the builder that fills one in bulk.
 #pragma once
 
+#include <cstring>
+
 #include "zelcore/properties.h"
 
 namespace zelcore::detail {
 
+// Byte-wise key order, the same as std::string's operator<.
+inline bool key_less(const std::string& a, const std::string& b) noexcept {
+  const std::size_t n = a.size() < b.size() ? a.size() : b.size();
+  const int c = n ? std::memcmp(a.data(), b.data(), n) : 0;
+  return c < 0 || (c == 0 && a.size() < b.size());
+}
+
+// key_less for two keys of the same order: their first eight bytes are known to be equal.
+inline bool key_less_same_order(const std::string& a, const std::string& b) noexcept {
+  const std::size_t n = a.size() < b.size() ? a.size() : b.size();
+  if (n > 8) {
+    const int c = std::memcmp(a.data() + 8, b.data() + 8, n - 8);
+    if (c != 0) return c < 0;
+  }
+  return a.size() < b.size();
+}
+
+// Whether entry e comes before `key` (whose order is `order`); the bytes are only compared
+// when the first eight are the same.
+inline bool entry_before(const property_entry& e, const std::string& key,
+                         std::uint64_t order) noexcept {
+  return e.order() != order ? e.order() < order : key_less_same_order(e.first, key);
+}
+inline bool entry_less(const property_entry& a, const property_entry& b) noexcept {
+  return entry_before(a, b.first, b.order());
+}
+
+// The first entry of [first, last) that is not before `key`, whose order is `order`. The halving
+// compares orders only, so that it selects instead of jumping (the comparisons of a lookup
+// cannot be predicted); the few entries that share the first eight bytes are walked after.
+inline const property_entry* entry_lower_bound(const property_entry* first,
+                                               const property_entry* last, const std::string& key,
+                                               std::uint64_t order) noexcept {
+  std::size_t n = static_cast<std::size_t>(last - first);
+  if (n == 0) return first;
+  while (n > 1) {
+    const std::size_t half = n / 2;
+    first = first[half - 1].order() < order ? first + half : first;
+    n -= half;
+  }
+  if (first->order() < order) ++first;
+  while (first != last && first->order() == order && key_less_same_order(first->first, key))
+    ++first;
+  return first;
+}
+
+// Whether the entry holds exactly `key`, whose order is `order`.
+inline bool entry_is(const property_entry& e, const std::string& key,
+                     std::uint64_t order) noexcept {
+  // Equal orders and sizes leave only the bytes after the eighth to compare.
+  return e.order() == order && e.first.size() == key.size() &&
+         (key.size() <= 8 || std::memcmp(e.first.data() + 8, key.data() + 8, key.size() - 8) == 0);
+}
+
+// Writes a property and everything below it with one packer (no virtual call per value).
+void pack_property(const property& value, zelbase::encoder_network& encoder);
+
 // Entries sorted by key, unique keys. Shared by copies of a tree until one of them changes.
 struct properties_body : zelbase::object_refcount {
+  static void* operator new(std::size_t size) { return pool_allocate(size); }
+  static void operator delete(void* p, std::size_t size) noexcept { pool_free(p, size); }
+
   properties::container entries;
 };
 

@@ -1,6 +1,7 @@
 // The scalar and list property kinds, and the shared constants for common values.
 #include <cstdio>
 
+#include "properties_body.h"
 #include "property_text.h"
 #include "zelbase/exceptions.h"
 #include "zelcore/properties.h"
@@ -97,13 +98,7 @@ property_list::property_list(const zelbase::ptr_refcount<const property_list>& o
 }
 
 void property_list::encode(zelbase::encoder_network& encoder) const {
-  encoder.pack_array(static_cast<std::uint32_t>(values_.size()));
-  for (const auto& value : values_) {
-    if (value)
-      value->encode(encoder);
-    else
-      encoder.pack_nil();
-  }
+  detail::pack_property(*this, encoder);
 }
 
 zelbase::ptr_refcount<property> property_list::clone() const {
@@ -153,10 +148,10 @@ bool property_list::operator<(const property& other) const {
 }
 
 namespace {
-// Constants live for the whole process: each is retained once here and never released.
+// Constants live for the whole process.
 template <class T>
 const property* immortal(T* p) {
-  p->retain();
+  p->make_immortal();
   return p;
 }
 

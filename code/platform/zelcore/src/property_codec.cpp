@@ -16,7 +16,9 @@ constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_code
 class tree_builder : public msgpack::null_visitor {
  public:
   tree_builder(std::size_t input_size, std::size_t max_depth)
-      : input_size_(input_size), max_depth_(max_depth) {}
+      : input_size_(input_size), max_depth_(max_depth) {
+    frames_.reserve(8);
+  }
 
   property_ptr take_root() { return std::move(root_); }
   const std::string& error() const { return error_; }
@@ -33,18 +35,24 @@ class tree_builder : public msgpack::null_visitor {
   bool visit_bin(const char*, std::uint32_t) { return fail("binary values are not supported"); }
   bool visit_ext(const char*, std::uint32_t) { return fail("extension values are not supported"); }
 
+  // A key opens its entry at once; the value fills it in (or removes it, for nil).
   bool visit_str(const char* v, std::uint32_t size) {
-    if (!frames_.empty() && frames_.back().expecting_key) {
-      frames_.back().key.assign(v, size);
-      return true;
-    }
-    return attach(make_string(std::string(v, size)));
+    if (frames_.empty() || !frames_.back().expecting_key)
+      return attach(property_ptr(new property_string(v, size)));
+    frame& top = frames_.back();
+    properties::container& entries = *top.entries;
+    entries.emplace_back(v, size);
+    if (top.sorted && entries.size() > 1 &&
+        !detail::entry_less(entries[entries.size() - 2], entries.back()))
+      top.sorted = false;
+    top.has_key = true;
+    return true;
   }
 
   bool start_array(std::uint32_t) {
     if (!open_container()) return false;
     zelbase::ptr_refcount<property_list> list(new property_list);
-    frames_.push_back(frame{property_ptr(list), list.get(), nullptr, {}, false, true});
+    frames_.push_back(frame{property_ptr(list), list.get(), nullptr, false, false, true});
     return true;
   }
   bool end_array() { return close_container(); }
@@ -55,16 +63,18 @@ class tree_builder : public msgpack::null_visitor {
     properties::container& entries = detail::properties_builder::entries(*tree);
     // Each pair takes at least two bytes, so a forged count cannot reserve more than that.
     entries.reserve(std::min<std::size_t>(count, input_size_ / 2));
-    frames_.push_back(frame{property_ptr(tree), nullptr, &entries, {}, false, true});
+    frames_.push_back(frame{property_ptr(tree), nullptr, &entries, false, false, true});
     return true;
   }
   bool start_map_key() {
     frames_.back().expecting_key = true;
+    frames_.back().has_key = false;
     return true;
   }
   bool end_map_key() {
-    frames_.back().expecting_key = false;
-    return true;
+    frame& top = frames_.back();
+    top.expecting_key = false;
+    return top.has_key || fail("a map key is not a string");
   }
   bool end_map() {
     frame& top = frames_.back();
@@ -84,8 +94,8 @@ class tree_builder : public msgpack::null_visitor {
     property_ptr holder;
     property_list* list;
     properties::container* entries;
-    std::string key;
     bool expecting_key = false;
+    bool has_key = false;
     bool sorted = true;
   };
 
@@ -124,11 +134,10 @@ class tree_builder : public msgpack::null_visitor {
       return true;
     }
     if (top.expecting_key) return fail("a map key is not a string");
-    if (!value) return true;  // a nil value: the key is absent
-    properties::container& entries = *top.entries;
-    if (top.sorted && !entries.empty() && !(entries.back().first < top.key)) top.sorted = false;
-    entries.emplace_back(std::move(top.key), std::move(value));
-    top.key.clear();
+    if (value)
+      top.entries->back().second = std::move(value);
+    else
+      top.entries->pop_back();  // a nil value: the key is absent
     return true;
   }
 
@@ -144,6 +153,64 @@ class tree_builder : public msgpack::null_visitor {
 }
 
 }  // namespace
+
+namespace detail {
+
+namespace {
+using packer = msgpack::packer<zelbase::encoder_network>;
+
+void pack(const property& value, packer& out) {
+  switch (value.kind()) {
+    case property::kind_int:
+      out.pack_int64(static_cast<const property_int&>(value).value());
+      return;
+    case property::kind_bool:
+      if (static_cast<const property_bool&>(value).value())
+        out.pack_true();
+      else
+        out.pack_false();
+      return;
+    case property::kind_string: {
+      const std::string& text = static_cast<const property_string&>(value).value();
+      out.pack_str(static_cast<std::uint32_t>(text.size()));
+      out.pack_str_body(text.data(), static_cast<std::uint32_t>(text.size()));
+      return;
+    }
+    case property::kind_list: {
+      const auto& list = static_cast<const property_list&>(value).value();
+      out.pack_array(static_cast<std::uint32_t>(list.size()));
+      for (const auto& element : list) {
+        if (element)
+          pack(*element, out);
+        else
+          out.pack_nil();
+      }
+      return;
+    }
+    case property::kind_properties: {
+      const auto& tree = static_cast<const properties&>(value);
+      out.pack_map(static_cast<std::uint32_t>(tree.size()));
+      // A null slot travels as nil, which decodes as an absent key.
+      for (const auto& [key, child] : tree) {
+        out.pack_str(static_cast<std::uint32_t>(key.size()));
+        out.pack_str_body(key.data(), static_cast<std::uint32_t>(key.size()));
+        if (child)
+          pack(*child, out);
+        else
+          out.pack_nil();
+      }
+      return;
+    }
+  }
+}
+}  // namespace
+
+void pack_property(const property& value, zelbase::encoder_network& encoder) {
+  packer out(encoder);
+  pack(value, out);
+}
+
+}  // namespace detail
 
 property_ptr decode_property(const char* data, std::size_t size, std::size_t max_depth) {
   if (size == 0) raise_decode("input is empty");

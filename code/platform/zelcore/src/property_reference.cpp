@@ -148,18 +148,34 @@ void properties::set_at_reference(const std::string& ref, const property_ptr& va
 }
 
 void properties::merge_leaves(const properties& update) {
-  for (const auto& [key, value] : update) {
+  // Both trees are sorted: each key of the update is searched from where the last one was
+  // found. This tree is detached only when the update has a leaf.
+  container* all = nullptr;
+  std::size_t from = 0;
+  for (const entry& change : update) {
+    const property_ptr& value = change.second;
     if (!value) continue;
     const properties* nested = as_tree(value);
+    if (nested && !has_leaf(*nested)) continue;
+    if (!all) all = &mutable_entries();
+    const entry* found = detail::entry_lower_bound(all->data() + from, all->data() + all->size(),
+                                                   change.first, change.order());
+    auto it = all->begin() + (found - all->data());
+    if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))
+      it = all->emplace(it, change);
+    from = static_cast<std::size_t>(it - all->begin()) + 1;
     if (!nested) {
-      (*this)[key] = value;
+      it->second = value;
       continue;
     }
-    if (!has_leaf(*nested)) continue;
-    property_ptr& slot_ref = (*this)[key];
-    zelbase::ptr_refcount<properties> child = writable_child(slot_ref);
+    const properties* tree = as_tree(it->second);
+    if (tree && tree->refcount() == 1) {  // only this tree holds the child: merge in place
+      const_cast<properties*>(tree)->merge_leaves(*nested);
+      continue;
+    }
+    zelbase::ptr_refcount<properties> child(tree ? new properties(*tree) : new properties);
     child->merge_leaves(*nested);
-    if (child.get() != slot_ref.get()) slot_ref = child;
+    it->second = std::move(child);
   }
 }
 

@@ -1,9 +1,12 @@
 // Writes values in the network encoding (MessagePack) into a growing byte buffer.
-// Properties encode themselves through it; the packet layer frames its bytes.
+// Properties encode themselves through it; the packet layer frames its bytes. write() is inline
+// so that MessagePack packers can stream into the encoder directly.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -25,17 +28,27 @@ class ZELBASE_EXPORT encoder_network {
   // Starts an array or a map of `count` elements (a map element is a key and a value).
   void pack_array(std::uint32_t count);
   void pack_map(std::uint32_t count);
-  // Appends bytes as they are (already encoded data, framing headers).
-  void write(const char* data, std::size_t size);
 
-  const char* data() const noexcept { return buffer_.data(); }
-  std::size_t size() const noexcept { return buffer_.size(); }
-  void clear() noexcept { buffer_.clear(); }
-  // Hands the bytes over and leaves the encoder empty.
-  std::string take() noexcept;
+  // Appends bytes as they are (already encoded data, framing headers).
+  void write(const char* data, std::size_t size) {
+    if (capacity_ - size_ < size) grow(size);
+    std::memcpy(data_.get() + size_, data, size);
+    size_ += size;
+  }
+
+  const char* data() const noexcept { return data_.get(); }
+  std::size_t size() const noexcept { return size_; }
+  std::string_view view() const noexcept { return {data_.get(), size_}; }
+  void clear() noexcept { size_ = 0; }
+  // Copies the bytes out and leaves the encoder empty (its buffer is kept for reuse).
+  std::string take();
 
  private:
-  std::string buffer_;
+  void grow(std::size_t more);
+
+  std::unique_ptr<char[]> data_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
 };
 
 }  // namespace zelbase

@@ -16,10 +16,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <list>
 #include <map>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -33,6 +36,12 @@ class property;
 class properties;
 using property_ptr = zelbase::ptr_refcount<const property>;
 
+namespace detail {
+// Small-block allocation for tree objects (thread-local free lists; any thread may free).
+ZELCORE_EXPORT void* pool_allocate(std::size_t size);
+ZELCORE_EXPORT void pool_free(void* p, std::size_t size) noexcept;
+}  // namespace detail
+
 class ZELCORE_EXPORT property : public zelbase::object_refcount {
  public:
   enum property_kind : std::uint32_t {
@@ -44,6 +53,10 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
   };
 
   ~property() override;
+
+  static void* operator new(std::size_t size) { return detail::pool_allocate(size); }
+  static void operator delete(void* p, std::size_t size) noexcept { detail::pool_free(p, size); }
+
   virtual property_kind kind() const = 0;
   // Writes the property in the network encoding (MessagePack).
   virtual void encode(zelbase::encoder_network& encoder) const = 0;
@@ -102,6 +115,7 @@ class ZELCORE_EXPORT property_string final : public property {
   explicit property_string(const std::string& value) : value_(value) {}
   explicit property_string(std::string&& value) noexcept : value_(std::move(value)) {}
   explicit property_string(const char* value) : value_(value) {}
+  property_string(const char* data, std::size_t size) : value_(data, size) {}
   const std::string& value() const noexcept { return value_; }
 
   property_kind kind() const override { return kind_string; }
@@ -145,9 +159,54 @@ struct properties_body;
 struct properties_builder;
 }  // namespace detail
 
+// One child of a `properties`: the key (`first`) and the child (`second`), as in a map's pair;
+// structured bindings give the two. The key is fixed at construction.
+class ZELCORE_EXPORT property_entry {
+ public:
+  property_entry() = default;
+  property_entry(std::string key, property_ptr value)
+      : first(std::move(key)), second(std::move(value)), order_(order_of(first)) {}
+  property_entry(const char* key, std::size_t size) : first(key, size), order_(order_of(first)) {}
+
+  template <std::size_t I>
+  decltype(auto) get() const {
+    if constexpr (I == 0)
+      return (first);
+    else
+      return (second);
+  }
+  template <std::size_t I>
+  decltype(auto) get() {
+    if constexpr (I == 0)
+      return (first);
+    else
+      return (second);
+  }
+
+  // The first eight bytes of a key as a big-endian number, zero-padded: keys compare by it
+  // first, which decides most comparisons without looking at the bytes.
+  static std::uint64_t order_of(const std::string& key) noexcept {
+    unsigned char bytes[8] = {};
+    std::memcpy(bytes, key.data(), key.size() < 8 ? key.size() : 8);
+    std::uint64_t order;
+    std::memcpy(&order, bytes, 8);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    order = __builtin_bswap64(order);
+#endif
+    return order;
+  }
+  std::uint64_t order() const noexcept { return order_; }
+
+  std::string first;
+  property_ptr second;
+
+ private:
+  std::uint64_t order_ = 0;
+};
+
 class ZELCORE_EXPORT properties final : public property {
  public:
-  using entry = std::pair<std::string, property_ptr>;
+  using entry = property_entry;
   using container = std::vector<entry>;
   // Iteration is in ascending key order and never detaches a shared tree; values are changed
   // through operator[] or the setters.
@@ -261,3 +320,14 @@ ZELCORE_EXPORT properties decode_properties(const char* data, std::size_t size,
                                             std::size_t max_depth = default_decode_max_depth);
 
 }  // namespace zelcore
+
+template <>
+struct std::tuple_size<zelcore::property_entry> : std::integral_constant<std::size_t, 2> {};
+template <>
+struct std::tuple_element<0, zelcore::property_entry> {
+  using type = std::string;
+};
+template <>
+struct std::tuple_element<1, zelcore::property_entry> {
+  using type = zelcore::property_ptr;
+};
