@@ -168,7 +168,7 @@ property_ptr other_kind(const property& p) {
   return make_int(0);
 }
 
-struct bad_input : ::testing::Test {
+struct WorkflowManagerBadInput : ::testing::Test {
   void SetUp() override {
     std::string id;
     m.manager.add_workflow(zeltest::sample_workflow(workflow_info::workflow_type_template, 2), m.db,
@@ -207,7 +207,7 @@ struct bad_input : ::testing::Test {
   zeltest::capture_sink quiet;
 };
 
-TEST_F(bad_input, EveryValidMessageApplies) {
+TEST_F(WorkflowManagerBadInput, EveryValidMessageApplies) {
   for (const auto& c : valid_messages()) {
     reset();
     m.manager.update_workflow(c.update, m.db);
@@ -216,7 +216,7 @@ TEST_F(bad_input, EveryValidMessageApplies) {
   }
 }
 
-TEST_F(bad_input, MissingRequiredFieldsRaiseBeforeAnyChange) {
+TEST_F(WorkflowManagerBadInput, MissingRequiredFieldsRaiseBeforeAnyChange) {
   for (const auto& c : valid_messages()) {
     for (const auto& entry : c.update) {
       const std::string& key = entry.first;
@@ -228,7 +228,7 @@ TEST_F(bad_input, MissingRequiredFieldsRaiseBeforeAnyChange) {
   }
 }
 
-TEST_F(bad_input, MissingOptionalFieldsTakeTheirDefaults) {
+TEST_F(WorkflowManagerBadInput, MissingOptionalFieldsTakeTheirDefaults) {
   for (const auto& c : valid_messages()) {
     for (const std::string& key : c.optional) {
       reset();
@@ -239,7 +239,7 @@ TEST_F(bad_input, MissingOptionalFieldsTakeTheirDefaults) {
   }
 }
 
-TEST_F(bad_input, FieldsOfTheWrongKindRaiseBeforeAnyChange) {
+TEST_F(WorkflowManagerBadInput, FieldsOfTheWrongKindRaiseBeforeAnyChange) {
   for (const auto& c : valid_messages()) {
     for (const auto& [key, value] : c.update) {
       if (c.any_kind.count(key)) continue;
@@ -253,7 +253,7 @@ TEST_F(bad_input, FieldsOfTheWrongKindRaiseBeforeAnyChange) {
   }
 }
 
-TEST_F(bad_input, UnknownWorkflowIdsRaiseWithTheirCode) {
+TEST_F(WorkflowManagerBadInput, UnknownWorkflowIdsRaiseWithTheirCode) {
   for (const auto& c : valid_messages()) {
     if (c.id_key.empty()) continue;
     properties update = c.update;
@@ -262,7 +262,7 @@ TEST_F(bad_input, UnknownWorkflowIdsRaiseWithTheirCode) {
   }
 }
 
-TEST_F(bad_input, UnknownActionsRaiseAfterTheAnnouncement) {
+TEST_F(WorkflowManagerBadInput, UnknownActionsRaiseAfterTheAnnouncement) {
   for (const auto& c : valid_messages()) {
     properties update = c.update;
     update["action"] = make_string(update.get_string_value("action") + "x");
@@ -271,13 +271,13 @@ TEST_F(bad_input, UnknownActionsRaiseAfterTheAnnouncement) {
   }
 }
 
-TEST_F(bad_input, MessageWithoutActionAnnouncesNothing) {
+TEST_F(WorkflowManagerBadInput, MessageWithoutActionAnnouncesNothing) {
   expect_refused<zelbase::es::arg>(properties{{"state-id", make_string("S")}},
                                    "property 'action' is missing");
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(bad_input, MalformedValuesAndTasksRaiseBeforeAnyChange) {
+TEST_F(WorkflowManagerBadInput, MalformedValuesAndTasksRaiseBeforeAnyChange) {
   const auto cases = valid_messages();
   for (const auto& c : cases) {
     const std::string action = c.update.get_string_value("action");
@@ -413,7 +413,7 @@ class tree_maker {
   std::mt19937_64 rng_;
 };
 
-TEST_F(bad_input, RandomTreesNeverCrashAndRefusalsChangeNothing) {
+TEST_F(WorkflowManagerBadInput, RandomTreesNeverCrashAndRefusalsChangeNothing) {
   tree_maker maker(4242);
   int refused = 0, applied = 0;
   for (int i = 0; i < 3000; ++i) {

@@ -29,12 +29,12 @@ bool has_dependant(const workflow_info& wi, const std::string& id) {
   return copy.remove_dependant(id);
 }
 
-struct in_values : ::testing::Test {
+struct WorkflowManagerInValues : ::testing::Test {
   managed_workflows m;
   const properties no_meta;
 };
 
-TEST_F(in_values, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTemplate) {
+TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTemplate) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   const properties template_before = m.encoded().get_properties_value("T");
   const properties meta{{"submitted-by", make_string("me")}};
@@ -67,7 +67,7 @@ TEST_F(in_values, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTemplate) {
                         {"originator", make_string("orig")}}));
 }
 
-TEST_F(in_values, ValueToTemplateSpawnsUnderAForcedId) {
+TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsUnderAForcedId) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   std::string state_id;
   ASSERT_TRUE(
@@ -76,7 +76,7 @@ TEST_F(in_values, ValueToTemplateSpawnsUnderAForcedId) {
   EXPECT_EQ(m.workflow("forced").get_workflow_meta_data().get_string_value("parent-id"), "T");
 }
 
-TEST_F(in_values, EachValueToATemplateSpawnsAgain) {
+TEST_F(WorkflowManagerInValues, EachValueToATemplateSpawnsAgain) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   std::string first, second;
   ASSERT_TRUE(m.manager.set_in_value("T>t1>in", make_string("a"), first, "", no_meta, false, ""));
@@ -87,7 +87,7 @@ TEST_F(in_values, EachValueToATemplateSpawnsAgain) {
   EXPECT_EQ(m.workflows.size(), 3u);
 }
 
-TEST_F(in_values, OrdinaryValueToUninitedTemplateIsRefused) {
+TEST_F(WorkflowManagerInValues, OrdinaryValueToUninitedTemplateIsRefused) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2, true));
   const properties before = m.encoded();
   std::string state_id;
@@ -100,7 +100,7 @@ TEST_F(in_values, OrdinaryValueToUninitedTemplateIsRefused) {
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(in_values, InitValueToUninitedTemplateSpawnsAnInitWorkflow) {
+TEST_F(WorkflowManagerInValues, InitValueToUninitedTemplateSpawnsAnInitWorkflow) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2, true));
   std::string state_id;
   ASSERT_TRUE(
@@ -111,7 +111,7 @@ TEST_F(in_values, InitValueToUninitedTemplateSpawnsAnInitWorkflow) {
   EXPECT_EQ(m.workflow("I").get_sequence_number(), 1u);
 }
 
-TEST_F(in_values, ValueToSpawnedWorkflowIsSetWithItsMetaData) {
+TEST_F(WorkflowManagerInValues, ValueToSpawnedWorkflowIsSetWithItsMetaData) {
   m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   std::string state_id;
   ASSERT_TRUE(m.manager.set_in_value("workflow:S>t2>in", make_string("seen-value"), state_id, "",
@@ -124,7 +124,7 @@ TEST_F(in_values, ValueToSpawnedWorkflowIsSetWithItsMetaData) {
 }
 
 // An init workflow "I" not yet inited, with children spawned from its ordinary task.
-struct init_workflow : in_values {
+struct WorkflowManagerInitWorkflow : WorkflowManagerInValues {
   void SetUp() override {
     m.add("I", zeltest::sample_workflow(workflow_info::workflow_type_init, 2, true));
     ASSERT_FALSE(m.workflow("I").is_inited());
@@ -137,7 +137,7 @@ struct init_workflow : in_values {
   }
 };
 
-TEST_F(init_workflow, OrdinaryValueSpawnsAWaitingDependantChild) {
+TEST_F(WorkflowManagerInitWorkflow, OrdinaryValueSpawnsAWaitingDependantChild) {
   const std::string child = spawn_child("from-test");
   ASSERT_EQ(m.workflows.count(child), 1u);
   const workflow_info& c = m.workflow(child);
@@ -153,7 +153,7 @@ TEST_F(init_workflow, OrdinaryValueSpawnsAWaitingDependantChild) {
   EXPECT_EQ(init.get_type(), workflow_info::workflow_type_init);
 }
 
-TEST_F(init_workflow, ChildOfAnInitedWorkflowIsOnlyADependant) {
+TEST_F(WorkflowManagerInitWorkflow, ChildOfAnInitedWorkflowIsOnlyADependant) {
   std::string ignored;
   ASSERT_TRUE(m.manager.set_in_value("I>init>setup", make_string("init-value"), ignored, "",
                                      no_meta, false, ""));
@@ -163,7 +163,7 @@ TEST_F(init_workflow, ChildOfAnInitedWorkflowIsOnlyADependant) {
   EXPECT_TRUE(has_dependant(m.workflow("I"), child));
 }
 
-TEST_F(init_workflow, InitValueReachesLivingWaitersAndReportsRemovedOnes) {
+TEST_F(WorkflowManagerInitWorkflow, InitValueReachesLivingWaitersAndReportsRemovedOnes) {
   const std::string alive = spawn_child("a");
   const std::string removed = spawn_child("b");
   m.manager.remove_workflow(removed);
@@ -187,7 +187,7 @@ TEST_F(init_workflow, InitValueReachesLivingWaitersAndReportsRemovedOnes) {
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
 }
 
-TEST_F(init_workflow, InitInValueGoesToTheInitWorkflowAndItsWaiters) {
+TEST_F(WorkflowManagerInitWorkflow, InitInValueGoesToTheInitWorkflowAndItsWaiters) {
   const std::string child = spawn_child("a");
   m.receiver.calls.clear();
   ASSERT_TRUE(
@@ -203,7 +203,7 @@ TEST_F(init_workflow, InitInValueGoesToTheInitWorkflowAndItsWaiters) {
                         {"originator", make_string("o")}}));
 }
 
-TEST_F(init_workflow, InitStatusIsCopiedToWaitingWorkflows) {
+TEST_F(WorkflowManagerInitWorkflow, InitStatusIsCopiedToWaitingWorkflows) {
   const std::string first = spawn_child("a");
   const std::string second = spawn_child("b");
   m.receiver.calls.clear();
@@ -214,7 +214,7 @@ TEST_F(init_workflow, InitStatusIsCopiedToWaitingWorkflows) {
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
 }
 
-TEST_F(init_workflow, OrdinaryStatusIsNotCopied) {
+TEST_F(WorkflowManagerInitWorkflow, OrdinaryStatusIsNotCopied) {
   const std::string child = spawn_child("a");
   const auto before = m.manager.get_task_status(child, "t2");
   m.manager.set_task_status("I", "t2", zelcore::task::status_failed, 5, "n", "m");
@@ -222,7 +222,7 @@ TEST_F(init_workflow, OrdinaryStatusIsNotCopied) {
   EXPECT_EQ(m.manager.get_task_status(child, "t2"), before);
 }
 
-TEST_F(in_values, InitInValueOnASpawnedWorkflowRaises) {
+TEST_F(WorkflowManagerInValues, InitInValueOnASpawnedWorkflowRaises) {
   m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 1));
   const properties before = m.encoded();
   capture_sink sink;
@@ -238,7 +238,7 @@ TEST_F(in_values, InitInValueOnASpawnedWorkflowRaises) {
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(in_values, SourceUrlEntriesGoFirstThenTheRestInKeyOrder) {
+TEST_F(WorkflowManagerInValues, SourceUrlEntriesGoFirstThenTheRestInKeyOrder) {
   // Task "b" does not exist: its entry raises, so what came before it was set and what came
   // after it was not.
   properties tasks;
@@ -263,7 +263,7 @@ TEST_F(in_values, SourceUrlEntriesGoFirstThenTheRestInKeyOrder) {
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(in_values, SetInValuesSpawnsOnceAndWritesTheIdUsed) {
+TEST_F(WorkflowManagerInValues, SetInValuesSpawnsOnceAndWritesTheIdUsed) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   const workflow_manager::properties_ptr values(
       new properties{{"t1>in", make_string("one")}, {"t2>in", make_string("two")}});
@@ -289,7 +289,7 @@ properties out_value(const std::string& value, const std::vector<std::string>& d
                     {"destinations", property_ptr(new zelcore::property_list(list))}};
 }
 
-TEST_F(in_values, OutValuesOfAnOrdinaryTaskBecomeInValues) {
+TEST_F(WorkflowManagerInValues, OutValuesOfAnOrdinaryTaskBecomeInValues) {
   m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   const properties outs{{"out", tree_of(out_value("routed-value", {"t2>in"}))}};
   ASSERT_TRUE(m.manager.set_in_out_values("workflow:S>t1", outs, no_meta, "o"));
@@ -304,13 +304,13 @@ TEST_F(in_values, OutValuesOfAnOrdinaryTaskBecomeInValues) {
                                                     {"originator", make_string("o")}}));
 }
 
-TEST_F(init_workflow, OutValuesOfAnOrdinaryTaskOfAnInitWorkflowSpawn) {
+TEST_F(WorkflowManagerInitWorkflow, OutValuesOfAnOrdinaryTaskOfAnInitWorkflowSpawn) {
   const properties outs{{"out", tree_of(out_value("v", {"t1>in"}))}};
   ASSERT_TRUE(m.manager.set_in_out_values("I", "t2", outs, no_meta, ""));
   EXPECT_EQ(m.workflows.size(), 2u);  // routed as a plain in-value: a child was spawned
 }
 
-TEST_F(init_workflow, OutValuesOfAnInitTaskAreInitValues) {
+TEST_F(WorkflowManagerInitWorkflow, OutValuesOfAnInitTaskAreInitValues) {
   const std::string child = spawn_child("a");
   const std::size_t count = m.workflows.size();
   const properties outs{{"config", tree_of(out_value("init-routed", {"init>setup"}))}};
@@ -320,7 +320,7 @@ TEST_F(init_workflow, OutValuesOfAnInitTaskAreInitValues) {
   EXPECT_TRUE(contains_text(m.encoded().get_properties_value(child), "init-routed"));
 }
 
-TEST_F(in_values, MalformedOutValuesChangeNothing) {
+TEST_F(WorkflowManagerInValues, MalformedOutValuesChangeNothing) {
   m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   const properties before = m.encoded();
   const std::vector<properties> bad = {
@@ -339,7 +339,7 @@ TEST_F(in_values, MalformedOutValuesChangeNothing) {
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(in_values, UnknownWorkflowInTheAddressChangesNothing) {
+TEST_F(WorkflowManagerInValues, UnknownWorkflowInTheAddressChangesNothing) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 1));
   capture_sink sink;
   std::string state_id;
@@ -351,7 +351,7 @@ TEST_F(in_values, UnknownWorkflowInTheAddressChangesNothing) {
   EXPECT_EQ(m.sequence_number, 0u);
 }
 
-TEST_F(in_values, DuplicateForcedIdPropagatesAsArgumentError) {
+TEST_F(WorkflowManagerInValues, DuplicateForcedIdPropagatesAsArgumentError) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 1));
   capture_sink sink;
   std::string state_id;

@@ -14,7 +14,7 @@ using zeltest::capture_sink;
 using zeltest::managed_workflows;
 using zelworkflow::workflow_info;
 
-struct queries : ::testing::Test {
+struct WorkflowManagerTaskQueries : ::testing::Test {
   void SetUp() override {
     // Spawned through the manager, with their first task fed, so that t1 can run.
     std::string id;
@@ -30,7 +30,7 @@ struct queries : ::testing::Test {
   managed_workflows m;
 };
 
-TEST_F(queries, HasTaskOfAnUnknownWorkflowIsFalseWhileStatusRaises) {
+TEST_F(WorkflowManagerTaskQueries, HasTaskOfAnUnknownWorkflowIsFalseWhileStatusRaises) {
   const std::string path = workflow_manager::create_wpath("Q", "t1");
   capture_sink sink;
   EXPECT_FALSE(m.manager.has_task(path));
@@ -39,7 +39,7 @@ TEST_F(queries, HasTaskOfAnUnknownWorkflowIsFalseWhileStatusRaises) {
   EXPECT_FALSE(m.manager.has_task(workflow_manager::create_wpath("A", "t9")));
 }
 
-TEST_F(queries, PairAndWpathFormsAgree) {
+TEST_F(WorkflowManagerTaskQueries, PairAndWpathFormsAgree) {
   m.manager.set_task_status("A", "t2", zelcore::task::status_running, 3, "n", "m");
   const std::string path = workflow_manager::create_wpath("A", "t2");
   EXPECT_EQ(m.manager.get_task_status(path), m.manager.get_task_status("A", "t2"));
@@ -51,7 +51,7 @@ TEST_F(queries, PairAndWpathFormsAgree) {
   EXPECT_EQ(m.manager.get_task_status_info(path).time, 3u);
 }
 
-TEST_F(queries, AttemptAndPriorityGettersReadTheTask) {
+TEST_F(WorkflowManagerTaskQueries, AttemptAndPriorityGettersReadTheTask) {
   const std::string path = workflow_manager::create_wpath("A", "t1");
   m.manager.set_task_max_attempts(path, 6);
   m.manager.set_task_priority(path, 12, workflow_info::priority_absolute, 0, 100);
@@ -60,7 +60,7 @@ TEST_F(queries, AttemptAndPriorityGettersReadTheTask) {
   EXPECT_EQ(m.manager.get_task_priority(path), 12);
 }
 
-TEST_F(queries, WorkflowGettersReadTheWorkflow) {
+TEST_F(WorkflowManagerTaskQueries, WorkflowGettersReadTheWorkflow) {
   EXPECT_EQ(m.manager.get_workflow_status("A"), m.workflow("A").get_status());
   EXPECT_EQ(&m.manager.get_workflow_configuration("A"), &m.workflow("A").get_configuration());
   std::list<std::string> uris{"kept"};
@@ -72,14 +72,14 @@ TEST_F(queries, WorkflowGettersReadTheWorkflow) {
   EXPECT_NE(dot.find("t3"), std::string::npos);
 }
 
-TEST_F(queries, AllWpathsNameEveryTask) {
+TEST_F(WorkflowManagerTaskQueries, AllWpathsNameEveryTask) {
   std::set<std::string> wpaths;
   m.manager.get_all_wpaths(wpaths);
   EXPECT_EQ(wpaths, (std::set<std::string>{"workflow:A>t1", "workflow:A>t2", "workflow:A>t3",
                                            "workflow:B>t1", "workflow:B>t2"}));
 }
 
-TEST_F(queries, RunnabilityNamesSameTaskIdsOfTwoWorkflowsApart) {
+TEST_F(WorkflowManagerTaskQueries, RunnabilityNamesSameTaskIdsOfTwoWorkflowsApart) {
   std::list<std::string> runnable{"kept"};
   std::map<std::string, std::string> reasons{{"other", "kept"}};
   m.manager.get_tasks_runnability(runnable, reasons);
@@ -93,7 +93,7 @@ TEST_F(queries, RunnabilityNamesSameTaskIdsOfTwoWorkflowsApart) {
   EXPECT_EQ(reasons.at("other"), "kept");
 }
 
-TEST_F(queries, InvalidPrerequisitesAreNamedByTaskPath) {
+TEST_F(WorkflowManagerTaskQueries, InvalidPrerequisitesAreNamedByTaskPath) {
   // One run that failed uses B's t1's only attempt: t2 of B can never get its input.
   m.manager.set_task_status("B", "t1", zelcore::task::status_running, 1, "n", "started");
   m.manager.set_task_status("B", "t1", zelcore::task::status_failed, 2, "n", "failed");
@@ -102,7 +102,7 @@ TEST_F(queries, InvalidPrerequisitesAreNamedByTaskPath) {
   EXPECT_EQ(invalid, (std::set<std::string>{"kept", "workflow:B>t2"}));
 }
 
-TEST_F(queries, JobInfoCarriesTaskWorkflowAndNullCapabilities) {
+TEST_F(WorkflowManagerTaskQueries, JobInfoCarriesTaskWorkflowAndNullCapabilities) {
   m.manager.add_workflow_meta_data("A", properties{{"owner", zelcore::make_string("me")}});
   m.manager.create_job_info_for_task(workflow_manager::create_wpath("A", "t2"));
   properties out{{"workflow-state-id", zelcore::make_string("old")},
@@ -122,7 +122,7 @@ TEST_F(queries, JobInfoCarriesTaskWorkflowAndNullCapabilities) {
   EXPECT_EQ(out.get_int_value("other"), 1);
 }
 
-TEST_F(queries, EveryQueryButHasTaskRaisesForAnUnknownWorkflow) {
+TEST_F(WorkflowManagerTaskQueries, EveryQueryButHasTaskRaisesForAnUnknownWorkflow) {
   capture_sink sink;
   const std::string path = workflow_manager::create_wpath("Q", "t1");
   properties out;
@@ -146,7 +146,7 @@ TEST_F(queries, EveryQueryButHasTaskRaisesForAnUnknownWorkflow) {
   EXPECT_TRUE(out.empty());
 }
 
-TEST_F(queries, UnknownTaskFailsAsTheModelDecides) {
+TEST_F(WorkflowManagerTaskQueries, UnknownTaskFailsAsTheModelDecides) {
   EXPECT_THROW(m.manager.get_task_status("A", "t9"), zelbase::es::base);
   properties out;
   EXPECT_THROW(m.manager.insert_job_info_for_job_id("workflow:A>t9", out), zelbase::es::base);

@@ -24,7 +24,7 @@ using zeltest::tree_of;
 using zelworkflow::workflow_info;
 
 // A manager with two templates "A" and "B" and a two-task spawned workflow "S".
-struct updates : ::testing::Test {
+struct WorkflowManagerUpdates : ::testing::Test {
   void SetUp() override {
     m.add("A", empty_workflow(workflow_info::workflow_type_template));
     m.add("B", empty_workflow(workflow_info::workflow_type_template));
@@ -40,7 +40,7 @@ struct updates : ::testing::Test {
   managed_workflows m;
 };
 
-TEST_F(updates, AddDependantWritesStateIdAndDependant) {
+TEST_F(WorkflowManagerUpdates, AddDependantWritesStateIdAndDependant) {
   m.manager.add_dependant("A", "B");
   EXPECT_TRUE(m.workflow("A").remove_dependant("B"));
   ASSERT_EQ(m.receiver.calls.size(), 1u);
@@ -50,7 +50,7 @@ TEST_F(updates, AddDependantWritesStateIdAndDependant) {
                         {"dependant", make_string("B")}});
 }
 
-TEST_F(updates, RemoveDependantOfOneWorkflowNamesIt) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantOfOneWorkflowNamesIt) {
   m.manager.add_dependant("A", "x");
   m.manager.add_dependant("B", "x");
   m.receiver.calls.clear();
@@ -64,7 +64,7 @@ TEST_F(updates, RemoveDependantOfOneWorkflowNamesIt) {
                         {"dependant", make_string("x")}});
 }
 
-TEST_F(updates, RemoveDependantEverywhereCarriesNoWorkflowId) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantEverywhereCarriesNoWorkflowId) {
   m.manager.add_dependant("A", "x");
   m.manager.add_dependant("B", "x");
   m.receiver.calls.clear();
@@ -77,7 +77,7 @@ TEST_F(updates, RemoveDependantEverywhereCarriesNoWorkflowId) {
       properties{{"action", make_string("remove-dependant")}, {"dependant", make_string("x")}});
 }
 
-TEST_F(updates, SetPriorityWritesTheNumbers) {
+TEST_F(WorkflowManagerUpdates, SetPriorityWritesTheNumbers) {
   m.manager.set_priority("A", 40, workflow_info::priority_absolute, 0, 100);
   EXPECT_EQ(m.manager.get_priority("A"), 40);
   expect_was(0, "A",
@@ -89,7 +89,7 @@ TEST_F(updates, SetPriorityWritesTheNumbers) {
                         {"max", make_int(100)}});
 }
 
-TEST_F(updates, MetaDataActionsCarryTheTree) {
+TEST_F(WorkflowManagerUpdates, MetaDataActionsCarryTheTree) {
   const properties meta{{"k", make_string("v")}};
   m.manager.set_workflow_meta_data("A", meta);
   m.manager.add_workflow_meta_data("A", properties{{"j", make_int(2)}});
@@ -112,13 +112,13 @@ TEST_F(updates, MetaDataActionsCarryTheTree) {
                         {"meta-data", tree_of(meta)}});
 }
 
-TEST_F(updates, SetExtMetaDataChangesTheWorkflowSilently) {
+TEST_F(WorkflowManagerUpdates, SetExtMetaDataChangesTheWorkflowSilently) {
   m.manager.set_ext_meta_data("A", properties{{"e", make_int(1)}});
   EXPECT_EQ(m.manager.get_ext_meta_data("A").get_int_value("e"), 1);
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
-TEST_F(updates, TaskActionsNameWorkflowAndTask) {
+TEST_F(WorkflowManagerUpdates, TaskActionsNameWorkflowAndTask) {
   const std::string path = workflow_manager::create_wpath("S", "t1");
   const properties progress{{"done", make_int(50)}};
   m.manager.set_task_scheduling_state(path, zelcore::task::scheduling_queued);
@@ -152,7 +152,7 @@ TEST_F(updates, TaskActionsNameWorkflowAndTask) {
                         {"max-attempts", make_int(9)}});
 }
 
-TEST_F(updates, SetTaskStatusWritesOnlyAChange) {
+TEST_F(WorkflowManagerUpdates, SetTaskStatusWritesOnlyAChange) {
   m.manager.set_task_status("S", "t1", zelcore::task::status_running, 100, "node-1", "started");
   m.manager.set_task_status(workflow_manager::create_wpath("S", "t1"),
                             zelcore::task::status_running, 100, "node-1", "started");
@@ -168,7 +168,7 @@ TEST_F(updates, SetTaskStatusWritesOnlyAChange) {
                         {"msg", make_string("started")}});
 }
 
-TEST_F(updates, AddTaskWritesTheTaskAsTheWorkflowHoldsIt) {
+TEST_F(WorkflowManagerUpdates, AddTaskWritesTheTaskAsTheWorkflowHoldsIt) {
   std::string wtid;
   m.manager.add_task("S", zeltest::sample_task("command", 0, {}, {}), m.db, wtid);
   EXPECT_TRUE(m.manager.has_task(workflow_manager::create_wpath("S", wtid)));
@@ -181,7 +181,7 @@ TEST_F(updates, AddTaskWritesTheTaskAsTheWorkflowHoldsIt) {
                         {"task-info", tree_of(stored)}});
 }
 
-TEST_F(updates, WithoutReceiverChangesAreMadeAndNothingIsWritten) {
+TEST_F(WorkflowManagerUpdates, WithoutReceiverChangesAreMadeAndNothingIsWritten) {
   managed_workflows quiet(false);
   quiet.add("A", empty_workflow(workflow_info::workflow_type_template));
   quiet.manager.add_dependant("A", "x");
@@ -193,7 +193,7 @@ TEST_F(updates, WithoutReceiverChangesAreMadeAndNothingIsWritten) {
   EXPECT_TRUE(quiet.receiver.calls.empty());
 }
 
-TEST_F(updates, FailedChangeWritesNothing) {
+TEST_F(WorkflowManagerUpdates, FailedChangeWritesNothing) {
   capture_sink sink;
   EXPECT_THROW(m.manager.set_priority("nope", 1, workflow_info::priority_absolute, 0, 9),
                zelbase::es::api_code);
@@ -205,7 +205,7 @@ TEST_F(updates, FailedChangeWritesNothing) {
 
 // --- Reading the workflow id of an action, seen through update_workflow ---
 
-TEST_F(updates, RemoveDependantWithoutIdIsAnnouncedUnderTheEmptyId) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantWithoutIdIsAnnouncedUnderTheEmptyId) {
   m.manager.add_dependant("A", "d");
   m.manager.add_dependant("B", "d");
   m.receiver.calls.clear();
@@ -221,7 +221,7 @@ TEST_F(updates, RemoveDependantWithoutIdIsAnnouncedUnderTheEmptyId) {
   expect_was(1, "", update);
 }
 
-TEST_F(updates, RemoveDependantWithEmptyIdRemovesEverywhere) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantWithEmptyIdRemovesEverywhere) {
   m.manager.add_dependant("A", "d");
   m.manager.add_dependant("B", "d");
   m.manager.update_workflow(properties{{"action", make_string("remove-dependant")},
@@ -232,7 +232,7 @@ TEST_F(updates, RemoveDependantWithEmptyIdRemovesEverywhere) {
   EXPECT_FALSE(m.workflow("B").remove_dependant("d"));
 }
 
-TEST_F(updates, RemoveDependantWithIdRemovesOnlyThere) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantWithIdRemovesOnlyThere) {
   m.manager.add_dependant("A", "d");
   m.manager.add_dependant("B", "d");
   m.manager.update_workflow(properties{{"action", make_string("remove-dependant")},
@@ -243,7 +243,7 @@ TEST_F(updates, RemoveDependantWithIdRemovesOnlyThere) {
   EXPECT_TRUE(m.workflow("B").remove_dependant("d"));
 }
 
-TEST_F(updates, RemoveDependantWithUnknownIdRaises) {
+TEST_F(WorkflowManagerUpdates, RemoveDependantWithUnknownIdRaises) {
   capture_sink sink;
   try {
     m.manager.update_workflow(properties{{"action", make_string("remove-dependant")},
@@ -295,7 +295,7 @@ void expect_unknown_action(managed_workflows& m, const properties& update,
   m.receiver.calls.clear();
 }
 
-TEST_F(updates, OwnMaxAttemptsSpellingIsNotApplicable) {
+TEST_F(WorkflowManagerUpdates, OwnMaxAttemptsSpellingIsNotApplicable) {
   m.manager.set_task_max_attempts(workflow_manager::create_wpath("S", "t1"), 4);
   const properties written = m.receiver.calls.at(0).update;
   m.receiver.calls.clear();
@@ -303,11 +303,11 @@ TEST_F(updates, OwnMaxAttemptsSpellingIsNotApplicable) {
   expect_unknown_action(m, written, "");
 }
 
-TEST_F(updates, MisspelledAttempsIsAnnouncedUnderItsWorkflowButNotApplied) {
+TEST_F(WorkflowManagerUpdates, MisspelledAttempsIsAnnouncedUnderItsWorkflowButNotApplied) {
   expect_unknown_action(m, max_attempts_update("set-task-max-attemps", 3), "S");
 }
 
-TEST_F(updates, HyphenatedMaxAttemptsIsAppliedWithLow32BitsUnderTheEmptyId) {
+TEST_F(WorkflowManagerUpdates, HyphenatedMaxAttemptsIsAppliedWithLow32BitsUnderTheEmptyId) {
   const properties update = max_attempts_update("set-task-max-attempts", (1LL << 32) + 1);
   m.manager.update_workflow(update, m.db);
   EXPECT_EQ(m.manager.get_task_max_attempts(workflow_manager::create_wpath("S", "t1")), 1u);
@@ -317,7 +317,7 @@ TEST_F(updates, HyphenatedMaxAttemptsIsAppliedWithLow32BitsUnderTheEmptyId) {
   expect_was(1, "", update);
 }
 
-TEST_F(updates, ActionsDifferingInCaseOrBlanksAreUnknown) {
+TEST_F(WorkflowManagerUpdates, ActionsDifferingInCaseOrBlanksAreUnknown) {
   const properties base{{"state-id", make_string("A")}, {"dependant", make_string("B")}};
   for (const char* action : {"Add-Dependant", "add-dependant ", " add-dependant", "", "nothing"}) {
     properties update = base;
@@ -326,7 +326,7 @@ TEST_F(updates, ActionsDifferingInCaseOrBlanksAreUnknown) {
   }
 }
 
-TEST_F(updates, ReceivedUpdateIsPassedOnAsReceived) {
+TEST_F(WorkflowManagerUpdates, ReceivedUpdateIsPassedOnAsReceived) {
   const properties update{{"action", make_string("set-priority")},
                           {"state-id", make_string("A")},
                           {"priority", make_int(5)},
@@ -342,7 +342,7 @@ TEST_F(updates, ReceivedUpdateIsPassedOnAsReceived) {
   expect_was(1, "A", update);
 }
 
-TEST_F(updates, AddWorkflowFromAMessageKeepsTheWritersId) {
+TEST_F(WorkflowManagerUpdates, AddWorkflowFromAMessageKeepsTheWritersId) {
   managed_workflows writer;
   std::string id;
   writer.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), writer.db, id,
@@ -352,7 +352,7 @@ TEST_F(updates, AddWorkflowFromAMessageKeepsTheWritersId) {
   expect_was(1, id, writer.receiver.calls.at(0).update);
 }
 
-TEST_F(updates, AddTaskFromAMessageDiscardsTheAssignedId) {
+TEST_F(WorkflowManagerUpdates, AddTaskFromAMessageDiscardsTheAssignedId) {
   managed_workflows writer;
   writer.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   std::string wtid;
@@ -362,7 +362,7 @@ TEST_F(updates, AddTaskFromAMessageDiscardsTheAssignedId) {
   EXPECT_EQ(m.encoded().get_properties_value("S"), writer.encoded().get_properties_value("S"));
 }
 
-TEST_F(updates, StatusMessageReplaysOnAReplica) {
+TEST_F(WorkflowManagerUpdates, StatusMessageReplaysOnAReplica) {
   managed_workflows writer;
   writer.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   writer.manager.set_task_status("S", "t1", zelcore::task::status_finished, 9, "n", "done");
