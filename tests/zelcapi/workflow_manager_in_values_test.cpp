@@ -67,6 +67,27 @@ TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTem
                         {"originator", make_string("orig")}}));
 }
 
+TEST_F(WorkflowManagerInValues, ActionSharesTheCallersValue) {
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+  const property_ptr value = make_string("shared");
+  std::string state_id;
+  ASSERT_TRUE(m.manager.set_in_value("T>t1>in", value, state_id, "", no_meta, false, ""));
+  EXPECT_EQ(m.receiver.calls.at(0).update.get_property("value").get(), value.get());
+}
+
+TEST_F(WorkflowManagerInValues, SpawnsTakeTheAttemptsConfiguration) {
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+  std::string first, second;
+  m.manager.set_attempts_config({{"command", 7}});
+  ASSERT_TRUE(m.manager.set_in_value("T>t1>in", make_int(1), first, "", no_meta, false, ""));
+  // A new configuration replaces the old one whole.
+  m.manager.set_attempts_config({{"default", 3}});
+  ASSERT_TRUE(m.manager.set_in_value("T>t1>in", make_int(2), second, "", no_meta, false, ""));
+  EXPECT_EQ(m.manager.get_task_max_attempts(workflow_manager::create_wpath(first, "t2")), 7u);
+  EXPECT_EQ(m.manager.get_task_max_attempts(workflow_manager::create_wpath(second, "t2")), 3u);
+  EXPECT_EQ(m.receiver.calls.size(), 2u);  // the configuration itself writes nothing
+}
+
 TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsUnderAForcedId) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   std::string state_id;
@@ -280,6 +301,7 @@ TEST_F(WorkflowManagerInValues, SetInValuesSpawnsOnceAndWritesTheIdUsed) {
                                                     {"force-spawn-value", make_bool(true)},
                                                     {"values", values},
                                                     {"originator", make_string("o")}}));
+  EXPECT_EQ(m.receiver.calls[0].update.get_property("values").get(), values.get());
 }
 
 properties out_value(const std::string& value, const std::vector<std::string>& destinations) {
