@@ -235,6 +235,17 @@ TEST_F(WorkflowManagerInitWorkflow, InitStatusIsCopiedToWaitingWorkflows) {
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
 }
 
+TEST_F(WorkflowManagerInitWorkflow, UnchangedInitStatusIsNeitherCopiedNorWritten) {
+  const std::string child = spawn_child("a");
+  m.manager.set_task_status(child, "init", zelcore::task::status_running, 5, "n", "m");
+  m.receiver.calls.clear();
+  // The init workflow's init task is already waiting: nothing changes, nothing is copied.
+  ASSERT_EQ(m.manager.get_task_status("I", "init"), zelcore::task::status_waiting);
+  m.manager.set_task_status("I", "init", zelcore::task::status_waiting, 6, "n", "m");
+  EXPECT_EQ(m.manager.get_task_status(child, "init"), zelcore::task::status_running);
+  EXPECT_TRUE(m.receiver.calls.empty());
+}
+
 TEST_F(WorkflowManagerInitWorkflow, OrdinaryStatusIsNotCopied) {
   const std::string child = spawn_child("a");
   const auto before = m.manager.get_task_status(child, "t2");
