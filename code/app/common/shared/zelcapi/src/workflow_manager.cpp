@@ -187,11 +187,13 @@ void workflow_manager::_remove_workflow(const std::string& state_id) {
 }
 
 void workflow_manager::remove_workflow(const std::string& state_id) {
+  // The caller may pass the map's own key, which the removal frees.
+  const std::string id = state_id;
   const properties update{{"action", string_value("remove-workflow")},
-                          {"state-id", string_value(state_id)}};
-  _notify_pre_update_workflow(state_id, update);
-  _remove_workflow(state_id);
-  _notify_post_update_workflow(state_id, update);
+                          {"state-id", string_value(id)}};
+  _notify_pre_update_workflow(id, update);
+  _remove_workflow(id);
+  _notify_post_update_workflow(id, update);
 }
 
 // --- Encoders and whole-map queries ---
