@@ -494,4 +494,74 @@ TEST(WorkflowInfo, ConfigurationIsKept) {
   EXPECT_FALSE(wf.get_configuration().is_present("queue"));
 }
 
+// The steps that the workflow manager takes to spawn from a template and route out-values.
+TEST(WorkflowInfo, TemplateSpawnsACopyThatRunsAndRoutesOutValues) {
+  const workflow_info tpl = decoded(zeltest::sample_workflow(0, 3));
+  const properties tpl_before = encoded(tpl);
+  workflow_info copy(tpl);
+  ASSERT_TRUE(copy.is_inited());
+  copy.set_type(workflow_info::workflow_type_spawned);
+  copy.clear_dependants();
+  copy.spawn(1, make_string("v"), {});
+  ASSERT_TRUE(copy.set_in_value("t1>in", make_string("v"), false, "client"));
+  std::list<std::string> runnable;
+  std::map<std::string, std::string> reasons;
+  copy.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t1"});
+  copy.set_task_status("t1", task::status_running, 1, "n", "");
+  copy.set_task_status("t1", task::status_finished, 2, "n", "");
+  properties produced;
+  produced.set_string_value("out", "r1");
+  properties routed;
+  copy.get_task_info("t1")->make_out_values(produced, routed);
+  copy.get_task_info("t1")->decode_out_values(routed);
+  for (const auto& [name, entry] : routed) {
+    const properties& e = static_cast<const properties&>(*entry);
+    for (const auto& d : e.get_list_value("destinations")) {
+      EXPECT_TRUE(copy.set_in_value(d->to_string(), e.get_property("value"), false, "t1"));
+    }
+  }
+  runnable.clear();
+  copy.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t2"});
+  EXPECT_EQ(copy.get_task_info("t3")->get_in_value("side")->to_string(), "r1");
+  EXPECT_TRUE(encoded(tpl) == tpl_before);
+}
+
+// The steps that the workflow manager takes for an init workflow and a child waiting on it.
+TEST(WorkflowInfo, InitWorkflowFeedsItsWaitingChild) {
+  const workflow_info tpl = decoded(zeltest::sample_workflow(0, 2, true));
+  workflow_info init(tpl);
+  ASSERT_FALSE(init.is_inited());
+  init.set_type(workflow_info::workflow_type_init);
+  ASSERT_EQ(init.get_task_info("init")->get_type(), task::task_type_init);
+  init.spawn(1, make_string("s"), {});
+  ASSERT_TRUE(init.set_in_value("init>setup", make_string("s"), false, "o"));
+  EXPECT_TRUE(init.is_inited());
+
+  workflow_info child(init);
+  child.set_type(workflow_info::workflow_type_spawned);
+  child.clear_waiting_wfs();
+  child.clear_dependants();
+  child.spawn(2, make_int(1), {});
+  ASSERT_TRUE(child.set_in_value("t1>in", make_int(1), false, "o"));
+  init.add_waiting_wf("WOFL-child", "o");
+  init.add_dependant("WOFL-child");
+
+  for (workflow_info* wf : {&init, &child}) {
+    EXPECT_TRUE(wf->set_task_status("init", task::status_running, 1, "n", ""));
+    EXPECT_TRUE(wf->set_task_status("init", task::status_finished, 2, "n", ""));
+    // The init task's out-value goes to t1>config as an init in-value, in place and in the child.
+    EXPECT_TRUE(wf->set_in_value("t1>config", make_string("cfg"), false, "o"));
+  }
+  std::list<std::string> runnable;
+  std::map<std::string, std::string> reasons;
+  child.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t1"});
+  runnable.clear();
+  init.get_tasks_runnability(runnable, reasons);
+  EXPECT_TRUE(runnable.empty());
+  EXPECT_EQ(init.get_status(), workflow_info::status_running);
+}
+
 }  // namespace
