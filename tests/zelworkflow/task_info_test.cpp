@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/sample_workflows.h"
+#include "workflow_test_util.h"
 #include "zelbase/exceptions.h"
 #include "zelworkflow/workflow_info.h"
 
@@ -14,6 +15,8 @@ using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
 using zelcore::task;
+using zeltest::encoded;
+using zeltest::expect_arg;
 using zelworkflow::task_info;
 using zelworkflow::workflow_info;
 
@@ -22,22 +25,6 @@ workflow_info spawned_sample() {
   wf.decode_workflow_info(zeltest::sample_workflow(2, 3), zelcore::plugin_db());
   wf.spawn(9, make_int(0), {});
   return wf;
-}
-
-properties encoded(const task_info& t) {
-  properties out;
-  t.encode_task_info(out);
-  return out;
-}
-
-template <class F>
-void expect_arg(F f, const std::string& text) {
-  try {
-    f();
-    ADD_FAILURE() << "no es::arg raised; expected: " << text;
-  } catch (const zelbase::es::arg& e) {
-    EXPECT_EQ(std::string(e.what()), text);
-  }
 }
 
 TEST(TaskInfo, EnumerationTexts) {

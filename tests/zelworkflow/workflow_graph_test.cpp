@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "support/sample_workflows.h"
+#include "workflow_test_util.h"
 #include "zelworkflow/workflow_info.h"
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 using zelcore::make_int;
 using zelcore::properties;
 using zelcore::task;
+using zeltest::decoded;
 using zelworkflow::workflow_info;
 
 // a feeds b>in and c>in; b feeds d>x; c feeds d>y.
@@ -28,12 +30,6 @@ properties diamond(std::uint32_t type) {
   properties wf;
   wf.set_int_value("type", type);
   wf.set_properties_value("tasks", tasks);
-  return wf;
-}
-
-workflow_info decoded(const properties& encoded) {
-  workflow_info wf;
-  wf.decode_workflow_info(encoded, zelcore::plugin_db());
   return wf;
 }
 

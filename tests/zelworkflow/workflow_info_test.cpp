@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "support/sample_workflows.h"
+#include "workflow_test_util.h"
 #include "zelbase/exceptions.h"
 
 namespace {
@@ -15,32 +16,10 @@ using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
 using zelcore::task;
+using zeltest::decoded;
+using zeltest::encoded;
+using zeltest::expect_arg_unchanged;
 using zelworkflow::workflow_info;
-
-workflow_info decoded(const properties& encoded) {
-  workflow_info wf;
-  wf.decode_workflow_info(encoded, zelcore::plugin_db());
-  return wf;
-}
-
-properties encoded(const workflow_info& wf) {
-  properties out;
-  wf.encode_workflow_info(out);
-  return out;
-}
-
-// Runs `f`, expecting es::arg with exactly `text`, and checks that the workflow is unchanged.
-template <class F>
-void expect_arg_unchanged(workflow_info& wf, F f, const std::string& text) {
-  const properties before = encoded(wf);
-  try {
-    f();
-    ADD_FAILURE() << "no es::arg raised; expected: " << text;
-  } catch (const zelbase::es::arg& e) {
-    EXPECT_EQ(std::string(e.what()), text);
-  }
-  EXPECT_TRUE(encoded(wf) == before) << "the workflow changed";
-}
 
 workflow_info spawned_sample(std::size_t n = 3, std::uint64_t seq = 7) {
   workflow_info wf = decoded(zeltest::sample_workflow(2, n));
