@@ -2,7 +2,6 @@
 // can no longer complete, and the dot drawing parsed back into nodes and edges.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <sstream>
 
 #include "support/sample_workflows.h"
@@ -231,48 +230,70 @@ struct dot_graph {
   std::set<std::string> dashed_nodes;
 };
 
-std::string unquote(const std::string& quoted) {
-  std::string out;
-  for (std::size_t i = 1; i + 1 < quoted.size(); ++i) {
-    if (quoted[i] == '\\' && i + 2 < quoted.size()) {
-      ++i;
-      out += quoted[i] == 'n' ? '\n' : quoted[i];
-    } else {
-      out += quoted[i];
+// Reads the literal `text` at `pos` and moves past it; false when it is not there.
+bool consume(const std::string& line, std::size_t& pos, const std::string& text) {
+  if (line.compare(pos, text.size(), text) != 0) return false;
+  pos += text.size();
+  return true;
+}
+
+// Reads a quoted dot string at `pos` (escapes: \" \\ \n) into `out`; false when malformed.
+bool read_quoted(const std::string& line, std::size_t& pos, std::string& out) {
+  out.clear();
+  if (!consume(line, pos, "\"")) return false;
+  while (pos < line.size()) {
+    char c = line[pos++];
+    if (c == '"') return true;
+    if (c == '\\') {
+      if (pos >= line.size()) return false;
+      c = line[pos++];
+      if (c == 'n') c = '\n';
     }
+    out += c;
   }
-  return out;
+  return false;
+}
+
+// Parses one line inside the braces into `g`; false when the line has another form.
+bool parse_dot_line(const std::string& line, dot_graph& g) {
+  std::size_t pos = 0;
+  std::string first;
+  std::string second;
+  std::string label;
+  if (line == "  node [shape=box];") return true;
+  if (!consume(line, pos, "  ")) return false;
+  if (consume(line, pos, "label=")) {
+    return read_quoted(line, pos, g.label) && consume(line, pos, ";") && pos == line.size();
+  }
+  if (!read_quoted(line, pos, first)) return false;
+  const bool edge = consume(line, pos, " -> ");
+  if (edge && !read_quoted(line, pos, second)) return false;
+  if (!consume(line, pos, " [label=") || !read_quoted(line, pos, label)) return false;
+  const bool dashed = consume(line, pos, ", style=dashed");
+  if (!consume(line, pos, "];") || pos != line.size()) return false;
+  if (edge) {
+    g.edges.emplace(first, second);
+    g.edge_labels[{first, second}] = label;
+  } else {
+    g.nodes[first] = label;
+    if (dashed) g.dashed_nodes.insert(first);
+  }
+  return true;
 }
 
 dot_graph parse_dot(const std::string& text) {
-  const std::string q = R"("(?:[^"\\]|\\.)*")";
-  const std::regex head(R"(^digraph workflow \{$)");
-  const std::regex label("^  label=(" + q + ");$");
-  const std::regex node("^  (" + q + R"() \[label=()" + q + R"()(, style=dashed)?\];$)");
-  const std::regex edge("^  (" + q + ") -> (" + q + R"() \[label=()" + q +
-                        R"()(, style=dashed)?\];$)");
   dot_graph g;
   std::istringstream in(text);
   std::string line;
   std::getline(in, line);
-  EXPECT_TRUE(std::regex_match(line, head)) << line;
+  EXPECT_EQ(line, "digraph workflow {");
   bool closed = false;
   while (std::getline(in, line)) {
-    std::smatch m;
     EXPECT_FALSE(closed) << "text after the closing brace: " << line;
     if (line == "}") {
       closed = true;
-    } else if (line == "  node [shape=box];") {
-    } else if (std::regex_match(line, m, label)) {
-      g.label = unquote(m[1]);
-    } else if (std::regex_match(line, m, edge)) {
-      g.edges.emplace(unquote(m[1]), unquote(m[2]));
-      g.edge_labels[{unquote(m[1]), unquote(m[2])}] = unquote(m[3]);
-    } else if (std::regex_match(line, m, node)) {
-      g.nodes[unquote(m[1])] = unquote(m[2]);
-      if (m[3].matched) g.dashed_nodes.insert(unquote(m[1]));
     } else {
-      ADD_FAILURE() << "unexpected dot line: " << line;
+      EXPECT_TRUE(parse_dot_line(line, g)) << "unexpected dot line: " << line;
     }
   }
   EXPECT_TRUE(closed);
