@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
+#include <vector>
 
 #include "support/sample_workflows.h"
 #include "workflow_test_util.h"
@@ -541,6 +543,85 @@ TEST(WorkflowInfo, InitWorkflowFeedsItsWaitingChild) {
   init.get_tasks_runnability(runnable, reasons);
   EXPECT_TRUE(runnable.empty());
   EXPECT_EQ(init.get_status(), workflow_info::status_running);
+}
+
+// Random operations with random, often bad, arguments: each one either applies or raises
+// es::arg and leaves the workflow exactly as it was; the result always round-trips.
+TEST(WorkflowInfo, RandomOperationsApplyOrRaiseWithoutChangingAnything) {
+  std::mt19937 rng(4242);
+  auto pick = [&](const std::vector<std::string>& pool) { return pool[rng() % pool.size()]; };
+  const std::vector<std::string> ids{"t1", "t2", "t3", "init", "zz", ""};
+  const std::vector<std::string> paths{"t1>in", "t1", "t3", "t3>side", "init>setup", "t9>in",
+                                       "t1>x",  "",   ">",  "t1>in>x", "init"};
+  auto value = [&]() -> zelcore::property_ptr {
+    switch (rng() % 4) {
+      case 0: return nullptr;
+      case 1: return make_int(static_cast<int>(rng() % 100));
+      case 2: return make_string("v");
+      default: return zelcore::property_ptr(new properties());
+    }
+  };
+  auto some_int = [&]() { return static_cast<std::int64_t>(rng() % 41) - 20; };
+  workflow_info wf = decoded(zeltest::sample_workflow(rng() % 3, 3, true));
+  int raised = 0;
+  for (int i = 0; i < 4000; ++i) {
+    const properties before = encoded(wf);
+    try {
+      switch (rng() % 14) {
+        case 0: wf.set_in_value(pick(paths), value(), rng() % 2, "o"); break;
+        case 1:
+          wf.set_task_status(pick(ids), static_cast<task::status>(rng() % 8), rng(), "n", "m");
+          break;
+        case 2:
+          wf.set_task_scheduling_state(pick(ids), static_cast<task::scheduling_state>(rng() % 4));
+          break;
+        case 3:
+          wf.set_task_priority(pick(ids), some_int(),
+                               static_cast<workflow_info::priority_whence>(rng() % 3), some_int(),
+                               some_int());
+          break;
+        case 4:
+          wf.set_priority(some_int(), static_cast<workflow_info::priority_whence>(rng() % 3),
+                          some_int(), some_int());
+          break;
+        case 5: wf.set_task_max_attempts(pick(ids), rng() % 4); break;
+        case 6: {
+          properties progress;
+          progress["p"] = value();
+          wf.update_task_progress(pick(ids), progress);
+          break;
+        }
+        case 7: wf.add_waiting_wf(pick({"WOFL-1", "WOFL-2", ""}), "o"); break;
+        case 8:
+          if (rng() % 2) {
+            wf.add_dependant(pick({"WOFL-1", ""}));
+          } else {
+            wf.remove_dependant(pick({"WOFL-1", ""}));
+          }
+          break;
+        case 9: wf.add_workflow_meta_data(pick({"k", "kill-requested", ""}), value()); break;
+        case 10: wf.set_type(static_cast<workflow_info::workflow_type>(rng() % 4)); break;
+        case 11: wf.spawn(rng() % 3, value(), {{"command", rng() % 3}}); break;
+        case 12: {
+          properties entry;
+          entry["value"] = value();
+          properties out_values;
+          out_values.set_properties_value(pick({"out", "config", "nope"}), entry);
+          wf.get_task_info(pick(ids))->decode_out_values(out_values);
+          break;
+        }
+        default: wf.set_task_kill_triggered(pick(ids), rng() % 2); break;
+      }
+    } catch (const zelbase::es::arg&) {
+      ++raised;
+      ASSERT_TRUE(encoded(wf) == before) << "operation " << i << " raised and changed the workflow";
+    }
+    if (i % 50 == 0) {
+      ASSERT_TRUE(decoded(encoded(wf)) == wf);
+    }
+  }
+  EXPECT_GT(raised, 500);
+  EXPECT_LT(raised, 3500);
 }
 
 }  // namespace
