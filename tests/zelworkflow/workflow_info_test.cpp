@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
+#include <vector>
 
 #include "support/sample_workflows.h"
+#include "workflow_test_util.h"
 #include "zelbase/exceptions.h"
 
 namespace {
@@ -15,32 +18,10 @@ using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
 using zelcore::task;
+using zeltest::decoded;
+using zeltest::encoded;
+using zeltest::expect_arg_unchanged;
 using zelworkflow::workflow_info;
-
-workflow_info decoded(const properties& encoded) {
-  workflow_info wf;
-  wf.decode_workflow_info(encoded, zelcore::plugin_db());
-  return wf;
-}
-
-properties encoded(const workflow_info& wf) {
-  properties out;
-  wf.encode_workflow_info(out);
-  return out;
-}
-
-// Runs `f`, expecting es::arg with exactly `text`, and checks that the workflow is unchanged.
-template <class F>
-void expect_arg_unchanged(workflow_info& wf, F f, const std::string& text) {
-  const properties before = encoded(wf);
-  try {
-    f();
-    ADD_FAILURE() << "no es::arg raised; expected: " << text;
-  } catch (const zelbase::es::arg& e) {
-    EXPECT_EQ(std::string(e.what()), text);
-  }
-  EXPECT_TRUE(encoded(wf) == before) << "the workflow changed";
-}
 
 workflow_info spawned_sample(std::size_t n = 3, std::uint64_t seq = 7) {
   workflow_info wf = decoded(zeltest::sample_workflow(2, n));
@@ -492,6 +473,155 @@ TEST(WorkflowInfo, ConfigurationIsKept) {
   wf.set_configuration(other);
   EXPECT_EQ(wf.get_configuration().get_int_value("slots"), 4);
   EXPECT_FALSE(wf.get_configuration().is_present("queue"));
+}
+
+// The steps that the workflow manager takes to spawn from a template and route out-values.
+TEST(WorkflowInfo, TemplateSpawnsACopyThatRunsAndRoutesOutValues) {
+  const workflow_info tpl = decoded(zeltest::sample_workflow(0, 3));
+  const properties tpl_before = encoded(tpl);
+  workflow_info copy(tpl);
+  ASSERT_TRUE(copy.is_inited());
+  copy.set_type(workflow_info::workflow_type_spawned);
+  copy.clear_dependants();
+  copy.spawn(1, make_string("v"), {});
+  ASSERT_TRUE(copy.set_in_value("t1>in", make_string("v"), false, "client"));
+  std::list<std::string> runnable;
+  std::map<std::string, std::string> reasons;
+  copy.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t1"});
+  copy.set_task_status("t1", task::status_running, 1, "n", "");
+  copy.set_task_status("t1", task::status_finished, 2, "n", "");
+  properties produced;
+  produced.set_string_value("out", "r1");
+  properties routed;
+  copy.get_task_info("t1")->make_out_values(produced, routed);
+  copy.get_task_info("t1")->decode_out_values(routed);
+  for (const auto& [name, entry] : routed) {
+    const properties& e = static_cast<const properties&>(*entry);
+    for (const auto& d : e.get_list_value("destinations")) {
+      EXPECT_TRUE(copy.set_in_value(d->to_string(), e.get_property("value"), false, "t1"));
+    }
+  }
+  runnable.clear();
+  copy.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t2"});
+  EXPECT_EQ(copy.get_task_info("t3")->get_in_value("side")->to_string(), "r1");
+  EXPECT_TRUE(encoded(tpl) == tpl_before);
+}
+
+// The steps that the workflow manager takes for an init workflow and a child waiting on it.
+TEST(WorkflowInfo, InitWorkflowFeedsItsWaitingChild) {
+  const workflow_info tpl = decoded(zeltest::sample_workflow(0, 2, true));
+  workflow_info init(tpl);
+  ASSERT_FALSE(init.is_inited());
+  init.set_type(workflow_info::workflow_type_init);
+  ASSERT_EQ(init.get_task_info("init")->get_type(), task::task_type_init);
+  init.spawn(1, make_string("s"), {});
+  ASSERT_TRUE(init.set_in_value("init>setup", make_string("s"), false, "o"));
+  EXPECT_TRUE(init.is_inited());
+
+  workflow_info child(init);
+  child.set_type(workflow_info::workflow_type_spawned);
+  child.clear_waiting_wfs();
+  child.clear_dependants();
+  child.spawn(2, make_int(1), {});
+  ASSERT_TRUE(child.set_in_value("t1>in", make_int(1), false, "o"));
+  init.add_waiting_wf("WOFL-child", "o");
+  init.add_dependant("WOFL-child");
+
+  for (workflow_info* wf : {&init, &child}) {
+    EXPECT_TRUE(wf->set_task_status("init", task::status_running, 1, "n", ""));
+    EXPECT_TRUE(wf->set_task_status("init", task::status_finished, 2, "n", ""));
+    // The init task's out-value goes to t1>config as an init in-value, in place and in the child.
+    EXPECT_TRUE(wf->set_in_value("t1>config", make_string("cfg"), false, "o"));
+  }
+  std::list<std::string> runnable;
+  std::map<std::string, std::string> reasons;
+  child.get_tasks_runnability(runnable, reasons);
+  EXPECT_EQ(runnable, std::list<std::string>{"t1"});
+  runnable.clear();
+  init.get_tasks_runnability(runnable, reasons);
+  EXPECT_TRUE(runnable.empty());
+  EXPECT_EQ(init.get_status(), workflow_info::status_running);
+}
+
+// Random operations with random, often bad, arguments: each one either applies or raises
+// es::arg and leaves the workflow exactly as it was; the result always round-trips.
+TEST(WorkflowInfo, RandomOperationsApplyOrRaiseWithoutChangingAnything) {
+  std::mt19937 rng(4242);
+  auto pick = [&](const std::vector<std::string>& pool) { return pool[rng() % pool.size()]; };
+  const std::vector<std::string> ids{"t1", "t2", "t3", "init", "zz", ""};
+  const std::vector<std::string> paths{"t1>in", "t1", "t3", "t3>side", "init>setup", "t9>in",
+                                       "t1>x",  "",   ">",  "t1>in>x", "init"};
+  auto value = [&]() -> zelcore::property_ptr {
+    switch (rng() % 4) {
+      case 0: return nullptr;
+      case 1: return make_int(static_cast<int>(rng() % 100));
+      case 2: return make_string("v");
+      default: return zelcore::property_ptr(new properties());
+    }
+  };
+  auto some_int = [&]() { return static_cast<std::int64_t>(rng() % 41) - 20; };
+  workflow_info wf = decoded(zeltest::sample_workflow(rng() % 3, 3, true));
+  int raised = 0;
+  for (int i = 0; i < 4000; ++i) {
+    const properties before = encoded(wf);
+    try {
+      switch (rng() % 14) {
+        case 0: wf.set_in_value(pick(paths), value(), rng() % 2, "o"); break;
+        case 1:
+          wf.set_task_status(pick(ids), static_cast<task::status>(rng() % 8), rng(), "n", "m");
+          break;
+        case 2:
+          wf.set_task_scheduling_state(pick(ids), static_cast<task::scheduling_state>(rng() % 4));
+          break;
+        case 3:
+          wf.set_task_priority(pick(ids), some_int(),
+                               static_cast<workflow_info::priority_whence>(rng() % 3), some_int(),
+                               some_int());
+          break;
+        case 4:
+          wf.set_priority(some_int(), static_cast<workflow_info::priority_whence>(rng() % 3),
+                          some_int(), some_int());
+          break;
+        case 5: wf.set_task_max_attempts(pick(ids), rng() % 4); break;
+        case 6: {
+          properties progress;
+          progress["p"] = value();
+          wf.update_task_progress(pick(ids), progress);
+          break;
+        }
+        case 7: wf.add_waiting_wf(pick({"WOFL-1", "WOFL-2", ""}), "o"); break;
+        case 8:
+          if (rng() % 2) {
+            wf.add_dependant(pick({"WOFL-1", ""}));
+          } else {
+            wf.remove_dependant(pick({"WOFL-1", ""}));
+          }
+          break;
+        case 9: wf.add_workflow_meta_data(pick({"k", "kill-requested", ""}), value()); break;
+        case 10: wf.set_type(static_cast<workflow_info::workflow_type>(rng() % 4)); break;
+        case 11: wf.spawn(rng() % 3, value(), {{"command", rng() % 3}}); break;
+        case 12: {
+          properties entry;
+          entry["value"] = value();
+          properties out_values;
+          out_values.set_properties_value(pick({"out", "config", "nope"}), entry);
+          wf.get_task_info(pick(ids))->decode_out_values(out_values);
+          break;
+        }
+        default: wf.set_task_kill_triggered(pick(ids), rng() % 2); break;
+      }
+    } catch (const zelbase::es::arg&) {
+      ++raised;
+      ASSERT_TRUE(encoded(wf) == before) << "operation " << i << " raised and changed the workflow";
+    }
+    if (i % 50 == 0) {
+      ASSERT_TRUE(decoded(encoded(wf)) == wf);
+    }
+  }
+  EXPECT_GT(raised, 500);
+  EXPECT_LT(raised, 3500);
 }
 
 }  // namespace

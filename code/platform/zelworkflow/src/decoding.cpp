@@ -10,6 +10,16 @@ namespace zelworkflow::detail {
 
 using zelcore::property;
 
+namespace {
+
+// "an int", "a string", ...
+std::string with_article(property::property_kind kind) {
+  return std::string(kind == property::kind_int ? "an " : "a ") +
+         zelcore::property_kind_c_str(kind);
+}
+
+}  // namespace
+
 reader::reader(const zelcore::properties& props, std::string what)
     : props_(props), what_(std::move(what)) {}
 
@@ -21,8 +31,7 @@ const property* reader::find(const std::string& key, property::property_kind kin
   read_.insert(key);
   const property* p = props_.get_property(key).get();
   if (p && p->kind() != kind) {
-    fail("'" + key + "' holds a " + zelcore::property_kind_c_str(p->kind()) + ", not a " +
-         zelcore::property_kind_c_str(kind));
+    fail("'" + key + "' holds " + with_article(p->kind()) + ", not " + with_article(kind));
   }
   return p;
 }
@@ -53,6 +62,19 @@ std::string reader::get_string(const std::string& key, const std::string& def) {
 zelcore::properties reader::get_properties(const std::string& key) {
   const property* p = find(key, property::kind_properties);
   return p ? *static_cast<const zelcore::properties*>(p) : zelcore::properties();
+}
+
+zelbase::ptr_refcount<const zelcore::properties> reader::get_properties_ptr(
+    const std::string& key) {
+  return static_cast<const zelcore::properties*>(find(key, property::kind_properties));
+}
+
+const zelcore::properties& reader::as_properties(const std::string& what,
+                                                 const zelcore::property& child) const {
+  if (child.kind() != property::kind_properties) {
+    fail(what + " holds " + with_article(child.kind()) + ", not a properties");
+  }
+  return static_cast<const zelcore::properties&>(child);
 }
 
 zelcore::property_ptr reader::get_property(const std::string& key) {

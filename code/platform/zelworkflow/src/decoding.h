@@ -22,8 +22,13 @@ class reader {
   std::string get_string(const std::string& key, const std::string& def);
   // An empty tree when absent.
   zelcore::properties get_properties(const std::string& key);
+  // A shared nested tree; null when absent.
+  zelbase::ptr_refcount<const zelcore::properties> get_properties_ptr(const std::string& key);
   // Null when absent.
   zelcore::property_ptr get_property(const std::string& key);
+  // `child` (named `what` in the error text) as a properties; other kinds are refused.
+  const zelcore::properties& as_properties(const std::string& what,
+                                           const zelcore::property& child) const;
   // A list of strings; empty when absent.
   std::vector<std::string> get_strings(const std::string& key);
   // Refuses every key that no getter read.

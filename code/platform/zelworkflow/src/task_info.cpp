@@ -20,30 +20,11 @@ constexpr std::int64_t max_u32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::int64_t min_i64 = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t max_i64 = std::numeric_limits<std::int64_t>::max();
 
-zelbase::ptr_refcount<const properties> as_properties_ptr(detail::reader& r,
-                                                          const std::string& key) {
-  property_ptr p = r.get_property(key);
-  if (!p) return nullptr;
-  if (p->kind() != zelcore::property::kind_properties) {
-    r.fail("'" + key + "' holds a " + zelcore::property_kind_c_str(p->kind()) +
-           ", not a properties");
-  }
-  return zelbase::ptr_refcount<const properties>(static_cast<const properties*>(p.get()));
-}
-
 // Element names of in-nodes and out-values: not empty, no path separator.
 void check_name(detail::reader& r, const std::string& what, const std::string& name) {
   if (name.empty() || name.find('>') != std::string::npos) {
     r.fail(what + " name '" + name + "' is empty or holds '>'");
   }
-}
-
-const properties& child_properties(detail::reader& r, const std::string& what,
-                                   const property_ptr& child) {
-  if (child->kind() != zelcore::property::kind_properties) {
-    r.fail(what + " holds a " + zelcore::property_kind_c_str(child->kind()) + ", not a properties");
-  }
-  return static_cast<const properties&>(*child);
 }
 
 }  // namespace
@@ -80,9 +61,15 @@ zelbase::ptr_refcount<task_info> task_info::clone() const {
 
 zelbase::ptr_refcount<task_info> task_info::create_task_info(const properties& encoded,
                                                              const zelcore::plugin_db& db) {
+  return decode(encoded, db, "");
+}
+
+zelbase::ptr_refcount<task_info> task_info::decode(const properties& encoded,
+                                                   const zelcore::plugin_db& db,
+                                                   const std::string& default_id) {
   const auto* kinds = dynamic_cast<const task_kind_db*>(&db);
   model m;
-  m.id = detail::reader(encoded, "task").get_string("id", "");
+  m.id = detail::reader(encoded, "task").get_string("id", default_id);
   const std::string what = m.id.empty() ? "task" : "task '" + m.id + "'";
   detail::reader r(encoded, what);
   r.get_string("id", "");
@@ -106,7 +93,7 @@ zelbase::ptr_refcount<task_info> task_info::create_task_info(const properties& e
     if (!child) continue;
     const std::string node_what = "in-node '" + name + "'";
     check_name(r, "in-node", name);
-    detail::reader nr(child_properties(r, node_what, child), node_what + " of " + what);
+    detail::reader nr(r.as_properties(node_what, *child), node_what + " of " + what);
     in_node& node = m.in_nodes[name];
     node.accepts = nr.get_string("accepts", "any");
     if (!detail::is_value_kind_name(node.accepts)) {
@@ -124,7 +111,7 @@ zelbase::ptr_refcount<task_info> task_info::create_task_info(const properties& e
     if (!child) continue;
     const std::string out_what = "out-value '" + name + "'";
     check_name(r, "out-value", name);
-    detail::reader orr(child_properties(r, out_what, child), out_what + " of " + what);
+    detail::reader orr(r.as_properties(out_what, *child), out_what + " of " + what);
     out_value& out = m.out_values[name];
     out.destinations = orr.get_strings("destinations");
     for (const std::string& d : out.destinations) {
@@ -133,8 +120,8 @@ zelbase::ptr_refcount<task_info> task_info::create_task_info(const properties& e
     out.value = orr.get_property("value");
     orr.finish();
   }
-  m.license_capabilities = as_properties_ptr(r, "allocated-license-capabilities");
-  m.job_info = as_properties_ptr(r, "job-info");
+  m.license_capabilities = r.get_properties_ptr("allocated-license-capabilities");
+  m.job_info = r.get_properties_ptr("job-info");
   r.finish();
 
   zelbase::ptr_refcount<task_info> task(new task_info());

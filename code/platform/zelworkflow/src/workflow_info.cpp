@@ -216,15 +216,12 @@ void workflow_info::decode_workflow_info(const properties& encoded, const zelcor
   m->ext_meta_data = r.get_properties("ext-meta-data");
   for (const auto& [id, child] : r.get_properties("tasks")) {
     if (!child) continue;
-    if (child->kind() != zelcore::property::kind_properties) {
-      r.fail("task '" + id + "' is not a properties");
-    }
+    const properties& task_encoding = r.as_properties("task '" + id + "'", *child);
     if (id.empty() || id.find('>') != std::string::npos) {
       r.fail("task id '" + id + "' is empty or holds '>'");
     }
-    task_ptr task = task_info::create_task_info(static_cast<const properties&>(*child), db);
-    std::string& task_id = task->model_->id;
-    if (task_id.empty()) task_id = id;
+    task_ptr task = task_info::decode(task_encoding, db, id);
+    const std::string& task_id = task->model_->id;
     if (task_id != id) r.fail("the task under '" + id + "' has the id '" + task_id + "'");
     m->tasks.emplace(id, task);
   }

@@ -68,6 +68,10 @@ class ZELWORKFLOW_EXPORT task_info : public zelcore::task {
  private:
   friend class workflow_info;
   task_info();
+  // create_task_info, with the id that a task without "id" takes (its key in a workflow).
+  static zelbase::ptr_refcount<task_info> decode(const zelcore::properties& encoded,
+                                                 const zelcore::plugin_db& db,
+                                                 const std::string& default_id);
   // The model's data; its layout is the workflow library's own (see docs/workflow-model.md).
   struct model;
   model* model_;
