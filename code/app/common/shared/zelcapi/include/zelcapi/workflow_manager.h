@@ -113,8 +113,9 @@ class ZELCAPI_EXPORT workflow_manager {
   // Applies an "update-workflow" action received from another replica, between
   // wm_cb_workflow_will_be_updated and wm_cb_workflow_was_updated (with `update` itself). Raises
   // es::arg "unknown workflow-update action requested" for an action it does not apply, and the
-  // property tree's es::arg for a missing or mistyped field, in both cases before anything
-  // changed; the receiver then has had "will be updated" without "was updated".
+  // property tree's es::arg for a missing or mistyped field, in both cases before any workflow
+  // changed; the receiver then has had "will be updated" without "was updated". Failures of the
+  // applied change itself (unknown workflow or task, a value the model refuses) raise as well.
   void update_workflow(const zelcore::properties& update, const zelcore::plugin_db& db);
 
   // --- Local changes: each applies the change, then writes its action to the receiver ---
