@@ -20,14 +20,15 @@ class ZELCORE_EXPORT task : public zelbase::object_refcount {
   };
 
   enum status : std::uint32_t {
-    status_waiting = 0,
-    status_runnable = 1,
-    status_running = 2,
-    status_finished = 3,
-    status_failed = 4,
+    status_waiting = 0,   // not yet run
+    status_runnable = 1,  // found runnable by the scheduler
+    status_running = 2,   // an attempt is running
+    status_finished = 3,  // done; its out-values are final
+    status_failed = 4,    // the last attempt failed; it may run again while attempts are left
     status_killed = 5,
   };
 
+  // Where the task stands with the cluster's scheduler; cleared when the task ends.
   enum scheduling_state : std::uint32_t {
     scheduling_none = 0,
     scheduling_queued = 1,

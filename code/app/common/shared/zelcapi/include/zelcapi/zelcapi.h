@@ -2,3 +2,4 @@
 #pragma once
 
 #include "zelcapi/state.h"
+#include "zelcapi/workflow_manager.h"
