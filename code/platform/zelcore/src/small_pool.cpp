@@ -26,7 +26,8 @@ struct cache {
   bool closed;
 };
 
-thread_local cache local_cache;
+// Initial-exec: reached without a call into the dynamic loader on every allocation.
+thread_local cache local_cache __attribute__((tls_model("initial-exec")));
 
 // Returns the cached blocks when the thread ends; later frees bypass the cache.
 struct cache_closer {
@@ -42,7 +43,7 @@ struct cache_closer {
   }
 };
 
-thread_local cache_closer closer;
+thread_local cache_closer closer __attribute__((tls_model("initial-exec")));
 
 }  // namespace
 
