@@ -48,50 +48,60 @@ const char* property_kind_c_str(property::property_kind kind) {
   return "unknown";
 }
 
-// Scalars: equal when the kinds and values are equal; ordered by kind first.
-void property_int::encode(zelbase::encoder_network& encoder) const { encoder.pack_int(value_); }
-zelbase::ptr_refcount<property> property_int::clone() const { return new property_int(value_); }
-std::string property_int::to_string() const { return std::to_string(value_); }
-std::string property_int::describe() const { return to_string(); }
-bool property_int::operator==(const property& other) const {
-  return other.kind() == kind_int && static_cast<const property_int&>(other).value_ == value_;
-}
-bool property_int::operator<(const property& other) const {
-  return other.kind() == kind_int ? value_ < static_cast<const property_int&>(other).value_
-                                  : kind_int < other.kind();
+namespace {
+void pack_scalar(zelbase::encoder_network& encoder, std::int64_t value) { encoder.pack_int(value); }
+void pack_scalar(zelbase::encoder_network& encoder, bool value) { encoder.pack_bool(value); }
+void pack_scalar(zelbase::encoder_network& encoder, const std::string& value) {
+  encoder.pack_string(value);
 }
 
-void property_bool::encode(zelbase::encoder_network& encoder) const { encoder.pack_bool(value_); }
-zelbase::ptr_refcount<property> property_bool::clone() const { return new property_bool(value_); }
-std::string property_bool::to_string() const { return value_ ? "true" : "false"; }
-std::string property_bool::describe() const { return to_string(); }
-bool property_bool::operator==(const property& other) const {
-  return other.kind() == kind_bool && static_cast<const property_bool&>(other).value_ == value_;
-}
-bool property_bool::operator<(const property& other) const {
-  return other.kind() == kind_bool ? value_ < static_cast<const property_bool&>(other).value_
-                                   : kind_bool < other.kind();
-}
+std::string plain_text(std::int64_t value) { return std::to_string(value); }
+std::string plain_text(bool value) { return value ? "true" : "false"; }
+std::string plain_text(const std::string& value) { return value; }
 
-void property_string::encode(zelbase::encoder_network& encoder) const {
-  encoder.pack_string(value_);
-}
-zelbase::ptr_refcount<property> property_string::clone() const {
-  return new property_string(value_);
-}
-std::string property_string::to_string() const { return value_; }
-std::string property_string::describe() const {
+std::string json_text(std::int64_t value) { return plain_text(value); }
+std::string json_text(bool value) { return plain_text(value); }
+std::string json_text(const std::string& value) {
   std::string out;
-  detail::append_json_string(out, value_);
+  detail::append_json_string(out, value);
   return out;
 }
-bool property_string::operator==(const property& other) const {
-  return other.kind() == kind_string && static_cast<const property_string&>(other).value_ == value_;
+}  // namespace
+
+template <class Derived, class T, property::property_kind Kind>
+void property_scalar<Derived, T, Kind>::encode(zelbase::encoder_network& encoder) const {
+  pack_scalar(encoder, value_);
 }
-bool property_string::operator<(const property& other) const {
-  return other.kind() == kind_string ? value_ < static_cast<const property_string&>(other).value_
-                                     : kind_string < other.kind();
+
+template <class Derived, class T, property::property_kind Kind>
+zelbase::ptr_refcount<property> property_scalar<Derived, T, Kind>::clone() const {
+  return new Derived(value_);
 }
+
+template <class Derived, class T, property::property_kind Kind>
+std::string property_scalar<Derived, T, Kind>::to_string() const {
+  return plain_text(value_);
+}
+
+template <class Derived, class T, property::property_kind Kind>
+std::string property_scalar<Derived, T, Kind>::describe() const {
+  return json_text(value_);
+}
+
+template <class Derived, class T, property::property_kind Kind>
+bool property_scalar<Derived, T, Kind>::operator==(const property& other) const {
+  return other.kind() == Kind && static_cast<const property_scalar&>(other).value_ == value_;
+}
+
+template <class Derived, class T, property::property_kind Kind>
+bool property_scalar<Derived, T, Kind>::operator<(const property& other) const {
+  return other.kind() == Kind ? value_ < static_cast<const property_scalar&>(other).value_
+                              : Kind < other.kind();
+}
+
+template class property_scalar<property_int, std::int64_t, property::kind_int>;
+template class property_scalar<property_bool, bool, property::kind_bool>;
+template class property_scalar<property_string, std::string, property::kind_string>;
 
 property_list::property_list(const zelbase::ptr_refcount<const property_list>& other) {
   if (other) values_ = other->values_;

@@ -76,12 +76,13 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
 // Name of a kind: "int", "bool", "string", "list", "properties".
 ZELCORE_EXPORT const char* property_kind_c_str(property::property_kind kind);
 
-class ZELCORE_EXPORT property_int final : public property {
+// The scalar kinds hold one value: equal when kind and value are equal, ordered by kind first.
+template <class Derived, class T, property::property_kind Kind>
+class ZELCORE_EXPORT property_scalar : public property {
  public:
-  explicit property_int(std::int64_t value) noexcept : value_(value) {}
-  const std::int64_t& value() const noexcept { return value_; }
+  const T& value() const noexcept { return value_; }
 
-  property_kind kind() const override { return kind_int; }
+  property_kind kind() const override { return Kind; }
   void encode(zelbase::encoder_network& encoder) const override;
   zelbase::ptr_refcount<property> clone() const override;
   std::string to_string() const override;
@@ -89,45 +90,33 @@ class ZELCORE_EXPORT property_int final : public property {
   bool operator==(const property& other) const override;
   bool operator<(const property& other) const override;
 
+ protected:
+  template <class... Args>
+  explicit property_scalar(Args&&... args) : value_(std::forward<Args>(args)...) {}
+
  private:
-  std::int64_t value_;
+  T value_;
 };
 
-class ZELCORE_EXPORT property_bool final : public property {
+class ZELCORE_EXPORT property_int final
+    : public property_scalar<property_int, std::int64_t, property::kind_int> {
  public:
-  explicit property_bool(bool value) noexcept : value_(value) {}
-  const bool& value() const noexcept { return value_; }
-
-  property_kind kind() const override { return kind_bool; }
-  void encode(zelbase::encoder_network& encoder) const override;
-  zelbase::ptr_refcount<property> clone() const override;
-  std::string to_string() const override;
-  std::string describe() const override;
-  bool operator==(const property& other) const override;
-  bool operator<(const property& other) const override;
-
- private:
-  bool value_;
+  explicit property_int(std::int64_t value) noexcept : property_scalar(value) {}
 };
 
-class ZELCORE_EXPORT property_string final : public property {
+class ZELCORE_EXPORT property_bool final
+    : public property_scalar<property_bool, bool, property::kind_bool> {
  public:
-  explicit property_string(const std::string& value) : value_(value) {}
-  explicit property_string(std::string&& value) noexcept : value_(std::move(value)) {}
-  explicit property_string(const char* value) : value_(value) {}
-  property_string(const char* data, std::size_t size) : value_(data, size) {}
-  const std::string& value() const noexcept { return value_; }
+  explicit property_bool(bool value) noexcept : property_scalar(value) {}
+};
 
-  property_kind kind() const override { return kind_string; }
-  void encode(zelbase::encoder_network& encoder) const override;
-  zelbase::ptr_refcount<property> clone() const override;
-  std::string to_string() const override;
-  std::string describe() const override;
-  bool operator==(const property& other) const override;
-  bool operator<(const property& other) const override;
-
- private:
-  std::string value_;
+class ZELCORE_EXPORT property_string final
+    : public property_scalar<property_string, std::string, property::kind_string> {
+ public:
+  explicit property_string(const std::string& value) : property_scalar(value) {}
+  explicit property_string(std::string&& value) noexcept : property_scalar(std::move(value)) {}
+  explicit property_string(const char* value) : property_scalar(value) {}
+  property_string(const char* data, std::size_t size) : property_scalar(data, size) {}
 };
 
 class ZELCORE_EXPORT property_list final : public property {
