@@ -1,5 +1,6 @@
 // Strict reading of the workflow and task encodings: every key is checked for its kind and
 // range, unknown keys are refused, and each failure raises es::arg naming what was decoded.
+// Also the one writing helper that the encodings share.
 #pragma once
 
 #include <cstdint>
@@ -50,5 +51,13 @@ bool value_kind_accepted(const std::string& accepts, const zelcore::property& va
 // Checks the syntax of an in-node path ("<task id>" or "<task id>><in-node>", no empty
 // element); raises es::arg with `what` in the text otherwise.
 void check_in_node_path(const std::string& path, const std::string& what);
+
+// A list property of the strings of `texts`, in order.
+template <class Container>
+zelcore::property_ptr make_string_list(const Container& texts) {
+  zelbase::ptr_refcount<zelcore::property_list> list(new zelcore::property_list());
+  for (const std::string& text : texts) list->push_back(zelcore::make_string(text));
+  return list;
+}
 
 }  // namespace zelworkflow::detail

@@ -157,9 +157,7 @@ void task_info::encode_task_info(properties& out) const {
   properties out_values;
   for (const auto& [name, ov] : m.out_values) {
     properties o;
-    zelbase::ptr_refcount<zelcore::property_list> list(new zelcore::property_list());
-    for (const std::string& d : ov.destinations) list->push_back(zelcore::make_string(d));
-    o["destinations"] = list;
+    o["destinations"] = detail::make_string_list(ov.destinations);
     if (ov.value) o["value"] = ov.value;
     out_values.set_properties_value(name, o);
   }
@@ -179,22 +177,24 @@ zelcore::task::scheduling_state task_info::get_scheduling_state() const {
 const properties& task_info::get_progress() const { return model_->progress; }
 const properties& task_info::get_parameters() const { return model_->parameters; }
 
-property_ptr task_info::get_in_value(const std::string& in_node) const {
-  auto it = model_->in_nodes.find(in_node);
-  if (it == model_->in_nodes.end()) {
+// The value held under `name` in a task's in-nodes or out-values (`what` names which).
+template <class Map>
+property_ptr named_value(const Map& entries, const std::string& name, const std::string& task_id,
+                         const char* what) {
+  auto it = entries.find(name);
+  if (it == entries.end()) {
     zelbase::es::arg::raise(__FILE__, __LINE__,
-                            "task '" + model_->id + "' has no in-node '" + in_node + "'");
+                            "task '" + task_id + "' has no " + what + " '" + name + "'");
   }
   return it->second.value;
 }
 
+property_ptr task_info::get_in_value(const std::string& in_node) const {
+  return named_value(model_->in_nodes, in_node, model_->id, "in-node");
+}
+
 property_ptr task_info::get_out_value(const std::string& name) const {
-  auto it = model_->out_values.find(name);
-  if (it == model_->out_values.end()) {
-    zelbase::es::arg::raise(__FILE__, __LINE__,
-                            "task '" + model_->id + "' has no out-value '" + name + "'");
-  }
-  return it->second.value;
+  return named_value(model_->out_values, name, model_->id, "out-value");
 }
 
 void task_info::make_out_values(const properties& values, properties& out) const {
@@ -204,11 +204,7 @@ void task_info::make_out_values(const properties& values, properties& out) const
     get_out_value(name);  // raises for an unknown name
     properties entry;
     entry["value"] = value;
-    zelbase::ptr_refcount<zelcore::property_list> list(new zelcore::property_list());
-    for (const std::string& d : model_->out_values.at(name).destinations) {
-      list->push_back(zelcore::make_string(d));
-    }
-    entry["destinations"] = list;
+    entry["destinations"] = detail::make_string_list(model_->out_values.at(name).destinations);
     routed.set_properties_value(name, entry);
   }
   for (const auto& [name, entry] : routed) out[name] = entry;

@@ -257,9 +257,7 @@ void workflow_info::encode_workflow_info(properties& out) const {
     tasks.set_properties_value(id, t);
   }
   out.set_properties_value("tasks", tasks);
-  zelbase::ptr_refcount<zelcore::property_list> dependants(new zelcore::property_list());
-  for (const std::string& d : m.dependants) dependants->push_back(zelcore::make_string(d));
-  out["dependants"] = dependants;
+  out["dependants"] = detail::make_string_list(m.dependants);
   out.set_properties_value("waiting", properties(m.waiting));
   if (m.spawn_value) {
     out["spawn-value"] = m.spawn_value;
