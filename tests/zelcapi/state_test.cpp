@@ -294,3 +294,12 @@ TEST_F(StateTest, ResultsEncodeOneChildPerWorkflow) {
   st.get_workflow_results(out);
   EXPECT_EQ(out.describe(), "{\"a\":{\"ht\":2,\"st\":1},\"b\":{\"ht\":1,\"st\":3}}");
 }
+
+TEST_F(StateTest, UpdateCreatesNoEmptySubtreeForANewKey) {
+  st.item_update(state_item_job, "j1",
+                 tree({{"b", property_ptr(new properties{{"x", make_int(2)},
+                                                         {"e", property_ptr(new properties)}})}}));
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"b\":{\"x\":2}}");
+  EXPECT_EQ(receiver.calls,
+            std::vector<std::string>{"on_item_updated(5,j1,{\"b\":{\"e\":{},\"x\":2}})"});
+}

@@ -182,3 +182,13 @@ TEST(PropertyMerge, DoesNotChangeCopiesOfTheRecord) {
   EXPECT_EQ(copy.get_properties_value("b").get_int_value("x"), 1);
   EXPECT_EQ(record.get_properties_value("b").get_int_value("x"), 2);
 }
+
+TEST(PropertyMerge, ANewSubtreeTakesOnlyTheUpdatesLeaves) {
+  properties record(false);
+  const properties update =
+      tree({{"b", sub({{"x", make_int(1)}, {"e", sub({})}, {"f", sub({{"g", sub({})}})}})}});
+  record.merge_leaves(update);
+  EXPECT_EQ(record.describe(), "{\"b\":{\"x\":1}}");
+  EXPECT_EQ(record.get_properties_value("b").size(), 1u);
+  EXPECT_EQ(update.get_properties_value("b").size(), 3u);
+}

@@ -161,8 +161,9 @@ void properties::merge_leaves(const properties& update) {
     const entry* found = detail::entry_lower_bound(all->data() + from, all->data() + all->size(),
                                                    change.first, change.order());
     auto it = all->begin() + (found - all->data());
+    // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
     if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))
-      it = all->emplace(it, change);
+      it = all->emplace(it, change.first, property_ptr());
     from = static_cast<std::size_t>(it - all->begin()) + 1;
     if (!nested) {
       it->second = value;
