@@ -104,6 +104,16 @@ TEST(PropertyCodec, NilMapValueIsAnAbsentKey) {
   EXPECT_TRUE(*round_trip(with_null_slot) == p);
 }
 
+TEST(PropertyCodec, ALaterNilMakesAnEarlierValueOfTheKeyAbsent) {
+  // The last of equal keys wins, and a nil value means the key is absent.
+  const std::string nil_last = bytes({0x83, 0xa1, 'a', 0x01, 0xa1, 'b', 0x02, 0xa1, 'a', 0xc0});
+  EXPECT_EQ(decode_properties(nil_last.data(), nil_last.size()).describe(), "{\"b\":2}");
+  const std::string nil_first = bytes({0x82, 0xa1, 'a', 0xc0, 0xa1, 'a', 0x01});
+  EXPECT_EQ(decode_properties(nil_first.data(), nil_first.size()).describe(), "{\"a\":1}");
+  const std::string only_nil = bytes({0x81, 0xa1, 'a', 0xc0});
+  EXPECT_EQ(decode_properties(only_nil.data(), only_nil.size()).size(), 0u);
+}
+
 TEST(PropertyCodec, LargeUnsignedComesBackAsTheSignedValueOfTheSameBits) {
   const std::string in = bytes({0xcf, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe});
   const property_ptr p = decode_property(in.data(), in.size());

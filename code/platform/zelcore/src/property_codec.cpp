@@ -1,6 +1,8 @@
 // Decoding of the network encoding (MessagePack) into property trees, on msgpack-cxx's parser.
 // Builds the tree directly while parsing; never reads past the input and never reserves more
 // than the input could hold.
+#include <algorithm>
+
 #include <msgpack.hpp>
 
 #include "properties_body.h"
@@ -16,7 +18,7 @@ constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_code
 class tree_builder : public msgpack::null_visitor {
  public:
   tree_builder(std::size_t input_size, std::size_t max_depth)
-      : input_size_(input_size), max_depth_(max_depth) {
+      : pair_budget_(input_size / 2), max_depth_(max_depth) {
     frames_.reserve(8);
   }
 
@@ -61,8 +63,11 @@ class tree_builder : public msgpack::null_visitor {
     if (!open_container()) return false;
     zelbase::ptr_refcount<properties> tree(new properties);
     properties::container& entries = detail::properties_builder::entries(*tree);
-    // Each pair takes at least two bytes, so a forged count cannot reserve more than that.
-    entries.reserve(std::min<std::size_t>(count, input_size_ / 2));
+    // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
+    // counts, even nested ones, cannot together reserve more than that.
+    const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
+    pair_budget_ -= reserve;
+    entries.reserve(reserve);
     frames_.push_back(frame{property_ptr(tree), nullptr, &entries, false, false, true});
     return true;
   }
@@ -79,6 +84,12 @@ class tree_builder : public msgpack::null_visitor {
   bool end_map() {
     frame& top = frames_.back();
     if (!top.sorted) detail::properties_builder::normalise(*top.entries);
+    if (top.has_nil) {  // after normalising, so that a later nil also removes an earlier value
+      properties::container& entries = *top.entries;
+      entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                   [](const properties::entry& e) { return !e.second; }),
+                    entries.end());
+    }
     return close_container();
   }
 
@@ -97,6 +108,7 @@ class tree_builder : public msgpack::null_visitor {
     bool expecting_key = false;
     bool has_key = false;
     bool sorted = true;
+    bool has_nil = false;  // a key with a nil value, to remove at the end
   };
 
   bool fail(const char* reason) {
@@ -137,11 +149,11 @@ class tree_builder : public msgpack::null_visitor {
     if (value)
       top.entries->back().second = std::move(value);
     else
-      top.entries->pop_back();  // a nil value: the key is absent
+      top.has_nil = true;  // a nil value: the key is absent
     return true;
   }
 
-  std::size_t input_size_;
+  std::size_t pair_budget_;  // map pairs that may still be reserved
   std::size_t max_depth_;
   std::vector<frame> frames_;
   property_ptr root_;
