@@ -68,6 +68,8 @@ void pool_free(void* p, std::size_t size) noexcept {
   const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
   cache& c = local_cache;
   if (index < classes && !c.closed && c.counts[index] < max_cached) {
+    // A thread may free blocks without ever allocating one: it too must return them at its end.
+    if (!c.heads[index]) (void)&closer;
     auto* block = static_cast<free_block*>(p);
     block->next = c.heads[index];
     c.heads[index] = block;
