@@ -1,6 +1,11 @@
 // The state's item stores and workflow results, and what their receiver is told.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
+#include <list>
+#include <vector>
+
 #include "zelbase/exceptions.h"
 #include "zelcapi/recording_receiver.h"
 #include "zelcapi/state.h"
@@ -75,10 +80,14 @@ TEST_F(StateTest, UnknownItemTypeRaisesFromEveryOperationBeforeAnyChange) {
 }
 
 TEST_F(StateTest, ErrorsCarryTheStateSourcePath) {
-  try {
-    st.get_items(bad_type);
-  } catch (const zelbase::es::arg& e) {
-    EXPECT_EQ(e.file(), "code\\app\\common\\shared\\zelcapi\\src\\state");
+  for (const auto& raise : std::vector<std::function<void()>>{
+           [&] { st.get_items(bad_type); }, [&] { st.get_item(state_item_job, "none"); }}) {
+    try {
+      raise();
+      ADD_FAILURE() << "no error";
+    } catch (const zelbase::es::arg& e) {
+      EXPECT_EQ(e.file(), "code\\app\\common\\shared\\zelcapi\\src\\state");
+    }
   }
 }
 
@@ -302,4 +311,157 @@ TEST_F(StateTest, UpdateCreatesNoEmptySubtreeForANewKey) {
   EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"b\":{\"x\":2}}");
   EXPECT_EQ(receiver.calls,
             std::vector<std::string>{"on_item_updated(5,j1,{\"b\":{\"e\":{},\"x\":2}})"});
+}
+
+// The receiver's operations follow its destructor in this slot order (the Itanium C++ ABI
+// encodes a pointer to a virtual member as one plus its byte offset in the table).
+TEST(StateNotificationReceiver, OperationsAreInSlotOrder) {
+#if defined(__x86_64__) && defined(__GXX_ABI_VERSION)
+  using r = zelcapi::state_notification_receiver;
+  const auto slot = [](auto member) {
+    struct {
+      std::uintptr_t ptr;
+      std::ptrdiff_t adj;
+    } rep;
+    static_assert(sizeof(member) == sizeof(rep));
+    std::memcpy(&rep, &member, sizeof rep);
+    EXPECT_EQ(rep.ptr % 2, 1u) << "not a virtual operation";
+    return static_cast<int>((rep.ptr - 1) / sizeof(void*));
+  };
+  // The destructor takes the first two entries (complete and deleting).
+  const std::vector<int> slots = {slot(&r::on_item_updated),
+                                  slot(&r::on_item_set),
+                                  slot(&r::on_item_removing),
+                                  slot(&r::on_item_removed),
+                                  slot(&r::on_item_historizing),
+                                  slot(&r::on_item_historized),
+                                  slot(&r::on_item_adding_to_history),
+                                  slot(&r::on_item_added_to_history),
+                                  slot(&r::on_item_erased_property_ref),
+                                  slot(&r::on_workflow_will_be_updated),
+                                  slot(&r::on_workflow_was_updated),
+                                  slot(&r::on_workflow_result_added),
+                                  slot(&r::on_workflow_result_removing),
+                                  slot(&r::on_workflow_result_removed),
+                                  slot(&r::on_historized_workflow_removed)};
+  for (int i = 0; i < 15; ++i) EXPECT_EQ(slots[i], 2 + i) << "operation " << i + 1;
+#else
+  GTEST_SKIP() << "slot numbers are read in the x86-64 Itanium ABI only";
+#endif
+}
+
+namespace {
+// Records where the props of on_item_set and on_item_updated live.
+class address_receiver : public zeltest::recording_receiver {
+ public:
+  const properties* set_props = nullptr;
+  const properties* updated_props = nullptr;
+  void on_item_set(state_item_type t, const std::string& id, const properties& p) override {
+    set_props = &p;
+    recording_receiver::on_item_set(t, id, p);
+  }
+  void on_item_updated(state_item_type t, const std::string& id, const properties& p) override {
+    updated_props = &p;
+    recording_receiver::on_item_updated(t, id, p);
+  }
+};
+
+properties merged_by_reference(properties record, const properties& update) {
+  std::list<std::string> refs;
+  update.get_leaf_references(refs);
+  for (const std::string& ref : refs)
+    record.set_create_referenced_property(ref, update.get_referenced_property(ref));
+  return record;
+}
+}  // namespace
+
+TEST(StateNotifications, SetAndUpdatePassTheCallersTreeItself) {
+  zelcore::plugin_db plugins;
+  address_receiver receiver;
+  state st(plugins, &receiver);
+  const properties set_props{{"a", make_int(1)}};
+  const properties update{{"b", make_int(2)}};
+  st.item_set(state_item_job, "j", set_props);
+  st.item_update(state_item_job, "j", update);
+  EXPECT_EQ(receiver.set_props, &set_props);
+  EXPECT_EQ(receiver.updated_props, &update);
+}
+
+TEST_F(StateTest, UpdateSharesTheUpdatesLeavesWithTheRecord) {
+  const properties update{{"s", zelcore::make_string("a leaf longer than any shared constant")},
+                          {"t", property_ptr(new properties{{"u", make_int(1 << 20)}})}};
+  st.item_update(state_item_job, "j1", update);
+  const properties& stored = st.get_item(state_item_job, "j1");
+  EXPECT_EQ(stored.get_property("s").get(), update.get_property("s").get());
+  EXPECT_EQ(stored.get_properties_value("t").get_property("u").get(),
+            update.get_properties_value("t").get_property("u").get());
+}
+
+TEST_F(StateTest, UpdateEqualsStoringEveryLeafOfTheUpdateAtItsReference) {
+  const properties inner{{"x", make_int(1)}, {"y", make_int(2)}};
+  const properties record{{"a", make_int(1)},
+                          {"b", property_ptr(new properties(inner))},
+                          {"c", make_int(3)},
+                          {"a/b", make_int(4)}};
+  const std::vector<properties> updates = {
+      properties{{"b", property_ptr(new properties{{"y", make_int(20)}, {"z", make_int(30)}})}},
+      properties{{"c", property_ptr(new properties{{"now", make_int(5)}})}, {"~", make_int(6)}},
+      properties{{"b", make_int(7)}, {"a/b", property_ptr(new properties{{"~1", make_int(8)}})}},
+      properties{{"d", property_ptr(new properties{{"e", property_ptr(new properties)}})}},
+      properties{{"f", property_ptr(new properties{{"g", make_int(9)},
+                                                   {"h", property_ptr(new properties)}})}},
+      properties(false)};
+  for (const properties& update : updates) {
+    st.item_set(state_item_job, "j1", record);
+    st.item_update(state_item_job, "j1", update);
+    EXPECT_EQ(st.get_item(state_item_job, "j1").describe(),
+              merged_by_reference(record, update).describe())
+        << update.describe();
+  }
+}
+
+TEST_F(StateTest, EraseLeavesTheEmptyParentBehind) {
+  st.item_set(state_item_job, "j1",
+              tree({{"a", property_ptr(new properties{{"b", make_int(1)}})}, {"c", make_int(2)}}));
+  st.item_erase_property_ref(state_item_job, "j1", "/a/b");
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"a\":{},\"c\":2}");
+}
+
+TEST_F(StateTest, EraseOfAKeyWithSlashAndTilde) {
+  st.item_set(state_item_job, "j1", tree({{"a/b~c", make_int(1)}, {"a", make_int(2)}}));
+  st.item_erase_property_ref(state_item_job, "j1", "/a~1b~0c");
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"a\":2}");
+}
+
+TEST_F(StateTest, EraseWithAMalformedReferenceRaisesAndChangesNothing) {
+  st.item_set(state_item_job, "j1", tree({{"a", make_int(1)}}));
+  receiver.calls.clear();
+  EXPECT_EQ(error_of([&] { st.item_erase_property_ref(state_item_job, "j1", "a"); }),
+            "property reference 'a' does not start with '/'");
+  EXPECT_EQ(error_of([&] { st.item_erase_property_ref(state_item_job, "j1", "/a~2"); }),
+            "property reference '/a~2' has a '~' not followed by 0 or 1");
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"a\":1}");
+  EXPECT_TRUE(receiver.calls.empty());
+}
+
+TEST_F(StateTest, ReceiverExceptionInUpdatedPropagatesAfterTheMerge) {
+  st.item_set(state_item_job, "j1", tree({{"a", make_int(1)}}));
+  receiver.raise_in = "on_item_updated";
+  EXPECT_THROW(st.item_update(state_item_job, "j1", tree({{"b", make_int(2)}})),
+               std::runtime_error);
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"a\":1,\"b\":2}");
+}
+
+TEST_F(StateTest, ReceiverExceptionInRemovedPropagatesAfterTheErase) {
+  st.item_set(state_item_job, "j1", properties(false));
+  receiver.raise_in = "on_item_removed";
+  EXPECT_THROW(st.item_remove(state_item_job, "j1"), std::runtime_error);
+  EXPECT_FALSE(st.has_item(state_item_job, "j1"));
+}
+
+TEST_F(StateTest, ReceiverExceptionInErasedPropertyRefPropagatesAfterTheErase) {
+  st.item_set(state_item_job, "j1", tree({{"a", make_int(1)}, {"b", make_int(2)}}));
+  receiver.raise_in = "on_item_erased_property_ref";
+  EXPECT_THROW(st.item_erase_property_ref(state_item_job, "j1", "/a"), std::runtime_error);
+  EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"b\":2}");
 }

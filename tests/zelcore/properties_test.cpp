@@ -266,3 +266,51 @@ TEST(Properties, InitializerListKeepsTheLastOfEqualKeys) {
   EXPECT_EQ(p.get_int_value("b"), 3);
   EXPECT_EQ(p.begin()->first, "a");
 }
+
+TEST(Properties, AccessorsWithDefaultGiveTheStoredTreeAndBoolWhenPresent) {
+  const properties p = sample();
+  const properties fallback{{"fallback", make_int(1)}};
+  EXPECT_EQ(&p.get_properties_value("nested", fallback), &p.get_properties_value("nested"));
+  EXPECT_EQ(p.get_properties_value("nested", fallback).get_int_value("x"), 2);
+  EXPECT_FALSE(p.get_bool_value("bool", false) == false);
+  properties f(false);
+  f.set_bool_value("off", false);
+  EXPECT_FALSE(f.get_bool_value("off", true));
+  EXPECT_FALSE(f.get_bool_value("off"));
+}
+
+TEST(Properties, ANullSlotIsMissingForEveryAccessor) {
+  properties p(false);
+  p["ghost"];
+  const std::string fallback = "fallback";
+  const properties empty(false);
+  EXPECT_EQ(error_text([&] { p.get_int_value("ghost"); }), "property 'ghost' is missing");
+  EXPECT_EQ(error_text([&] { p.get_list_value("ghost"); }), "property 'ghost' is missing");
+  EXPECT_EQ(p.get_int_value("ghost", 4), 4);
+  EXPECT_EQ(&p.get_string_value("ghost", fallback), &fallback);
+  EXPECT_EQ(&p.get_properties_value("ghost", empty), &empty);
+  EXPECT_EQ(p.get_properties_value_ptr("ghost"), nullptr);
+  EXPECT_FALSE(p.is_present("ghost"));
+  EXPECT_EQ(p.describe(), "{}");
+}
+
+TEST(Properties, ConstructorsOfAnEmptyTree) {
+  EXPECT_TRUE(properties(false).empty());
+  EXPECT_TRUE(properties(true).empty());
+  EXPECT_TRUE(properties(std::map<std::string, std::string>{}).empty());
+  EXPECT_EQ(properties(false).describe(), "{}");
+}
+
+TEST(Properties, CopyIsIndependentOfTheSourceInBothDirections) {
+  properties a = sample();
+  const properties b(a);
+  a["string"] = make_string("changed");
+  a.erase("bool");
+  EXPECT_EQ(b.get_string_value("string"), "text");
+  EXPECT_TRUE(b.get_bool_value("bool"));
+  properties c(false);
+  c = b;
+  const properties& same = c;
+  c = same;  // self-assignment keeps the content
+  EXPECT_TRUE(c == b);
+}
