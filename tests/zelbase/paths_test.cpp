@@ -30,6 +30,20 @@ TEST(Paths, AppendedJoinsWithTheSeparator) {
   EXPECT_EQ(path_appended("", "b", '>'), "b");
 }
 
+TEST(Paths, AnySeparatorWorksTheSameWay) {
+  std::string p = path_appended(path_appended("x", "y", '.'), "z", '.');
+  EXPECT_EQ(p, "x.y.z");
+  EXPECT_EQ(path_front(p, '.'), "x");
+  EXPECT_EQ(path_back(p, '.'), "z");
+  EXPECT_EQ(path_pop_front(p, '.'), "y.z");
+  // Other separators are ordinary characters.
+  EXPECT_EQ(path_front("a>b.c", '.'), "a>b");
+  EXPECT_EQ(path_back("a>b.c", '>'), "b.c");
+  // Empty elements are kept.
+  EXPECT_EQ(path_front(">b", '>'), "");
+  EXPECT_EQ(path_back("a>", '>'), "");
+}
+
 TEST(WorkflowIds, SchemeAndUris) {
   EXPECT_EQ(workflow_new(), "workflow");
   EXPECT_EQ(uri_new_scheme_specific("workflow", "WOFL-1>t1"), "workflow:WOFL-1>t1");

@@ -57,7 +57,40 @@ TEST(Thread, StartingARunningThreadRaises) {
   } waiting(gate);
   gate.lock();
   t.start(waiting);
-  EXPECT_THROW(t.start(body), zelbase::es::uspec);
+  try {
+    t.start(body);
+    ADD_FAILURE() << "no error";
+  } catch (const zelbase::es::uspec& e) {
+    EXPECT_STREQ(e.what(), "thread is already running");
+  }
   gate.unlock();
   t.join();
+  EXPECT_EQ(body.runs, 0);
+}
+
+TEST(Thread, CanBeStartedAgainAfterJoin) {
+  counting_body body;
+  zelbase::thread t;
+  t.start(body);
+  t.join();
+  t.start(body);
+  t.join();
+  EXPECT_EQ(body.runs, 2);
+}
+
+TEST(Thread, TerminateIsAVirtualOperationOfTheBody) {
+  struct stoppable : zelbase::thread_base {
+    std::atomic<bool> stop{false};
+    std::atomic<int> loops{0};
+    void run() override {
+      while (!stop) ++loops;
+    }
+    void terminate() override { stop = true; }
+  } body;
+  zelbase::thread t;
+  t.start(body);
+  zelbase::thread_base& base = body;
+  base.terminate();
+  t.join();
+  EXPECT_TRUE(body.stop);
 }

@@ -1,6 +1,7 @@
 // Wall-clock time through a replaceable clock.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 
 #include "zelbase/time.h"
@@ -16,4 +17,13 @@ TEST(Time, ReplaceableClockIsReadAndRestored) {
 TEST(Time, TimeStringIsUtc) {
   EXPECT_EQ(zelbase::time_string(0), "1970-01-01 00:00:00");
   EXPECT_EQ(zelbase::time_string(1700000000u), "2023-11-14 22:13:20");
+}
+
+TEST(Time, SleepSecondsBlocksForAtLeastThatLong) {
+  const auto start = std::chrono::steady_clock::now();
+  zelbase::sleep_seconds(1);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  const auto again = std::chrono::steady_clock::now();
+  zelbase::sleep_seconds(0);
+  EXPECT_LT(std::chrono::steady_clock::now() - again, std::chrono::milliseconds(500));
 }
