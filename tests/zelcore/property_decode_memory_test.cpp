@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <random>
 
 #include "zelbase/exceptions.h"
 #include "zelcore/properties.h"
@@ -83,4 +84,32 @@ TEST(PropertyDecodeMemory, ForgedArrayCountReservesNothing) {
   const std::size_t peak = peak_while([&] { error = decode_error(in); });
   EXPECT_EQ(error, "cannot decode property: input truncated at byte " + std::to_string(in.size()));
   EXPECT_LT(peak, 64 * in.size());
+}
+
+TEST(PropertyDecodeMemory, RandomForgedHeadersStayWithinABoundOfTheInputSize) {
+  std::mt19937 random(4242);
+  const auto byte = [&] { return static_cast<char>(random()); };
+  for (int round = 0; round < 2000; ++round) {
+    // Container and string headers with random (often huge) counts, keys between them, and
+    // random bytes after.
+    std::string in;
+    for (int headers = 1 + static_cast<int>(random() % 40); headers > 0; --headers) {
+      switch (random() % 5) {
+        case 0: in += '\xdf'; break;  // map32
+        case 1: in += '\xde'; break;  // map16
+        case 2: in += '\xdd'; break;  // array32
+        case 3: in += '\xdb'; break;  // str32
+        default: in += "\xa1k"; continue;
+      }
+      const int count_bytes = in.back() == '\xde' ? 2 : 4;
+      for (int i = 0; i < count_bytes; ++i) in += random() % 2 ? '\xff' : byte();
+      if (random() % 2) in += "\xa1k";
+    }
+    in.append(random() % 20000, '\x01');
+    const std::size_t peak =
+        peak_while([&] { EXPECT_EQ(decode_error(in).rfind("cannot decode property: ", 0), 0u); });
+    // Reserved map entries take up to 24 bytes per input byte, list elements up to 32 (a node
+    // per one-byte element): linear in the input, whatever the counts claim.
+    ASSERT_LT(peak, 64 * in.size() + 4096) << "round " << round << ": " << in.size() << " bytes";
+  }
 }
