@@ -223,7 +223,8 @@ class ZELCORE_EXPORT properties final : public property {
   using property::operator!=;
 
   // The slot of `key`, created empty (null) when new; a null slot counts as absent. The
-  // reference is valid until the next change of this tree.
+  // reference is valid until the next change or copy of this tree (a copy would see writes
+  // made through it).
   property_ptr& operator[](const std::string& key);
 
   const_iterator begin() const noexcept;
