@@ -465,3 +465,36 @@ TEST_F(StateTest, ReceiverExceptionInErasedPropertyRefPropagatesAfterTheErase) {
   EXPECT_THROW(st.item_erase_property_ref(state_item_job, "j1", "/a"), std::runtime_error);
   EXPECT_EQ(st.get_item(state_item_job, "j1").describe(), "{\"b\":2}");
 }
+
+namespace {
+// A state as a later layer sees it: the mutable stores and an item_update of its own.
+class layered_state : public state {
+ public:
+  using state::get_items_non_const;
+  using state::state;
+  std::vector<std::string> updates;
+  void item_update(state_item_type type, const std::string& id, const properties& props) override {
+    updates.push_back(id);
+    state::item_update(type, id, props);
+  }
+};
+}  // namespace
+
+TEST(StateLayers, MutableStoresAreTheStoresThatReadersSee) {
+  zelcore::plugin_db plugins;
+  layered_state st(plugins, nullptr);
+  st.get_items_non_const(zelcapi::state_item_node)["n1"] = properties{{"a", make_int(1)}};
+  EXPECT_EQ(st.get_item(zelcapi::state_item_node, "n1").get_int_value("a"), 1);
+  EXPECT_EQ(&st.get_items_non_const(zelcapi::state_item_node),
+            &st.get_items(zelcapi::state_item_node));
+  EXPECT_EQ(error_of([&] { st.get_items_non_const(bad_type); }), "state does not have item type 7");
+}
+
+TEST(StateLayers, ItemUpdateIsReachedThroughTheBaseClass) {
+  zelcore::plugin_db plugins;
+  layered_state derived(plugins, nullptr);
+  state& base = derived;
+  base.item_update(state_item_job, "j1", properties{{"a", make_int(1)}});
+  EXPECT_EQ(derived.updates, std::vector<std::string>{"j1"});
+  EXPECT_EQ(base.get_item(state_item_job, "j1").get_int_value("a"), 1);
+}
