@@ -6,6 +6,7 @@
 #include <list>
 #include <vector>
 
+#include "support/merge_by_reference.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/recording_receiver.h"
 #include "zelcapi/state.h"
@@ -17,6 +18,7 @@ using zelcapi::workflow_result_info;
 using zelcore::make_int;
 using zelcore::properties;
 using zelcore::property_ptr;
+using zeltest::merged_by_reference;
 
 namespace {
 
@@ -365,14 +367,6 @@ class address_receiver : public zeltest::recording_receiver {
     recording_receiver::on_item_updated(t, id, p);
   }
 };
-
-properties merged_by_reference(properties record, const properties& update) {
-  std::list<std::string> refs;
-  update.get_leaf_references(refs);
-  for (const std::string& ref : refs)
-    record.set_create_referenced_property(ref, update.get_referenced_property(ref));
-  return record;
-}
 }  // namespace
 
 TEST(StateNotifications, SetAndUpdatePassTheCallersTreeItself) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/merge_by_reference.h"
 #include "zelcore/properties.h"
 
 using zelcore::make_bool;
@@ -17,6 +18,7 @@ using zelcore::properties;
 using zelcore::property;
 using zelcore::property_list;
 using zelcore::property_ptr;
+using zeltest::merged_by_reference;
 
 namespace {
 
@@ -87,14 +89,6 @@ class random_trees {
  private:
   std::mt19937 random_;
 };
-
-properties merged_by_reference(properties record, const properties& update) {
-  std::list<std::string> refs;
-  update.get_leaf_references(refs);
-  for (const std::string& ref : refs)
-    record.set_create_referenced_property(ref, update.get_referenced_property(ref));
-  return record;
-}
 
 }  // namespace
 
