@@ -111,6 +111,13 @@ TEST(PropertyTreeRandom, MergeEqualsStoringEveryLeafAtItsReference) {
     // Neither the record's other copy nor the update is touched.
     ASSERT_EQ(record.describe(), record_before);
     ASSERT_EQ(update.describe(), update_before);
+
+    // A record that owns all of its subtrees alone is merged in place: same result.
+    const std::string bytes = zelcore::encode_property(record);
+    properties owned = zelcore::decode_properties(bytes.data(), bytes.size());
+    owned.merge_leaves(update);
+    ASSERT_EQ(owned.describe(), expected.describe())
+        << "record " << record_before << "\nupdate " << update_before;
   }
 }
 
