@@ -209,6 +209,10 @@ class ZELCORE_EXPORT properties final : public property {
   // One string child per pair.
   explicit properties(const std::map<std::string, std::string>& strings);
   properties(std::initializer_list<entry> children);
+  // A tree of the given children in any order; of equal keys the last one is kept. This is the
+  // way to build a large tree whose keys do not come in ascending order: one sort instead of an
+  // insertion in the middle per key.
+  explicit properties(container children);
   ~properties() override;
   properties& operator=(const properties& other) noexcept;
   properties& operator=(properties&& other) noexcept;
@@ -223,7 +227,8 @@ class ZELCORE_EXPORT properties final : public property {
   using property::operator!=;
 
   // The slot of `key`, created empty (null) when new; a null slot counts as absent. The
-  // reference is valid until the next change of this tree.
+  // reference is valid until the next change of this tree. A new key after the last one is
+  // appended in constant time; a new key before it moves the keys after it.
   property_ptr& operator[](const std::string& key);
 
   const_iterator begin() const noexcept;
