@@ -1,4 +1,5 @@
 // The whole public API of zelcapi.
 #pragma once
 
+#include "zelcapi/connection.h"
 #include "zelcapi/state.h"
