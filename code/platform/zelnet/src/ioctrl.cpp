@@ -123,6 +123,16 @@ void ioctrl::clear() {
   sweep();
 }
 
+void ioctrl::forget(const zelbase::file& f) {
+  const auto it = entries_.find(f.descriptor());
+  if (it == entries_.end()) return;
+  {
+    depth_guard guard(depth_);
+    drop(it->first, it->second.id);
+  }
+  sweep();
+}
+
 bool ioctrl::watches(const zelbase::file& f, const hdlr& h) const {
   const auto it = entries_.find(f.descriptor());
   return it != entries_.end() && it->second.handler == &h;

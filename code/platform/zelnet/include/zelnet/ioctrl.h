@@ -66,6 +66,8 @@ class ZELNET_EXPORT ioctrl {
   void abort() noexcept { aborted_ = true; }
   // Stops watching every file, calling erase (or erase_listener) for each.
   void clear();
+  // Stops watching `f` (when watched), calling erase (or erase_listener) for it.
+  void forget(const zelbase::file& f);
   // True while `h` watches `f`.
   bool watches(const zelbase::file& f, const hdlr& h) const;
   // Destroys `h` once no handler call is on the stack (handlers may be retired from inside
