@@ -223,4 +223,24 @@ TEST(Run, DeliversNotificationsUntilStopped) {
   EXPECT_EQ(h.received.size(), 3u);
 }
 
+TEST(Run, LateReplyTakenWhileRunningDoesNotStopDelivery) {
+  test_cluster sim(1, 1);
+  install_hold(sim);
+  recording_handler h;
+  zelcapi::connection c(&h);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
+  volatile bool stop = false;
+  // "last" is sent only once "tick" is in, so it arrives in a later read of the run.
+  h.on_packet = [&stop, &sim](const packet& in, packet&) {
+    if (in.get_name() == "tick") sim.broadcast(packet(3, "last"));
+    stop = in.get_name() == "last";
+  };
+  sim.broadcast(packet(4, "hold"));
+  sim.broadcast(packet(3, "tick"));
+  c.run(stop);
+  EXPECT_EQ(c.get_sync_packet().get_type(), 4);
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 3 tick", "handle 3 last"}));
+}
+
 }  // namespace

@@ -80,6 +80,8 @@ bool ioctrl::keep_alive() { return true; }
 
 void ioctrl::run(const volatile bool& stop) {
   while (!stop) {
+    // An abort (a sync reply taken while running) ends waits only, not the run.
+    aborted_ = false;
     if (poll_once(run_tick_ms) == 0 && !timeout(run_tick_ms)) return;
   }
 }
