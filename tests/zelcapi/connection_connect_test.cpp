@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include "support/capture_sink.h"
+#include "support/raw_peer.h"
+#include "zelbase/exceptions.h"
 #include "zelcapi/connection_test_support.h"
+#include "zelnet/codec.h"
 #include "zelnet/socket.h"
 
 namespace {
@@ -170,6 +173,31 @@ TEST(Connection, DestructionDisconnectsWithRemovingConnection) {
   }
   EXPECT_EQ(h.events,
             (events{"status 1 '' 0", "status 15 '' 0", "disconnected 'removing connection' 0"}));
+}
+
+TEST(Connection, HandlerExceptionDuringConnectFailsTheConnect) {
+  // The server's hello and a notification arrive in one read inside connect's wait.
+  zeltest::raw_peer peer([](int fd) {
+    zeltest::read_exactly(fd, zelnet::zelp::encode_hello_frame(2).size());
+    zeltest::write_all(fd, zelnet::zelp::encode_hello_frame(2) +
+                               zelnet::zelp::encode_packet_frame(zelnet::zelp::packet(3, "n")));
+    zeltest::read_exactly(fd, 1);
+  });
+  recording_handler h;
+  h.on_packet = [](const zelnet::zelp::packet&, zelnet::zelp::packet&) {
+    zelbase::es::arg::raise("test", 1, "bad packet");
+  };
+  zelcapi::connection c(&h);
+  zeltest::capture_sink sink;
+  EXPECT_EQ(c.connect("127.0.0.1", peer.port(), 5), zelcapi::connection_failed);
+  EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(h.events,
+            (events{"handle 3 n", "status 15 '' 0", "disconnected 'exception: bad packet' 0",
+                    "status 3 'bad packet' 0"}));
+  const auto prints = sink.prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].category, "zelcapi::connect:error");
+  EXPECT_EQ(prints[0].text, "bad packet");
 }
 
 // A hostile peer sends `bytes` on an established link (and closes when asked); the link must

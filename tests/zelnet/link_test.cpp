@@ -2,64 +2,20 @@
 // reads bytes exactly as the test says.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
+#include "support/raw_peer.h"
 #include "zelnet/link.h"
-#include "zelnet/socket.h"
 
 namespace {
 
 using namespace zelnet::zelp;
-
-// A peer on a raw socket: accepts one connection and runs `body` with its blocking fd.
-class raw_peer {
- public:
-  explicit raw_peer(std::function<void(int)> body) {
-    listener_.listen("127.0.0.1", "0");
-    thread_ = std::thread([this, body] {
-      pollfd p{listener_.get_file().descriptor(), POLLIN, 0};
-      ::poll(&p, 1, 5000);
-      zelbase::file f = listener_.accept();
-      if (!f.is_open()) return;
-      fcntl(f.descriptor(), F_SETFL, 0);
-      body(f.descriptor());
-      f.close();
-    });
-  }
-  ~raw_peer() { thread_.join(); }
-  std::string port() const { return std::to_string(listener_.port()); }
-
- private:
-  zelnet::socket_listener listener_;
-  std::thread thread_;
-};
-
-void write_all(int fd, const std::string& bytes) {
-  std::size_t at = 0;
-  while (at < bytes.size()) {
-    const ssize_t n = ::send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-    if (n <= 0) return;
-    at += static_cast<std::size_t>(n);
-  }
-}
-
-std::string read_exactly(int fd, std::size_t size) {
-  std::string bytes(size, '\0');
-  std::size_t at = 0;
-  while (at < size) {
-    const ssize_t n = ::recv(fd, &bytes[at], size - at, 0);
-    if (n <= 0) break;
-    at += static_cast<std::size_t>(n);
-  }
-  bytes.resize(at);
-  return bytes;
-}
+using zeltest::raw_peer;
+using zeltest::read_exactly;
+using zeltest::write_all;
 
 // The server half of the handshake on a raw socket.
 void accept_hello(int fd) {
