@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "support/capture_sink.h"
+#include "support/raised_message.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/connection_test_support.h"
 #include "zelcore/identifiers.h"
@@ -18,16 +19,9 @@ using events = std::vector<std::string>;
 
 constexpr const char* api_source = "code\\app\\common\\shared\\zelcapi\\src\\api";
 
-// The message of the es::uspec that `f` raises; fails the test when it raises nothing.
 template <class F>
 std::string uspec_message(F f) {
-  try {
-    f();
-  } catch (const zelbase::es::uspec& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "nothing was raised";
-  return "";
+  return zeltest::raised_message<zelbase::es::uspec>(f);
 }
 
 bool has_report(const zeltest::capture_sink& sink, const std::string& text, unsigned kind,
@@ -222,10 +216,7 @@ TEST(Login, SilentNodeTimesOut) {
 
 TEST(Login, LinkLostDuringTheWaitRaisesDisconnected) {
   test_cluster sim(1, 1);
-  sim.on("cluster.client.login", [](zelsim::request_context& r, const packet&, packet&) {
-    r.sim.close_links(r.node);
-    return false;
-  });
+  sim.drop_links_on("cluster.client.login");
   recording_handler h;
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
@@ -312,10 +303,7 @@ TEST(AdminLogin, FailuresRaise) {
   sim.set_stalled(1, true);
   EXPECT_EQ(uspec_message([&] { c.admin_login_sync("root", "toor", 1); }), "connection timeout");
   sim.set_stalled(1, false);
-  sim.on("admin.login", [](zelsim::request_context& r, const packet&, packet&) {
-    r.sim.close_links(r.node);
-    return false;
-  });
+  sim.drop_links_on("admin.login");
   EXPECT_EQ(uspec_message([&] { c.admin_login_sync("root", "toor", 5); }), "connection error");
   EXPECT_TRUE(has_report(sink, "connection error", 3, 4));
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/capture_sink.h"
+#include "support/raised_message.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/connection_test_support.h"
 
@@ -15,13 +16,7 @@ using events = std::vector<std::string>;
 
 template <class F>
 std::string uspec_message(F f) {
-  try {
-    f();
-  } catch (const zelbase::es::uspec& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "nothing was raised";
-  return "";
+  return zeltest::raised_message<zelbase::es::uspec>(f);
 }
 
 // Requests named "hold" get no answer; the test sends the reply later with broadcast.
@@ -142,10 +137,7 @@ TEST(SendSync, NotificationOfTheSameNameIsNotTheReply) {
 
 TEST(SendSync, LinkLostRaisesConnectionError) {
   test_cluster sim(1, 1);
-  sim.on("drop", [](zelsim::request_context& r, const packet&, packet&) {
-    r.sim.close_links(r.node);
-    return false;
-  });
+  sim.drop_links_on("drop");
   recording_handler h;
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);

@@ -54,6 +54,13 @@ class test_cluster : public zelsim::cluster {
     start();
   }
   std::string port_text(std::size_t node) const { return std::to_string(port(node)); }
+  // Requests named `name` close every link of the node that receives them, unanswered.
+  void drop_links_on(const std::string& name) {
+    on(name, [](zelsim::request_context& r, const zelnet::zelp::packet&, zelnet::zelp::packet&) {
+      r.sim.close_links(r.node);
+      return false;
+    });
+  }
 };
 
 }  // namespace zeltest

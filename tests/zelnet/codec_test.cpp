@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "support/raised_message.h"
 #include "zelbase/exceptions.h"
 #include "zelnet/codec.h"
 
@@ -11,13 +12,7 @@ namespace {
 using namespace zelnet::zelp;
 
 std::string arg_message(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const zelbase::es::arg& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "nothing was raised";
-  return "";
+  return zeltest::raised_message<zelbase::es::arg>(f);
 }
 
 packet sample(int i) {
