@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -304,7 +305,7 @@ struct cluster::impl {
   // Runs `fn` on the nodes' thread and waits for it (directly when already there).
   template <class F>
   auto call(F fn) -> decltype(fn()) {
-    if (!running || std::this_thread::get_id() == thread.get_id()) return fn();
+    if (!running || std::this_thread::get_id() == loop_thread.load()) return fn();
     std::packaged_task<decltype(fn())()> task(std::move(fn));
     auto done = task.get_future();
     {
@@ -346,6 +347,8 @@ struct cluster::impl {
   std::mutex calls_lock;
   std::vector<std::function<void()>> calls;
   std::thread thread;
+  // Set by the nodes' thread itself, so that no thread reads `thread` while it is assigned.
+  std::atomic<std::thread::id> loop_thread{};
   bool running = false;
   volatile bool stopping = false;
 };
@@ -387,7 +390,10 @@ void cluster::start() {
   m.loop.insert_listener(m.wake_file, *m.waking, 0);
   m.stopping = false;
   m.running = true;
-  m.thread = std::thread([&m] { m.loop.run(m.stopping); });
+  m.thread = std::thread([&m] {
+    m.loop_thread = std::this_thread::get_id();
+    m.loop.run(m.stopping);
+  });
 }
 
 void cluster::stop() {
