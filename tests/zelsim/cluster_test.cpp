@@ -7,6 +7,7 @@
 #include "zelbase/exceptions.h"
 #include "zelcapi/connection.h"
 #include "zelcore/identifiers.h"
+#include "zelnet/socket.h"
 #include "zelsim/cluster.h"
 
 namespace {
@@ -109,6 +110,26 @@ TEST(Cluster, AccountsFileIsRead) {
     EXPECT_EQ(e.message(), path + ":1: expected 'user|admin NAME PASSWORD'");
   }
   std::remove(path.c_str());
+}
+
+TEST(Cluster, TakenPortRaisesAndReleasesWhatWasOpened) {
+  zelnet::socket_listener taken;
+  taken.listen("127.0.0.1", "0");
+  zelsim::options o = quiet(1, 1);
+  o.port = taken.port();
+  zelsim::cluster sim(o);
+  try {
+    sim.start();
+    ADD_FAILURE() << "nothing was raised";
+  } catch (const zelbase::es::uspec& e) {
+    EXPECT_EQ(e.message(), "cannot listen on '127.0.0.1:" + std::to_string(taken.port()) +
+                               "': Address already in use");
+  }
+  // The cluster stays usable once the port is free.
+  taken.close();
+  sim.start();
+  zelcapi::connection c;
+  EXPECT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
 }
 
 TEST(Cluster, BadMasterNumberIsRefused) {

@@ -327,6 +327,19 @@ struct cluster::impl {
     for (auto& f : now) f();
   }
 
+  // Stops watching and closes every socket, on the calling thread (the nodes' thread is not
+  // running).
+  void release_sockets() {
+    loop.clear();
+    for (auto& n : nodes) {
+      n->sessions.clear();
+      n->listener.close();
+    }
+    wake_file.close();
+    if (wake_pipe[1] >= 0) ::close(wake_pipe[1]);
+    wake_pipe[0] = wake_pipe[1] = -1;
+  }
+
   void close_node_links(node& n) {
     std::vector<zelbase::file> files;
     for (auto& [raw, s] : n.sessions) files.push_back(s->get_file());
@@ -375,15 +388,20 @@ cluster::~cluster() { stop(); }
 void cluster::start() {
   impl& m = *impl_;
   if (m.running) return;
-  for (auto& n : m.nodes) {
-    const std::string port = m.opts.port == 0 ? "0" : std::to_string(m.opts.port + n->number - 1);
-    n->listener.listen(m.opts.host, port);
-    n->accepting = std::make_unique<impl::acceptor>(m, *n);
-    m.loop.insert_listener(n->listener.get_file(), *n->accepting, 0);
-    m.log(*n, n->number == m.master ? "listening (master)" : "listening");
-  }
-  if (::pipe2(m.wake_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-    zelbase::es::uspec::raise(source_file, __LINE__, "cannot create the wake-up pipe");
+  try {
+    for (auto& n : m.nodes) {
+      const std::string port = m.opts.port == 0 ? "0" : std::to_string(m.opts.port + n->number - 1);
+      n->listener.listen(m.opts.host, port);
+      n->accepting = std::make_unique<impl::acceptor>(m, *n);
+      m.loop.insert_listener(n->listener.get_file(), *n->accepting, 0);
+      m.log(*n, n->number == m.master ? "listening (master)" : "listening");
+    }
+    if (::pipe2(m.wake_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+      zelbase::es::uspec::raise(source_file, __LINE__, "cannot create the wake-up pipe");
+    }
+  } catch (...) {
+    m.release_sockets();
+    throw;
   }
   m.wake_file = zelbase::file(m.wake_pipe[0]);
   m.waking = std::make_unique<impl::waker>(m);
@@ -402,15 +420,8 @@ void cluster::stop() {
   m.call([&m] { m.stopping = true; });
   m.thread.join();
   m.running = false;
-  m.loop.clear();
-  for (auto& n : m.nodes) {
-    m.log(*n, "stopped");
-    n->sessions.clear();
-    n->listener.close();
-  }
-  m.wake_file.close();
-  ::close(m.wake_pipe[1]);
-  m.wake_pipe[0] = m.wake_pipe[1] = -1;
+  m.release_sockets();
+  for (auto& n : m.nodes) m.log(*n, "stopped");
 }
 
 std::size_t cluster::node_count() const { return impl_->nodes.size(); }
