@@ -157,6 +157,24 @@ TEST(FrameDecoder, LengthOverTheLimitIsRefusedBeforeThePayload) {
   EXPECT_EQ(payload.size(), 100u);
 }
 
+TEST(FrameDecoder, FrameAtTheLimitReservesNoMoreThanTheLimitAndOneFeed) {
+  constexpr std::size_t limit = 1 << 20;
+  constexpr std::size_t chunk = 16000;
+  std::string frame = std::string("\x00\x10\x00\x00", 4) + std::string(limit, 'p');
+  frame += encode_packet_frame(packet(2, "after"));
+  frame_decoder d(limit);
+  std::size_t most = 0;
+  std::size_t frames = 0;
+  for (std::size_t at = 0; at < frame.size(); at += chunk) {
+    d.feed(frame.data() + at, std::min(chunk, frame.size() - at));
+    most = std::max(most, d.reserved());
+    std::string_view payload;
+    while (d.next(payload)) ++frames;
+  }
+  EXPECT_EQ(frames, 2u);
+  EXPECT_LE(most, limit + frame_header_size + chunk);
+}
+
 TEST(FrameDecoder, EmptyPayloadIsAFrame) {
   frame_decoder d;
   const std::string empty("\x00\x00\x00\x00", 4);

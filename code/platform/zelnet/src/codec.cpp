@@ -2,6 +2,7 @@
 // zelcore's decoder, so packets carry property trees exactly as the tree encodes them.
 #include "zelnet/codec.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -146,10 +147,19 @@ void frame_decoder::feed(const char* data, std::size_t size) {
     buffer_.clear();
     pos_ = 0;
   } else if (pos_ > 0 && pos_ >= buffer_.size() / 2) {
-    buffer_.erase(0, pos_);
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(pos_));
     pos_ = 0;
   }
-  buffer_.append(data, size);
+  const std::size_t need = buffer_.size() + size;
+  if (need > buffer_.capacity()) {
+    // Grow geometrically, but never more than one feed past the end of the frame in progress,
+    // so that a frame at the limit costs the limit and not twice it.
+    std::size_t grow = std::max(need, 2 * buffer_.capacity());
+    const std::size_t frame = expected();
+    if (frame != 0) grow = std::min(grow, std::max(need, pos_ + frame) + size);
+    buffer_.reserve(grow);
+  }
+  buffer_.insert(buffer_.end(), data, data + size);
 }
 
 std::size_t frame_decoder::expected() const noexcept {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "zelnet/export.h"
 #include "zelnet/packet.h"
@@ -32,7 +33,8 @@ ZELNET_EXPORT std::string encode_packet_frame(const packet& p);
 ZELNET_EXPORT packet decode_packet(const char* data, std::size_t size);
 
 // Cuts a byte stream into frame payloads. Holds at most one partial frame plus the bytes of
-// the last feed; never reserves memory from an announced length.
+// the last feed; never reserves memory from an announced length alone, and never more than the
+// frame in progress (at most the limit and its header) plus two feeds.
 class ZELNET_EXPORT frame_decoder {
  public:
   explicit frame_decoder(std::size_t limit = default_frame_limit) : limit_(limit) {}
@@ -48,10 +50,13 @@ class ZELNET_EXPORT frame_decoder {
   // The size of the frame in progress (header included) once its header is in, else 0.
   std::size_t expected() const noexcept;
   std::size_t limit() const noexcept { return limit_; }
+  // Bytes of memory the decoder holds for its buffer.
+  std::size_t reserved() const noexcept { return buffer_.capacity(); }
 
  private:
   std::size_t limit_;
-  std::string buffer_;
+  // A vector, since its reserve() takes exactly what is asked.
+  std::vector<char> buffer_;
   std::size_t pos_ = 0;
 };
 
