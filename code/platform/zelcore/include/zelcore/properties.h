@@ -164,13 +164,6 @@ class ZELCORE_EXPORT property_entry {
     else
       return (second);
   }
-  template <std::size_t I>
-  decltype(auto) get() {
-    if constexpr (I == 0)
-      return (first);
-    else
-      return (second);
-  }
 
   // The first eight bytes of a key as a big-endian number, zero-padded: keys compare by it
   // first, which decides most comparisons without looking at the bytes.
