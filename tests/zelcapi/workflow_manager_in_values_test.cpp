@@ -29,6 +29,9 @@ bool has_dependant(const workflow_info& wi, const std::string& id) {
   return copy.remove_dependant(id);
 }
 
+// The text of a value, "(none)" for null.
+std::string text_of(const property_ptr& value) { return value ? value->to_string() : "(none)"; }
+
 // The value held by an in-node of a task, and the originator text stored with it.
 property_ptr in_value_of(const managed_workflows& m, const std::string& wf, const std::string& wtid,
                          const std::string& node) {
@@ -202,13 +205,13 @@ TEST_F(WorkflowManagerInValues, ValueRefusedByASpawnedWorkflowIsNotWrittenAndAdd
   EXPECT_FALSE(
       m.manager.set_in_value("S>t1>in", make_string("second"), state_id, "", meta, false, "b"));
   EXPECT_EQ(state_id, "S");
-  EXPECT_EQ(in_value_of(m, "S", "t1", "in")->to_string(), "first");
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t1", "in")), "first");
   EXPECT_FALSE(m.manager.get_workflow_meta_data("S").is_present("k"));
   EXPECT_TRUE(m.receiver.calls.empty());
   // Forced, the value replaces the old one.
   ASSERT_TRUE(
       m.manager.set_in_value("S>t1>in", make_string("second"), state_id, "", meta, true, "b"));
-  EXPECT_EQ(in_value_of(m, "S", "t1", "in")->to_string(), "second");
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t1", "in")), "second");
   EXPECT_EQ(originator_of(m, "S", "t1", "in"), "b");
   EXPECT_EQ(m.manager.get_workflow_meta_data("S").get_int_value("k"), 1);
   ASSERT_EQ(m.receiver.calls.size(), 1u);
@@ -266,7 +269,7 @@ TEST_F(WorkflowManagerInitWorkflow, LaterChildrenStartWithoutWaitersOrDependants
   EXPECT_TRUE(c.get_waiting_wfs().empty());
   EXPECT_TRUE(c.get_dependants().empty());
   EXPECT_EQ(c.get_sequence_number(), 2u);
-  EXPECT_EQ(in_value_of(m, second, "t1", "in")->to_string(), "child-in");
+  EXPECT_EQ(text_of(in_value_of(m, second, "t1", "in")), "child-in");
   EXPECT_EQ(originator_of(m, second, "t1", "in"), "b");
   // The init workflow itself does not take the ordinary value.
   EXPECT_FALSE(in_value_of(m, "I", "t1", "in"));
@@ -293,9 +296,9 @@ TEST_F(WorkflowManagerInitWorkflow, InitValueGoesToWaitersWithTheirOwnOriginator
   ASSERT_TRUE(m.manager.set_in_value("I>init>setup", make_string("first"), state_id, "",
                                      properties{{"m", make_int(1)}}, false, "caller"));
   EXPECT_EQ(state_id, "I");
-  EXPECT_EQ(in_value_of(m, "I", "init", "setup")->to_string(), "first");
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "first");
   EXPECT_EQ(originator_of(m, "I", "init", "setup"), "caller");
-  EXPECT_EQ(in_value_of(m, child, "init", "setup")->to_string(), "first");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "first");
   EXPECT_EQ(originator_of(m, child, "init", "setup"), "child-originator");
   // The workflow meta data is not used for an init value.
   EXPECT_FALSE(m.manager.get_workflow_meta_data("I").is_present("m"));
@@ -305,15 +308,15 @@ TEST_F(WorkflowManagerInitWorkflow, InitValueGoesToWaitersWithTheirOwnOriginator
   // Refused by the init workflow: the waiting workflow is not asked, nothing is written.
   EXPECT_FALSE(m.manager.set_in_value("I>init>setup", make_string("second"), state_id, "", no_meta,
                                       false, "caller"));
-  EXPECT_EQ(in_value_of(m, "I", "init", "setup")->to_string(), "first");
-  EXPECT_EQ(in_value_of(m, child, "init", "setup")->to_string(), "first");
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "first");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "first");
   EXPECT_EQ(m.receiver.calls.size(), 1u);
 
   // Forced: both take it.
   ASSERT_TRUE(m.manager.set_in_value("I>init>setup", make_string("second"), state_id, "", no_meta,
                                      true, "caller"));
-  EXPECT_EQ(in_value_of(m, "I", "init", "setup")->to_string(), "second");
-  EXPECT_EQ(in_value_of(m, child, "init", "setup")->to_string(), "second");
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "second");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "second");
 }
 
 TEST_F(WorkflowManagerInitWorkflow, ChildOfAnInitedWorkflowIsOnlyADependant) {
@@ -503,8 +506,8 @@ TEST_F(WorkflowManagerInValues, OutValuesOfAnOrdinaryTaskBecomeInValues) {
   ASSERT_TRUE(m.manager.set_in_out_values("workflow:S>t1", outs, meta, "o"));
   // Stored as the task's out-value, and set at its destination with the meta data and the
   // originator.
-  EXPECT_EQ(m.manager.get_task_info("S", "t1")->get_out_value("out")->to_string(), "routed-value");
-  EXPECT_EQ(in_value_of(m, "S", "t2", "in")->to_string(), "routed-value");
+  EXPECT_EQ(text_of(m.manager.get_task_info("S", "t1")->get_out_value("out")), "routed-value");
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t2", "in")), "routed-value");
   EXPECT_EQ(originator_of(m, "S", "t2", "in"), "o");
   EXPECT_EQ(m.manager.get_workflow_meta_data("S").get_int_value("k"), 1);
   ASSERT_EQ(m.receiver.calls.size(), 1u);
@@ -552,11 +555,10 @@ TEST_F(WorkflowManagerInitWorkflow, OutValuesOfAnInitTaskAreInitValues) {
   EXPECT_TRUE(m.workflow("I").is_inited());
   // The out-value is stored on the task of the init workflow and of its waiting child, and the
   // routed init value reaches both.
-  EXPECT_EQ(m.manager.get_task_info("I", "init")->get_out_value("config")->to_string(),
+  EXPECT_EQ(text_of(m.manager.get_task_info("I", "init")->get_out_value("config")), "init-routed");
+  EXPECT_EQ(text_of(m.manager.get_task_info(child, "init")->get_out_value("config")),
             "init-routed");
-  EXPECT_EQ(m.manager.get_task_info(child, "init")->get_out_value("config")->to_string(),
-            "init-routed");
-  EXPECT_EQ(in_value_of(m, child, "init", "setup")->to_string(), "init-routed");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "init-routed");
   EXPECT_EQ(originator_of(m, child, "init", "setup"), "a");
 }
 
