@@ -117,6 +117,31 @@ TEST_F(WorkflowManagerInValues, ValueRefusedByTheFreshCopyAddsNothingButUsesASeq
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
+TEST_F(WorkflowManagerInValues, StateIdOutMayBeTheCallersAddressOrForcedId) {
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+  const workflow_manager::properties_ptr values(
+      new properties{{"t1>in", make_string("one")}, {"t2>in", make_string("two")}});
+  std::string path = "T>t1>in";
+  ASSERT_TRUE(m.manager.set_in_value(path, make_string("v"), path, "", no_meta, false, ""));
+  ASSERT_EQ(m.workflows.count(path), 1u);
+  EXPECT_EQ(m.receiver.calls.at(0).update.get_string_value("input-node-id"), "T>t1>in");
+  EXPECT_EQ(m.receiver.calls.at(0).update.get_string_value("force-state-id"), path);
+
+  std::string wf = "T";
+  ASSERT_TRUE(m.manager.set_in_values(wf, values, wf, "", no_meta, false, ""));
+  ASSERT_EQ(m.workflows.count(wf), 1u);
+  EXPECT_EQ(m.receiver.calls.at(1).workflow_id, "T");
+  EXPECT_EQ(m.receiver.calls.at(1).update.get_string_value("workflow-id"), "T");
+  EXPECT_EQ(m.receiver.calls.at(1).update.get_string_value("force-state-id"), wf);
+
+  std::string id = "forced";
+  ASSERT_TRUE(m.manager.set_in_values("T", values, id, id, no_meta, false, ""));
+  EXPECT_EQ(id, "forced");
+  EXPECT_EQ(text_of(in_value_of(m, "forced", "t1", "in")), "one");
+  EXPECT_EQ(text_of(in_value_of(m, "forced", "t2", "in")), "two");
+  EXPECT_EQ(m.workflows.size(), 4u);
+}
+
 TEST_F(WorkflowManagerInValues, ActionSharesTheCallersValue) {
   m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
   const property_ptr value = make_string("shared");

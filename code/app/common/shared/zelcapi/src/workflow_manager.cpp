@@ -918,11 +918,14 @@ bool workflow_manager::set_in_value(const std::string& wpath, const property_ptr
                                     std::string& state_id, const std::string& force_state_id,
                                     const properties& workflow_meta, bool force_spawn_value,
                                     const std::string& originator) {
-  if (!_set_in_value(wpath, value, state_id, force_state_id, workflow_meta, force_spawn_value,
-                     originator))
+  // The caller may receive the id in the string that holds the address.
+  const std::string input_node_id = wpath;
+  if (!_set_in_value(input_node_id, value, state_id, force_state_id, workflow_meta,
+                     force_spawn_value, originator))
     return false;
   // The replica spawns under the id that was actually used.
-  _notify_set_in_value(wpath, value, state_id, workflow_meta, force_spawn_value, originator);
+  _notify_set_in_value(input_node_id, value, state_id, workflow_meta, force_spawn_value,
+                       originator);
   return true;
 }
 
@@ -932,10 +935,13 @@ bool workflow_manager::set_in_values(const std::string& wpath, const properties_
                                      const std::string& originator) {
   // A null tree is an empty one, so that the written action stays applicable.
   const properties_ptr tree = values ? values : properties_ptr(new properties());
-  if (!_set_in_values(wpath, tree, state_id, force_state_id, workflow_meta, force_spawn_value,
-                      originator))
+  // The caller may receive the id in the string that holds the address or the forced id, which
+  // the applier overwrites before it has read them.
+  const std::string wf = wpath;
+  const std::string force = force_state_id;
+  if (!_set_in_values(wf, tree, state_id, force, workflow_meta, force_spawn_value, originator))
     return false;
-  _notify_set_in_values(wpath, tree, state_id, workflow_meta, force_spawn_value, originator);
+  _notify_set_in_values(wf, tree, state_id, workflow_meta, force_spawn_value, originator);
   return true;
 }
 
