@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <functional>
 #include <limits>
 
 #include "support/capture_sink.h"
@@ -140,16 +141,18 @@ TEST(WorkflowManagerSequence, TemplatesAndInitWorkflowsAreOnlyInserted) {
   EXPECT_EQ(m.workflow("I").get_sequence_number(), 0u);
 }
 
-TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
+// Adds an unspawned spawned workflow under "A", where a template already is: the add raises,
+// keeps the template and spawns nothing. `announced` is how many callbacks the receiver gets.
+void expect_duplicate_refused(const std::function<void(managed_workflows&)>& add,
+                              std::size_t announced) {
   managed_workflows m;
   std::string id;
   m.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), m.db, id, "A");
   const auto* before = m.workflows.at("A").get();
   m.receiver.calls.clear();
   capture_sink sink;
-  std::string produced;
   try {
-    m.manager.add_workflow(spawned_workflow(0), m.db, produced, "A");
+    add(m);
     FAIL() << "no exception";
   } catch (const zelbase::es::arg& e) {
     EXPECT_STREQ(e.what(),
@@ -157,37 +160,35 @@ TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
   }
   expect_single_report(
       sink, "Can't add workflow with same state-id ('A') as an already present workflow.");
-  EXPECT_EQ(produced, "A");
   EXPECT_EQ(m.workflows.at("A").get(), before);
   EXPECT_EQ(m.workflow("A").get_type(), workflow_info::workflow_type_template);
   EXPECT_EQ(m.sequence_number, 0u);  // no spawn happened
-  EXPECT_TRUE(m.receiver.calls.empty());
+  ASSERT_EQ(m.receiver.calls.size(), announced);
+  for (const auto& call : m.receiver.calls) {
+    EXPECT_TRUE(call.will);
+    EXPECT_EQ(call.workflow_id, "A");
+  }
+}
+
+TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
+  std::string produced;
+  expect_duplicate_refused(
+      [&](managed_workflows& m) {
+        m.manager.add_workflow(spawned_workflow(0), m.db, produced, "A");
+      },
+      0);
+  EXPECT_EQ(produced, "A");
 }
 
 TEST(WorkflowManagerAdd, ReceivedAddUnderAnExistingIdRaisesAndKeepsTheOldWorkflow) {
-  managed_workflows m;
-  std::string id;
-  m.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), m.db, id, "A");
-  const auto* before = m.workflows.at("A").get();
-  m.receiver.calls.clear();
-  capture_sink sink;
-  const properties update{{"action", zelcore::make_string("add-workflow")},
-                          {"state-id", zelcore::make_string("A")},
-                          {"workflow", tree_of(spawned_workflow(0))}};
-  try {
-    m.manager.update_workflow(update, m.db);
-    FAIL() << "no exception";
-  } catch (const zelbase::es::arg& e) {
-    EXPECT_STREQ(e.what(),
-                 "Can't add workflow with same state-id ('A') as an already present workflow.");
-  }
-  expect_single_report(
-      sink, "Can't add workflow with same state-id ('A') as an already present workflow.");
-  EXPECT_EQ(m.workflows.at("A").get(), before);
-  EXPECT_EQ(m.sequence_number, 0u);
-  ASSERT_EQ(m.receiver.calls.size(), 1u);
-  EXPECT_TRUE(m.receiver.calls[0].will);
-  EXPECT_EQ(m.receiver.calls[0].workflow_id, "A");
+  expect_duplicate_refused(
+      [](managed_workflows& m) {
+        m.manager.update_workflow(properties{{"action", zelcore::make_string("add-workflow")},
+                                             {"state-id", zelcore::make_string("A")},
+                                             {"workflow", tree_of(spawned_workflow(0))}},
+                                  m.db);
+      },
+      1);
 }
 
 TEST(WorkflowManagerAdd, AddWritesAddWorkflowWithProducedIdAndTheCallersTree) {

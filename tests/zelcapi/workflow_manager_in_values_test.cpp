@@ -46,6 +46,19 @@ std::string originator_of(const managed_workflows& m, const std::string& wf,
       .get_string_value("originator", "");
 }
 
+// The "set-in-value" action with its fields in the order the writer inserts them.
+properties set_in_value_action(const std::string& input_node_id, const property_ptr& value,
+                               const properties& workflow_meta, const std::string& force_state_id,
+                               bool force_spawn_value, const std::string& originator) {
+  return properties{{"action", make_string("set-in-value")},
+                    {"input-node-id", make_string(input_node_id)},
+                    {"value", value},
+                    {"workflow-meta", tree_of(workflow_meta)},
+                    {"force-state-id", make_string(force_state_id)},
+                    {"force-spawn-value", make_bool(force_spawn_value)},
+                    {"originator", make_string(originator)}};
+}
+
 struct WorkflowManagerInValues : ::testing::Test {
   managed_workflows m;
   const properties no_meta;
@@ -74,14 +87,8 @@ TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTem
   ASSERT_EQ(m.receiver.calls.size(), 1u);
   EXPECT_FALSE(m.receiver.calls[0].will);
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "T");
-  EXPECT_EQ(m.receiver.calls[0].update,
-            (properties{{"action", make_string("set-in-value")},
-                        {"input-node-id", make_string("workflow:T>t1>in")},
-                        {"value", make_string("v1")},
-                        {"workflow-meta", tree_of(meta)},
-                        {"force-state-id", make_string(state_id)},
-                        {"force-spawn-value", make_bool(false)},
-                        {"originator", make_string("orig")}}));
+  EXPECT_EQ(m.receiver.calls[0].update, set_in_value_action("workflow:T>t1>in", make_string("v1"),
+                                                            meta, state_id, false, "orig"));
 }
 
 TEST_F(WorkflowManagerInValues, SpawnFromTemplateTakesTheValueAndDropsTheTemplatesDependants) {
@@ -305,13 +312,8 @@ TEST_F(WorkflowManagerInitWorkflow, LaterChildrenStartWithoutWaitersOrDependants
   EXPECT_FALSE(m.receiver.calls[0].will);
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
   EXPECT_EQ(m.receiver.calls[0].update,
-            (properties{{"action", make_string("set-in-value")},
-                        {"input-node-id", make_string("I>t1>in")},
-                        {"value", make_string("child-in")},
-                        {"workflow-meta", tree_of(properties{{"meta", make_int(1)}})},
-                        {"force-state-id", make_string(second)},
-                        {"force-spawn-value", make_bool(false)},
-                        {"originator", make_string("b")}}));
+            set_in_value_action("I>t1>in", make_string("child-in"),
+                                properties{{"meta", make_int(1)}}, second, false, "b"));
 }
 
 TEST_F(WorkflowManagerInitWorkflow, InitValueGoesToWaitersWithTheirOwnOriginatorsAndTheForceFlag) {
