@@ -420,6 +420,27 @@ TEST_F(WorkflowManagerInitWorkflow, InitStatusIsCopiedOnThroughWaitingInitWorkfl
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
 }
 
+TEST_F(WorkflowManagerInitWorkflow, InitStatusCopyFollowsALongChainOfWaitingInitWorkflows) {
+  // Each init workflow waits on the next; a copy must not need stack in proportion to the chain.
+  constexpr int chain = 100000;
+  properties tasks;
+  tasks.set_properties_value("init", zeltest::sample_task("setup", 1, {}, {}));
+  workflow_info init;
+  init.decode_workflow_info(
+      properties{{"type", make_int(workflow_info::workflow_type_init)}, {"tasks", tree_of(tasks)}},
+      m.db);
+  std::string previous = "I";
+  for (int i = 0; i < chain; ++i) {
+    const std::string id = "I" + std::to_string(i);
+    m.workflows[id] = boost::shared_ptr<workflow_info>(new workflow_info(init));
+    m.workflow(previous).add_waiting_wf(id, "");
+    previous = id;
+  }
+  m.manager.set_task_status("I", "init", zelcore::task::status_finished, 5, "n", "m");
+  EXPECT_EQ(m.manager.get_task_status(previous, "init"), zelcore::task::status_finished);
+  EXPECT_EQ(m.receiver.calls.size(), 1u);
+}
+
 TEST_F(WorkflowManagerInitWorkflow, InitStatusCopyStopsAtAMissingWaitingWorkflowInKeyOrder) {
   // Waiting workflows are visited by ascending state id; the missing "W0" comes before "W1".
   m.add("W1", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2, true));
