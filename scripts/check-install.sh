@@ -12,6 +12,6 @@ LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer/consumer"
 PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 tests/install/consumer.cpp \
   $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs zelcapi) -o "$prefix/pc-consumer"
 LD_LIBRARY_PATH="$prefix/lib" "$prefix/pc-consumer"
-if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi)$'; then
+if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi|zelsim)$'; then
   echo "unexpected installed headers:"; ls "$prefix/include"; exit 1
 fi

@@ -253,6 +253,79 @@ TEST_F(WorkflowManagerBadInput, FieldsOfTheWrongKindRaiseBeforeAnyChange) {
   }
 }
 
+// The fields that update_workflow reads for each action, in the order it reads them; a field
+// with a default is marked false. Fields that name the workflow for the receiver and are
+// required there (read before the action is dispatched) are left out.
+const std::map<std::string, std::vector<std::pair<std::string, bool>>>& read_orders() {
+  static const std::map<std::string, std::vector<std::pair<std::string, bool>>> orders = {
+      {"add-workflow", {{"workflow", true}, {"state-id", true}}},
+      {"remove-workflow", {{"state-id", true}}},
+      {"set-in-value",
+       {{"force-state-id", true},
+        {"originator", false},
+        {"force-spawn-value", true},
+        {"value", true},
+        {"workflow-meta", false}}},
+      {"set-in-values",
+       {{"force-state-id", true},
+        {"originator", false},
+        {"force-spawn-value", true},
+        {"workflow-meta", false},
+        {"values", true}}},
+      {"set-init-in-value", {{"value", true}, {"originator", false}}},
+      {"set-in-out-values",
+       {{"task-wtid", true}, {"values", true}, {"workflow-meta", false}, {"originator", false}}},
+      {"set-task-status",
+       {{"task-wtid", true}, {"task-status", true}, {"tm", true}, {"nid", true}, {"msg", true}}},
+      {"set-task-scheduling-state", {{"task-wtid", true}, {"task-scheduling-state", true}}},
+      {"update-task-progress", {{"task-wtid", true}, {"progress", true}}},
+      // Announced under the empty id, so its "wf-state-id" is read only when applied.
+      {"set-task-max-attempts",
+       {{"wf-state-id", true}, {"task-wtid", true}, {"max-attempts", true}}},
+      {"set-task-priority",
+       {{"task-wtid", true}, {"priority", true}, {"whence", true}, {"min", true}, {"max", true}}},
+      {"add-task", {{"task-info", true}}},
+      {"set-workflow-meta-data", {{"meta-data", true}}},
+      {"add-workflow-meta-data", {{"meta-data", true}}},
+      {"add-ext-meta-data", {{"meta-data", true}}},
+      {"add-dependant", {{"dependant", true}, {"state-id", true}}},
+      {"remove-dependant", {{"dependant", true}}},
+      {"set-priority",
+       {{"priority", true}, {"state-id", true}, {"whence", true}, {"min", true}, {"max", true}}}};
+  return orders;
+}
+
+TEST_F(WorkflowManagerBadInput, FieldsAreReadInTheirFixedOrder) {
+  // With the k-th field and every later one broken (a required field missing, a field with a
+  // default of the wrong kind), the error must name the k-th field.
+  std::size_t checked = 0;
+  for (const auto& c : valid_messages()) {
+    const std::string action = c.update.get_string_value("action");
+    const auto& order = read_orders().at(action);
+    for (std::size_t k = 0; k < order.size(); ++k) {
+      properties update = c.update;
+      std::string expected;
+      for (std::size_t j = order.size(); j-- > k;) {
+        const auto& [key, required] = order[j];
+        const property_ptr valid = c.update.get_property(key);
+        ASSERT_TRUE(valid) << action << " " << key;
+        if (required) {
+          update.erase(key);
+          expected = "property '" + key + "' is missing";
+        } else {
+          const property_ptr wrong = other_kind(*valid);
+          update[key] = wrong;
+          expected = "property '" + key + "' is a " + zelcore::property_kind_c_str(wrong->kind()) +
+                     ", not a " + zelcore::property_kind_c_str(valid->kind());
+        }
+      }
+      expect_refused<zelbase::es::arg>(update, expected);
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 48u);
+}
+
 TEST_F(WorkflowManagerBadInput, UnknownWorkflowIdsRaiseWithTheirCode) {
   for (const auto& c : valid_messages()) {
     if (c.id_key.empty()) continue;

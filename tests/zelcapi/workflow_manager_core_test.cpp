@@ -2,6 +2,8 @@
 // removing, encoders and whole-map queries.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <functional>
 #include <limits>
 
 #include "support/capture_sink.h"
@@ -46,9 +48,18 @@ TEST(WorkflowManagerIds, GeneratedStateIdsAreDistinctAndBeginWithWofl) {
   std::string first, second;
   m.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), m.db, first, "");
   m.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), m.db, second, "");
-  EXPECT_EQ(first.rfind("WOFL-", 0), 0u);
-  EXPECT_EQ(second.rfind("WOFL-", 0), 0u);
-  EXPECT_GT(first.size(), 5u);
+  // "WOFL-" and a lower-case uuid, with nothing between them.
+  for (const std::string& id : {first, second}) {
+    ASSERT_EQ(id.size(), 5u + 36u) << id;
+    EXPECT_EQ(id.substr(0, 5), "WOFL-");
+    for (std::size_t i = 5; i < id.size(); ++i) {
+      const bool dash = i == 5 + 8 || i == 5 + 13 || i == 5 + 18 || i == 5 + 23;
+      EXPECT_TRUE(dash ? id[i] == '-'
+                       : std::isxdigit(static_cast<unsigned char>(id[i])) != 0 &&
+                             !std::isupper(static_cast<unsigned char>(id[i])))
+          << id;
+    }
+  }
   EXPECT_NE(first, second);
   EXPECT_EQ(m.workflows.size(), 2u);
 }
@@ -108,9 +119,7 @@ TEST(WorkflowManagerSequence, AddingUnspawnedSpawnedWorkflowSpawnsWithNextNumber
   EXPECT_EQ(m.sequence_number, 42u);
   EXPECT_EQ(m.workflow("S").get_sequence_number(), 42u);
   // The spawn's in-value is the fixed text that says none was needed.
-  properties encoded;
-  m.manager.encode_workflow("S", encoded);
-  EXPECT_NE(encoded.describe().find("No in-value needed"), std::string::npos);
+  EXPECT_EQ(*m.workflow("S").get_spawn_value(), *zelcore::make_string("No in-value needed"));
 }
 
 TEST(WorkflowManagerSequence, AddingSpawnedWorkflowWithNumberLeavesCounter) {
@@ -132,16 +141,18 @@ TEST(WorkflowManagerSequence, TemplatesAndInitWorkflowsAreOnlyInserted) {
   EXPECT_EQ(m.workflow("I").get_sequence_number(), 0u);
 }
 
-TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
+// Adds an unspawned spawned workflow under "A", where a template already is: the add raises,
+// keeps the template and spawns nothing. `announced` is how many callbacks the receiver gets.
+void expect_duplicate_refused(const std::function<void(managed_workflows&)>& add,
+                              std::size_t announced) {
   managed_workflows m;
   std::string id;
   m.manager.add_workflow(empty_workflow(workflow_info::workflow_type_template), m.db, id, "A");
   const auto* before = m.workflows.at("A").get();
   m.receiver.calls.clear();
   capture_sink sink;
-  std::string produced;
   try {
-    m.manager.add_workflow(spawned_workflow(0), m.db, produced, "A");
+    add(m);
     FAIL() << "no exception";
   } catch (const zelbase::es::arg& e) {
     EXPECT_STREQ(e.what(),
@@ -149,11 +160,35 @@ TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
   }
   expect_single_report(
       sink, "Can't add workflow with same state-id ('A') as an already present workflow.");
-  EXPECT_EQ(produced, "A");
   EXPECT_EQ(m.workflows.at("A").get(), before);
   EXPECT_EQ(m.workflow("A").get_type(), workflow_info::workflow_type_template);
   EXPECT_EQ(m.sequence_number, 0u);  // no spawn happened
-  EXPECT_TRUE(m.receiver.calls.empty());
+  ASSERT_EQ(m.receiver.calls.size(), announced);
+  for (const auto& call : m.receiver.calls) {
+    EXPECT_TRUE(call.will);
+    EXPECT_EQ(call.workflow_id, "A");
+  }
+}
+
+TEST(WorkflowManagerAdd, DuplicateIdRaisesAndKeepsTheOldWorkflow) {
+  std::string produced;
+  expect_duplicate_refused(
+      [&](managed_workflows& m) {
+        m.manager.add_workflow(spawned_workflow(0), m.db, produced, "A");
+      },
+      0);
+  EXPECT_EQ(produced, "A");
+}
+
+TEST(WorkflowManagerAdd, ReceivedAddUnderAnExistingIdRaisesAndKeepsTheOldWorkflow) {
+  expect_duplicate_refused(
+      [](managed_workflows& m) {
+        m.manager.update_workflow(properties{{"action", zelcore::make_string("add-workflow")},
+                                             {"state-id", zelcore::make_string("A")},
+                                             {"workflow", tree_of(spawned_workflow(0))}},
+                                  m.db);
+      },
+      1);
 }
 
 TEST(WorkflowManagerAdd, AddWritesAddWorkflowWithProducedIdAndTheCallersTree) {

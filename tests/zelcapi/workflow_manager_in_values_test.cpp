@@ -29,6 +29,36 @@ bool has_dependant(const workflow_info& wi, const std::string& id) {
   return copy.remove_dependant(id);
 }
 
+// The text of a value, "(none)" for null.
+std::string text_of(const property_ptr& value) { return value ? value->to_string() : "(none)"; }
+
+// The value held by an in-node of a task, and the originator text stored with it.
+property_ptr in_value_of(const managed_workflows& m, const std::string& wf, const std::string& wtid,
+                         const std::string& node) {
+  return m.manager.get_task_info(wf, wtid)->get_in_value(node);
+}
+std::string originator_of(const managed_workflows& m, const std::string& wf,
+                          const std::string& wtid, const std::string& node) {
+  properties task;
+  m.manager.encode_task(wf, wtid, task);
+  return task.get_properties_value("in-nodes")
+      .get_properties_value(node)
+      .get_string_value("originator", "");
+}
+
+// The "set-in-value" action with its fields in the order the writer inserts them.
+properties set_in_value_action(const std::string& input_node_id, const property_ptr& value,
+                               const properties& workflow_meta, const std::string& force_state_id,
+                               bool force_spawn_value, const std::string& originator) {
+  return properties{{"action", make_string("set-in-value")},
+                    {"input-node-id", make_string(input_node_id)},
+                    {"value", value},
+                    {"workflow-meta", tree_of(workflow_meta)},
+                    {"force-state-id", make_string(force_state_id)},
+                    {"force-spawn-value", make_bool(force_spawn_value)},
+                    {"originator", make_string(originator)}};
+}
+
 struct WorkflowManagerInValues : ::testing::Test {
   managed_workflows m;
   const properties no_meta;
@@ -57,14 +87,66 @@ TEST_F(WorkflowManagerInValues, ValueToTemplateSpawnsANewWorkflowAndLeavesTheTem
   ASSERT_EQ(m.receiver.calls.size(), 1u);
   EXPECT_FALSE(m.receiver.calls[0].will);
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "T");
-  EXPECT_EQ(m.receiver.calls[0].update,
-            (properties{{"action", make_string("set-in-value")},
-                        {"input-node-id", make_string("workflow:T>t1>in")},
-                        {"value", make_string("v1")},
-                        {"workflow-meta", tree_of(meta)},
-                        {"force-state-id", make_string(state_id)},
-                        {"force-spawn-value", make_bool(false)},
-                        {"originator", make_string("orig")}}));
+  EXPECT_EQ(m.receiver.calls[0].update, set_in_value_action("workflow:T>t1>in", make_string("v1"),
+                                                            meta, state_id, false, "orig"));
+}
+
+TEST_F(WorkflowManagerInValues, SpawnFromTemplateTakesTheValueAndDropsTheTemplatesDependants) {
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+  m.workflow("T").add_dependant("WOFL-dependant");
+  const property_ptr value = make_string("v1");
+  std::string state_id;
+  ASSERT_TRUE(m.manager.set_in_value("T>t1>in", value, state_id, "", no_meta, false, "orig"));
+  const workflow_info& spawned = m.workflow(state_id);
+  // Spawned with the value itself, which is also set at the in-node with the originator.
+  EXPECT_EQ(spawned.get_spawn_value().get(), value.get());
+  EXPECT_EQ(in_value_of(m, state_id, "t1", "in").get(), value.get());
+  EXPECT_EQ(originator_of(m, state_id, "t1", "in"), "orig");
+  EXPECT_TRUE(spawned.get_dependants().empty());
+  EXPECT_EQ(m.workflow("T").get_dependants(), std::set<std::string>{"WOFL-dependant"});
+}
+
+TEST_F(WorkflowManagerInValues, ValueRefusedByTheFreshCopyAddsNothingButUsesASequenceNumber) {
+  // The template's t1>in already holds a value, so every copy refuses a new one: a fresh copy
+  // is always set without force, whatever the caller asked for.
+  properties encoded = zeltest::sample_workflow(workflow_info::workflow_type_template, 2);
+  encoded.set_create_referenced_property("/tasks/t1/in-nodes/in/value", make_string("old"));
+  m.add("T", encoded);
+  m.manager.set_current_sequence_number(10);
+  const properties before = m.encoded();
+  std::string state_id;
+  EXPECT_FALSE(m.manager.set_in_value("T>t1>in", make_string("new"), state_id, "forced",
+                                      properties{{"k", make_int(1)}}, true, "o"));
+  EXPECT_EQ(state_id, "forced");
+  EXPECT_EQ(m.workflows.size(), 1u);
+  EXPECT_EQ(m.sequence_number, 11u);  // the spawn happened before the copy refused the value
+  EXPECT_EQ(m.encoded(), before);
+  EXPECT_TRUE(m.receiver.calls.empty());
+}
+
+TEST_F(WorkflowManagerInValues, StateIdOutMayBeTheCallersAddressOrForcedId) {
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+  const workflow_manager::properties_ptr values(
+      new properties{{"t1>in", make_string("one")}, {"t2>in", make_string("two")}});
+  std::string path = "T>t1>in";
+  ASSERT_TRUE(m.manager.set_in_value(path, make_string("v"), path, "", no_meta, false, ""));
+  ASSERT_EQ(m.workflows.count(path), 1u);
+  EXPECT_EQ(m.receiver.calls.at(0).update.get_string_value("input-node-id"), "T>t1>in");
+  EXPECT_EQ(m.receiver.calls.at(0).update.get_string_value("force-state-id"), path);
+
+  std::string wf = "T";
+  ASSERT_TRUE(m.manager.set_in_values(wf, values, wf, "", no_meta, false, ""));
+  ASSERT_EQ(m.workflows.count(wf), 1u);
+  EXPECT_EQ(m.receiver.calls.at(1).workflow_id, "T");
+  EXPECT_EQ(m.receiver.calls.at(1).update.get_string_value("workflow-id"), "T");
+  EXPECT_EQ(m.receiver.calls.at(1).update.get_string_value("force-state-id"), wf);
+
+  std::string id = "forced";
+  ASSERT_TRUE(m.manager.set_in_values("T", values, id, id, no_meta, false, ""));
+  EXPECT_EQ(id, "forced");
+  EXPECT_EQ(text_of(in_value_of(m, "forced", "t1", "in")), "one");
+  EXPECT_EQ(text_of(in_value_of(m, "forced", "t2", "in")), "two");
+  EXPECT_EQ(m.workflows.size(), 4u);
 }
 
 TEST_F(WorkflowManagerInValues, ActionSharesTheCallersValue) {
@@ -130,6 +212,42 @@ TEST_F(WorkflowManagerInValues, InitValueToUninitedTemplateSpawnsAnInitWorkflow)
   EXPECT_EQ(m.workflow("I").get_type(), workflow_info::workflow_type_init);
   EXPECT_EQ(m.workflow("T").get_type(), workflow_info::workflow_type_template);
   EXPECT_EQ(m.workflow("I").get_sequence_number(), 1u);
+  EXPECT_EQ(m.workflow("I").get_workflow_meta_data().get_string_value("parent-id"), "T");
+  EXPECT_EQ(m.workflow("I").get_ext_meta_data().get_string_value("origin{template}"), "T");
+}
+
+TEST_F(WorkflowManagerInValues, InitWorkflowSpawnedFromATemplateKeepsTheTemplatesDependants) {
+  // Only a copy that is inited already (and so becomes a spawned workflow) drops them.
+  m.add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2, true));
+  m.workflow("T").add_dependant("WOFL-dependant");
+  std::string state_id;
+  ASSERT_TRUE(
+      m.manager.set_in_value("T>init>setup", make_string("v"), state_id, "I", no_meta, false, ""));
+  EXPECT_EQ(m.workflow("I").get_dependants(), std::set<std::string>{"WOFL-dependant"});
+}
+
+TEST_F(WorkflowManagerInValues, ValueRefusedByASpawnedWorkflowIsNotWrittenAndAddsNoMetaData) {
+  m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
+  std::string state_id;
+  ASSERT_TRUE(
+      m.manager.set_in_value("S>t1>in", make_string("first"), state_id, "", no_meta, false, "a"));
+  m.receiver.calls.clear();
+  const properties meta{{"k", make_int(1)}};
+  state_id.clear();
+  EXPECT_FALSE(
+      m.manager.set_in_value("S>t1>in", make_string("second"), state_id, "", meta, false, "b"));
+  EXPECT_EQ(state_id, "S");
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t1", "in")), "first");
+  EXPECT_FALSE(m.manager.get_workflow_meta_data("S").is_present("k"));
+  EXPECT_TRUE(m.receiver.calls.empty());
+  // Forced, the value replaces the old one.
+  ASSERT_TRUE(
+      m.manager.set_in_value("S>t1>in", make_string("second"), state_id, "", meta, true, "b"));
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t1", "in")), "second");
+  EXPECT_EQ(originator_of(m, "S", "t1", "in"), "b");
+  EXPECT_EQ(m.manager.get_workflow_meta_data("S").get_int_value("k"), 1);
+  ASSERT_EQ(m.receiver.calls.size(), 1u);
+  EXPECT_TRUE(m.receiver.calls[0].update.get_bool_value("force-spawn-value"));
 }
 
 TEST_F(WorkflowManagerInValues, ValueToSpawnedWorkflowIsSetWithItsMetaData) {
@@ -172,6 +290,60 @@ TEST_F(WorkflowManagerInitWorkflow, OrdinaryValueSpawnsAWaitingDependantChild) {
   EXPECT_EQ(init.get_waiting_wfs().at(child), "from-test");
   EXPECT_TRUE(has_dependant(init, child));
   EXPECT_EQ(init.get_type(), workflow_info::workflow_type_init);
+}
+
+TEST_F(WorkflowManagerInitWorkflow, LaterChildrenStartWithoutWaitersOrDependantsAndTakeTheValue) {
+  const std::string first = spawn_child("a");
+  m.receiver.calls.clear();
+  const std::string second = spawn_child("b");
+  // The init workflow now has `first` waiting and as a dependant; its copy must not.
+  const workflow_info& c = m.workflow(second);
+  EXPECT_TRUE(c.get_waiting_wfs().empty());
+  EXPECT_TRUE(c.get_dependants().empty());
+  EXPECT_EQ(c.get_sequence_number(), 2u);
+  EXPECT_EQ(text_of(in_value_of(m, second, "t1", "in")), "child-in");
+  EXPECT_EQ(originator_of(m, second, "t1", "in"), "b");
+  // The init workflow itself does not take the ordinary value.
+  EXPECT_FALSE(in_value_of(m, "I", "t1", "in"));
+  EXPECT_EQ(m.workflow("I").get_waiting_wfs(),
+            (std::map<std::string, std::string>{{first, "a"}, {second, "b"}}));
+  EXPECT_EQ(m.workflow("I").get_dependants(), (std::set<std::string>{first, second}));
+  ASSERT_EQ(m.receiver.calls.size(), 1u);
+  EXPECT_FALSE(m.receiver.calls[0].will);
+  EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
+  EXPECT_EQ(m.receiver.calls[0].update,
+            set_in_value_action("I>t1>in", make_string("child-in"),
+                                properties{{"meta", make_int(1)}}, second, false, "b"));
+}
+
+TEST_F(WorkflowManagerInitWorkflow, InitValueGoesToWaitersWithTheirOwnOriginatorsAndTheForceFlag) {
+  const std::string child = spawn_child("child-originator");
+  m.receiver.calls.clear();
+  std::string state_id;
+  ASSERT_TRUE(m.manager.set_in_value("I>init>setup", make_string("first"), state_id, "",
+                                     properties{{"m", make_int(1)}}, false, "caller"));
+  EXPECT_EQ(state_id, "I");
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "first");
+  EXPECT_EQ(originator_of(m, "I", "init", "setup"), "caller");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "first");
+  EXPECT_EQ(originator_of(m, child, "init", "setup"), "child-originator");
+  // The workflow meta data is not used for an init value.
+  EXPECT_FALSE(m.manager.get_workflow_meta_data("I").is_present("m"));
+  EXPECT_FALSE(m.manager.get_workflow_meta_data(child).is_present("m"));
+  ASSERT_EQ(m.receiver.calls.size(), 1u);
+
+  // Refused by the init workflow: the waiting workflow is not asked, nothing is written.
+  EXPECT_FALSE(m.manager.set_in_value("I>init>setup", make_string("second"), state_id, "", no_meta,
+                                      false, "caller"));
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "first");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "first");
+  EXPECT_EQ(m.receiver.calls.size(), 1u);
+
+  // Forced: both take it.
+  ASSERT_TRUE(m.manager.set_in_value("I>init>setup", make_string("second"), state_id, "", no_meta,
+                                     true, "caller"));
+  EXPECT_EQ(text_of(in_value_of(m, "I", "init", "setup")), "second");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "second");
 }
 
 TEST_F(WorkflowManagerInitWorkflow, ChildOfAnInitedWorkflowIsOnlyADependant) {
@@ -233,6 +405,59 @@ TEST_F(WorkflowManagerInitWorkflow, InitStatusIsCopiedToWaitingWorkflows) {
   EXPECT_EQ(m.manager.get_task_status(second, "init"), zelcore::task::status_finished);
   ASSERT_EQ(m.receiver.calls.size(), 1u);  // one action; replicas repeat the copying
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
+}
+
+TEST_F(WorkflowManagerInitWorkflow, InitStatusIsCopiedOnThroughWaitingInitWorkflows) {
+  m.add("I2", zeltest::sample_workflow(workflow_info::workflow_type_init, 2, true));
+  m.add("S3", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2, true));
+  m.workflow("I").add_waiting_wf("I2", "x");
+  m.workflow("I2").add_waiting_wf("S3", "y");
+  m.manager.set_task_status("I", "init", zelcore::task::status_finished, 5, "n", "m");
+  EXPECT_EQ(m.manager.get_task_status("I2", "init"), zelcore::task::status_finished);
+  EXPECT_EQ(m.manager.get_task_status("S3", "init"), zelcore::task::status_finished);
+  EXPECT_EQ(m.manager.get_task_status_info(workflow_manager::create_wpath("S3", "init")).time, 5u);
+  ASSERT_EQ(m.receiver.calls.size(), 1u);
+  EXPECT_EQ(m.receiver.calls[0].workflow_id, "I");
+}
+
+TEST_F(WorkflowManagerInitWorkflow, InitStatusCopyFollowsALongChainOfWaitingInitWorkflows) {
+  // Each init workflow waits on the next; a copy must not need stack in proportion to the chain.
+  constexpr int chain = 100000;
+  properties tasks;
+  tasks.set_properties_value("init", zeltest::sample_task("setup", 1, {}, {}));
+  workflow_info init;
+  init.decode_workflow_info(
+      properties{{"type", make_int(workflow_info::workflow_type_init)}, {"tasks", tree_of(tasks)}},
+      m.db);
+  std::string previous = "I";
+  for (int i = 0; i < chain; ++i) {
+    const std::string id = "I" + std::to_string(i);
+    m.workflows[id] = boost::shared_ptr<workflow_info>(new workflow_info(init));
+    m.workflow(previous).add_waiting_wf(id, "");
+    previous = id;
+  }
+  m.manager.set_task_status("I", "init", zelcore::task::status_finished, 5, "n", "m");
+  EXPECT_EQ(m.manager.get_task_status(previous, "init"), zelcore::task::status_finished);
+  EXPECT_EQ(m.receiver.calls.size(), 1u);
+}
+
+TEST_F(WorkflowManagerInitWorkflow, InitStatusCopyStopsAtAMissingWaitingWorkflowInKeyOrder) {
+  // Waiting workflows are visited by ascending state id; the missing "W0" comes before "W1".
+  m.add("W1", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2, true));
+  m.workflow("I").add_waiting_wf("W1", "");
+  m.workflow("I").add_waiting_wf("W0", "");
+  capture_sink sink;
+  try {
+    m.manager.set_task_status("I", "init", zelcore::task::status_finished, 5, "n", "m");
+    FAIL() << "no exception";
+  } catch (const zelbase::es::api_code& e) {
+    EXPECT_EQ(e.code(), -3414000);
+    EXPECT_STREQ(e.what(), "'W0' isn't a valid workflow state id");
+  }
+  EXPECT_EQ(sink.messages(), std::vector<std::string>{"'W0' isn't a valid workflow state id"});
+  EXPECT_EQ(m.manager.get_task_status("I", "init"), zelcore::task::status_finished);
+  EXPECT_EQ(m.manager.get_task_status("W1", "init"), zelcore::task::status_waiting);
+  EXPECT_TRUE(m.receiver.calls.empty());
 }
 
 TEST_F(WorkflowManagerInitWorkflow, UnchangedInitStatusIsNeitherCopiedNorWritten) {
@@ -325,16 +550,42 @@ properties out_value(const std::string& value, const std::vector<std::string>& d
 TEST_F(WorkflowManagerInValues, OutValuesOfAnOrdinaryTaskBecomeInValues) {
   m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2));
   const properties outs{{"out", tree_of(out_value("routed-value", {"t2>in"}))}};
-  ASSERT_TRUE(m.manager.set_in_out_values("workflow:S>t1", outs, no_meta, "o"));
-  EXPECT_TRUE(contains_text(m.encoded().get_properties_value("S"), "routed-value"));
+  const properties meta{{"k", make_int(1)}};
+  ASSERT_TRUE(m.manager.set_in_out_values("workflow:S>t1", outs, meta, "o"));
+  // Stored as the task's out-value, and set at its destination with the meta data and the
+  // originator.
+  EXPECT_EQ(text_of(m.manager.get_task_info("S", "t1")->get_out_value("out")), "routed-value");
+  EXPECT_EQ(text_of(in_value_of(m, "S", "t2", "in")), "routed-value");
+  EXPECT_EQ(originator_of(m, "S", "t2", "in"), "o");
+  EXPECT_EQ(m.manager.get_workflow_meta_data("S").get_int_value("k"), 1);
   ASSERT_EQ(m.receiver.calls.size(), 1u);
+  EXPECT_FALSE(m.receiver.calls[0].will);
   EXPECT_EQ(m.receiver.calls[0].workflow_id, "S");
   EXPECT_EQ(m.receiver.calls[0].update, (properties{{"action", make_string("set-in-out-values")},
                                                     {"wf-state-id", make_string("S")},
                                                     {"task-wtid", make_string("t1")},
                                                     {"values", tree_of(outs)},
-                                                    {"workflow-meta", tree_of(no_meta)},
+                                                    {"workflow-meta", tree_of(meta)},
                                                     {"originator", make_string("o")}}));
+}
+
+TEST_F(WorkflowManagerInValues,
+       OutValuesOfAnInitTaskAreRoutedAsInitValuesEvenOutsideInitWorkflows) {
+  // An init task of a spawned workflow: its out-values go to set_init_in_value, which refuses a
+  // workflow that is not an init workflow.
+  m.add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2, true));
+  capture_sink sink;
+  const properties outs{{"config", tree_of(out_value("cfg", {"t1>config"}))}};
+  try {
+    m.manager.set_in_out_values("S", "init", outs, no_meta, "");
+    FAIL() << "no exception";
+  } catch (const zelbase::es::arg& e) {
+    EXPECT_STREQ(e.what(), "Can't set init in-value on a non-init workflow");
+  }
+  EXPECT_EQ(sink.messages(),
+            std::vector<std::string>{"Can't set init in-value on a non-init workflow"});
+  EXPECT_FALSE(in_value_of(m, "S", "t1", "config"));
+  EXPECT_TRUE(m.receiver.calls.empty());
 }
 
 TEST_F(WorkflowManagerInitWorkflow, OutValuesOfAnOrdinaryTaskOfAnInitWorkflowSpawn) {
@@ -350,7 +601,13 @@ TEST_F(WorkflowManagerInitWorkflow, OutValuesOfAnInitTaskAreInitValues) {
   ASSERT_TRUE(m.manager.set_in_out_values("I", "init", outs, no_meta, ""));
   EXPECT_EQ(m.workflows.size(), count);  // nothing spawned
   EXPECT_TRUE(m.workflow("I").is_inited());
-  EXPECT_TRUE(contains_text(m.encoded().get_properties_value(child), "init-routed"));
+  // The out-value is stored on the task of the init workflow and of its waiting child, and the
+  // routed init value reaches both.
+  EXPECT_EQ(text_of(m.manager.get_task_info("I", "init")->get_out_value("config")), "init-routed");
+  EXPECT_EQ(text_of(m.manager.get_task_info(child, "init")->get_out_value("config")),
+            "init-routed");
+  EXPECT_EQ(text_of(in_value_of(m, child, "init", "setup")), "init-routed");
+  EXPECT_EQ(originator_of(m, child, "init", "setup"), "a");
 }
 
 TEST_F(WorkflowManagerInValues, MalformedOutValuesChangeNothing) {

@@ -104,7 +104,15 @@ TEST_F(WorkflowManagerTaskQueries, InvalidPrerequisitesAreNamedByTaskPath) {
 
 TEST_F(WorkflowManagerTaskQueries, JobInfoCarriesTaskWorkflowAndNullCapabilities) {
   m.manager.add_workflow_meta_data("A", properties{{"owner", zelcore::make_string("me")}});
+  ASSERT_FALSE(m.manager.get_task_info("A", "t2")->get_job_info());
   m.manager.create_job_info_for_task(workflow_manager::create_wpath("A", "t2"));
+  // The task prepared its job information from its own workflow.
+  const auto job_info = m.manager.get_task_info("A", "t2")->get_job_info();
+  ASSERT_TRUE(job_info);
+  EXPECT_EQ(job_info->get_string_value("task-id"), "t2");
+  EXPECT_EQ(job_info->get_int_value("sequence-number"),
+            static_cast<std::int64_t>(m.workflow("A").get_sequence_number()));
+  EXPECT_FALSE(m.manager.get_task_info("A", "t1")->get_job_info());
   properties out{{"workflow-state-id", zelcore::make_string("old")},
                  {"other", zelcore::make_int(1)}};
   m.manager.insert_job_info_for_job_id(workflow_manager::create_wpath("A", "t2"), out);
@@ -120,6 +128,17 @@ TEST_F(WorkflowManagerTaskQueries, JobInfoCarriesTaskWorkflowAndNullCapabilities
   ASSERT_NE(slot, out.end());
   EXPECT_TRUE(slot->second.is_null());
   EXPECT_EQ(out.get_int_value("other"), 1);
+}
+
+TEST_F(WorkflowManagerTaskQueries, JobInfoSharesTheAllocatedLicenceCapabilities) {
+  const zelbase::ptr_refcount<const properties> capabilities(
+      new properties{{"licence-a", zelcore::make_int(2)}});
+  m.workflow("B").get_task_info("t1")->set_job_allocated_license_capabilities(capabilities);
+  properties out;
+  m.manager.insert_job_info_for_job_id("workflow:B>t1", out);
+  EXPECT_EQ(out.get_property("allocated-license-capabilities").get(), capabilities.get());
+  EXPECT_EQ(out.get_string_value("workflow-state-id"), "B");
+  EXPECT_EQ(out.size(), 5u);
 }
 
 TEST_F(WorkflowManagerTaskQueries, EveryQueryButHasTaskRaisesForAnUnknownWorkflow) {
@@ -142,7 +161,14 @@ TEST_F(WorkflowManagerTaskQueries, EveryQueryButHasTaskRaisesForAnUnknownWorkflo
   EXPECT_THROW(m.manager.get_workflow_dot("Q", dot), zelbase::es::api_code);
   EXPECT_THROW(m.manager.create_job_info_for_task(path), zelbase::es::api_code);
   EXPECT_THROW(m.manager.insert_job_info_for_job_id(path, out), zelbase::es::api_code);
-  EXPECT_EQ(sink.messages(), std::vector<std::string>(14, "'Q' isn't a valid workflow state id"));
+  EXPECT_THROW(m.manager.get_task_info("Q", "t1"), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.get_task_status("Q", "t1"), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.get_task_type(path), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.is_task_kill_triggered("Q", "t1"), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.get_priority("Q"), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.get_workflow_configuration("Q"), zelbase::es::api_code);
+  EXPECT_THROW(m.manager.encode_task("Q", "t1", out), zelbase::es::api_code);
+  EXPECT_EQ(sink.messages(), std::vector<std::string>(21, "'Q' isn't a valid workflow state id"));
   EXPECT_TRUE(out.empty());
 }
 

@@ -112,9 +112,42 @@ TEST_F(WorkflowManagerUpdates, MetaDataActionsCarryTheTree) {
                         {"meta-data", tree_of(meta)}});
 }
 
-TEST_F(WorkflowManagerUpdates, SetExtMetaDataChangesTheWorkflowSilently) {
+TEST_F(WorkflowManagerUpdates, SetMetaDataReplacesWhileAddMerges) {
+  m.manager.add_workflow_meta_data("A", properties{{"old", make_int(1)}});
+  m.manager.add_workflow_meta_data("A", properties{{"added", make_int(2)}});
+  EXPECT_EQ(m.manager.get_workflow_meta_data("A"),
+            (properties{{"old", make_int(1)}, {"added", make_int(2)}}));
+  m.manager.set_workflow_meta_data("A", properties{{"new", make_int(3)}});
+  EXPECT_EQ(m.manager.get_workflow_meta_data("A"), (properties{{"new", make_int(3)}}));
+  m.manager.add_ext_meta_data("A", properties{{"old", make_int(1)}});
+  m.manager.add_ext_meta_data("A", properties{{"added", make_int(2)}});
+  EXPECT_EQ(m.manager.get_ext_meta_data("A"),
+            (properties{{"old", make_int(1)}, {"added", make_int(2)}}));
+}
+
+TEST_F(WorkflowManagerUpdates, ReceivedMetaDataActionsReplaceOrMergeAsTheirNamesSay) {
+  m.manager.add_workflow_meta_data("A", properties{{"old", make_int(1)}});
+  m.manager.add_ext_meta_data("A", properties{{"old", make_int(1)}});
+  const auto meta_update = [](const char* action) {
+    return properties{{"action", make_string(action)},
+                      {"wf-state-id", make_string("A")},
+                      {"meta-data", tree_of(properties{{"new", make_int(2)}})}};
+  };
+  m.manager.update_workflow(meta_update("add-workflow-meta-data"), m.db);
+  EXPECT_EQ(m.manager.get_workflow_meta_data("A"),
+            (properties{{"old", make_int(1)}, {"new", make_int(2)}}));
+  m.manager.update_workflow(meta_update("add-ext-meta-data"), m.db);
+  EXPECT_EQ(m.manager.get_ext_meta_data("A"),
+            (properties{{"old", make_int(1)}, {"new", make_int(2)}}));
+  m.manager.update_workflow(meta_update("set-workflow-meta-data"), m.db);
+  EXPECT_EQ(m.manager.get_workflow_meta_data("A"), (properties{{"new", make_int(2)}}));
+}
+
+TEST_F(WorkflowManagerUpdates, SetExtMetaDataReplacesTheTreeSilently) {
+  m.manager.add_ext_meta_data("A", properties{{"old", make_int(1)}});
+  m.receiver.calls.clear();
   m.manager.set_ext_meta_data("A", properties{{"e", make_int(1)}});
-  EXPECT_EQ(m.manager.get_ext_meta_data("A").get_int_value("e"), 1);
+  EXPECT_EQ(m.manager.get_ext_meta_data("A"), (properties{{"e", make_int(1)}}));
   EXPECT_TRUE(m.receiver.calls.empty());
 }
 
@@ -181,16 +214,118 @@ TEST_F(WorkflowManagerUpdates, AddTaskWritesTheTaskAsTheWorkflowHoldsIt) {
                         {"task-info", tree_of(stored)}});
 }
 
-TEST_F(WorkflowManagerUpdates, WithoutReceiverChangesAreMadeAndNothingIsWritten) {
+// Every public change, once with a receiver and once without: the workflows end the same, and
+// only the manager with a receiver wrote anything.
+TEST_F(WorkflowManagerUpdates, AddTaskBuildsTheTaskBeforeLookingUpTheWorkflow) {
+  capture_sink sink;
+  properties bad_task = zeltest::sample_task("command", 0, {}, {});
+  bad_task.set_int_value("type", 7);
+  std::string wtid;
+  try {
+    m.manager.add_task("nope", bad_task, m.db, wtid);
+    FAIL() << "no exception";
+  } catch (const zelbase::es::arg& e) {
+    EXPECT_STREQ(e.what(), "cannot decode task: 'type' is 7, outside 0 to 1");
+  }
+  EXPECT_TRUE(sink.messages().empty());  // the unknown id was never looked up
+  EXPECT_TRUE(m.receiver.calls.empty());
+}
+
+TEST_F(WorkflowManagerUpdates, TaskWhoseIdHoldsTheSeparatorIsRefused) {
+  const properties before = m.encoded();
+  properties task = zeltest::sample_task("command", 0, {}, {});
+  task.set_string_value("id", "a>b");
+  std::string wtid;
+  EXPECT_THROW(m.manager.add_task("S", task, m.db, wtid), zelbase::es::arg);
+  EXPECT_EQ(m.encoded(), before);
+  // What stays in the manager can be decoded from its own encoding.
+  workflow_info copy;
+  EXPECT_NO_THROW(copy.decode_workflow_info(m.encoded().get_properties_value("S"), m.db));
+  EXPECT_TRUE(m.receiver.calls.empty());
+}
+
+TEST_F(WorkflowManagerUpdates, ReceivedTaskStatusTakesTheLow32BitsOfItsTime) {
+  m.manager.update_workflow(properties{{"action", make_string("set-task-status")},
+                                       {"wf-state-id", make_string("S")},
+                                       {"task-wtid", make_string("t1")},
+                                       {"task-status", make_int(zelcore::task::status_failed)},
+                                       {"tm", make_int((std::int64_t{1} << 32) + 5)},
+                                       {"nid", make_string("node")},
+                                       {"msg", make_string("text")}},
+                            m.db);
+  const auto& info = m.manager.get_task_status_info(workflow_manager::create_wpath("S", "t1"));
+  EXPECT_EQ(info.task_status, zelcore::task::status_failed);
+  EXPECT_EQ(info.time, 5u);
+  EXPECT_EQ(info.node_id, "node");
+  EXPECT_EQ(info.message, "text");
+}
+
+TEST_F(WorkflowManagerUpdates, ReceivedPrioritiesPassTheirWhenceAndLimits) {
+  const auto priority_update = [](const char* action, std::int64_t priority) {
+    return properties{{"action", make_string(action)},
+                      {"state-id", make_string("S")},
+                      {"wf-state-id", make_string("S")},
+                      {"task-wtid", make_string("t2")},
+                      {"priority", make_int(priority)},
+                      {"whence", make_int(workflow_info::priority_relative)},
+                      {"min", make_int(-3)},
+                      {"max", make_int(8)}};
+  };
+  m.manager.update_workflow(priority_update("set-priority", 5), m.db);
+  m.manager.update_workflow(priority_update("set-priority", 5), m.db);
+  EXPECT_EQ(m.manager.get_priority("S"), 8);  // 5, then 10 clamped to the max
+  m.manager.update_workflow(priority_update("set-task-priority", -2), m.db);
+  m.manager.update_workflow(priority_update("set-task-priority", -2), m.db);
+  EXPECT_EQ(m.manager.get_task_priority(workflow_manager::create_wpath("S", "t2")), -3);
+  EXPECT_EQ(m.manager.get_task_priority(workflow_manager::create_wpath("S", "t1")), 0);
+}
+
+TEST_F(WorkflowManagerUpdates, WithoutReceiverEveryChangeIsMadeAndNothingIsWritten) {
+  managed_workflows loud;
   managed_workflows quiet(false);
-  quiet.add("A", empty_workflow(workflow_info::workflow_type_template));
-  quiet.manager.add_dependant("A", "x");
-  quiet.manager.set_priority("A", 3, workflow_info::priority_absolute, 0, 10);
-  quiet.manager.add_workflow_meta_data("A", properties{{"k", make_int(1)}});
-  EXPECT_TRUE(quiet.workflow("A").remove_dependant("x"));
-  EXPECT_EQ(quiet.manager.get_priority("A"), 3);
-  EXPECT_EQ(quiet.manager.get_workflow_meta_data("A").get_int_value("k"), 1);
+  for (managed_workflows* w : {&loud, &quiet}) {
+    workflow_manager& wm = w->manager;
+    w->add("T", zeltest::sample_workflow(workflow_info::workflow_type_template, 2));
+    w->add("I", zeltest::sample_workflow(workflow_info::workflow_type_init, 2, true));
+    w->add("S", zeltest::sample_workflow(workflow_info::workflow_type_spawned, 2, true));
+    const std::string t1 = workflow_manager::create_wpath("S", "t1");
+    std::string out;
+    wm.add_workflow(empty_workflow(workflow_info::workflow_type_spawned), w->db, out, "N");
+    wm.add_dependant("S", "x");
+    wm.add_dependant("T", "x");
+    wm.remove_dependant("S", "x");
+    wm.remove_dependant("x");
+    wm.add_ext_meta_data("S", properties{{"e", make_int(1)}});
+    wm.set_ext_meta_data("T", properties{{"x", make_int(1)}});
+    wm.set_attempts_config({{"command", 4}});
+    wm.add_workflow_meta_data("S", properties{{"w", make_int(1)}});
+    wm.set_workflow_meta_data("T", properties{{"s", make_int(1)}});
+    wm.add_task("S", zeltest::sample_task("command", 0, {}, {}), w->db, out);
+    wm.set_priority("S", 3, workflow_info::priority_absolute, 0, 10);
+    wm.set_task_priority(t1, 4, workflow_info::priority_absolute, 0, 10);
+    wm.set_task_max_attempts(t1, 5);
+    wm.set_task_scheduling_state("S", "t2", zelcore::task::scheduling_queued);
+    wm.set_task_scheduling_state(t1, zelcore::task::scheduling_dispatched);
+    wm.update_task_progress("S", "t2", properties{{"p", make_int(1)}});
+    wm.update_task_progress(t1, properties{{"q", make_int(2)}});
+    wm.set_task_status("S", "t2", zelcore::task::status_running, 1, "n", "m");
+    wm.set_task_status(t1, zelcore::task::status_failed, 2, "n", "m");
+    ASSERT_TRUE(
+        wm.set_in_value("T>t1>in", make_string("v"), out, "spawned", properties(), false, "o"));
+    const workflow_manager::properties_ptr values(new properties{{"t2>in", make_int(1)}});
+    ASSERT_TRUE(wm.set_in_values("S", values, out, "", properties(), false, "o"));
+    ASSERT_TRUE(wm.set_init_in_value("I>init>setup", make_string("i"), "o"));
+    const property_ptr destinations(
+        new zelcore::property_list(zelcore::property_list::list_type{make_string("t2>in")}));
+    const properties outs{
+        {"out", tree_of(properties{{"value", make_int(7)}, {"destinations", destinations}})}};
+    ASSERT_TRUE(wm.set_in_out_values("workflow:spawned>t1", outs, properties(), "o"));
+    wm.remove_workflow("N");
+  }
+  EXPECT_EQ(quiet.encoded(), loud.encoded());
+  EXPECT_EQ(quiet.sequence_number, loud.sequence_number);
   EXPECT_TRUE(quiet.receiver.calls.empty());
+  EXPECT_EQ(loud.receiver.calls.size(), 24u);  // removal: before and after
 }
 
 TEST_F(WorkflowManagerUpdates, FailedChangeWritesNothing) {

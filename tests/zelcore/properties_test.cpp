@@ -314,3 +314,32 @@ TEST(Properties, CopyIsIndependentOfTheSourceInBothDirections) {
   c = same;  // self-assignment keeps the content
   EXPECT_TRUE(c == b);
 }
+
+TEST(Properties, ChildrenInAnyOrderAreSortedOnceAndTheLastOfEqualKeysWins) {
+  properties::container children;
+  for (int i = 999; i >= 0; --i) children.emplace_back("k" + std::to_string(i), make_int(i));
+  children.emplace_back("k5", make_int(-5));
+  const properties p(std::move(children));
+  EXPECT_EQ(p.size(), 1000u);
+  EXPECT_EQ(p.get_int_value("k5"), -5);
+  EXPECT_EQ(p.begin()->first, "k0");
+  std::string previous;
+  for (const auto& [key, value] : p) {
+    EXPECT_LT(previous, key);
+    previous = key;
+  }
+}
+
+TEST(Properties, InsertionsInAnyOrderKeepKeysSortedAndFindable) {
+  properties p(false);
+  std::vector<int> order(2000);
+  for (int i = 0; i < 2000; ++i) order[i] = (i * 7919) % 2000;  // a permutation
+  for (int i : order) p.set_int_value("key" + std::to_string(i), i);
+  ASSERT_EQ(p.size(), 2000u);
+  for (int i = 0; i < 2000; ++i) EXPECT_EQ(p.get_int_value("key" + std::to_string(i)), i);
+  std::string previous;
+  for (const auto& [key, value] : p) {
+    EXPECT_LT(previous, key);
+    previous = key;
+  }
+}

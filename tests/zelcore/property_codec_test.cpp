@@ -138,13 +138,15 @@ TEST(PropertyCodec, NestingDeeperThanTheLimitIsRefused) {
 }
 
 TEST(PropertyCodec, LargeTreeRoundTrips) {
-  properties big(false);
+  properties::container records;
   for (int i = 0; i < 20000; ++i) {
     properties record(false);
     record.set_int_value("n", i);
     record.set_string_value("name", "job-" + std::to_string(i));
-    big.set_properties_value("id" + std::to_string(i), record);
+    records.emplace_back("id" + std::to_string(i), zelcore::property_ptr(new properties(record)));
   }
+  const properties big(std::move(records));
+  ASSERT_EQ(big.size(), 20000u);
   EXPECT_TRUE(*round_trip(big) == big);
 }
 

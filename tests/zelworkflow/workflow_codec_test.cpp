@@ -126,6 +126,15 @@ TEST(WorkflowCodec, TaskRoundTripsThroughCreateTaskInfo) {
   }
 }
 
+// A task id holding the separator could never be addressed by a wpath, and the workflow that
+// took such a task could not be decoded from its own encoding.
+TEST(WorkflowCodec, CreateTaskInfoRefusesATaskIdHoldingTheSeparator) {
+  properties t = zeltest::sample_task("c", 0, {}, {});
+  t.set_string_value("id", "a>b");
+  zeltest::expect_arg([&] { task_info::create_task_info(t, zelcore::plugin_db()); },
+                      "cannot decode task 'a>b': task id 'a>b' holds '>'");
+}
+
 TEST(WorkflowCodec, EncodingKeysAreTheDocumentedOnes) {
   const properties enc = encoded(full_workflow());
   std::vector<std::string> keys;

@@ -93,6 +93,13 @@ properties::properties(std::initializer_list<entry> children) {
   detail::properties_builder::normalise(out);
 }
 
+properties::properties(container children) {
+  if (children.empty()) return;
+  container& out = mutable_entries();
+  out = std::move(children);
+  detail::properties_builder::normalise(out);
+}
+
 properties::~properties() = default;
 
 properties& properties::operator=(const properties& other) noexcept {

@@ -73,6 +73,8 @@ zelbase::ptr_refcount<task_info> task_info::decode(const properties& encoded,
   const std::string what = m.id.empty() ? "task" : "task '" + m.id + "'";
   detail::reader r(encoded, what);
   r.get_string("id", "");
+  // Wpaths split at the separator, so a task id holding one could never be addressed.
+  if (m.id.find('>') != std::string::npos) r.fail("task id '" + m.id + "' holds '>'");
   m.kind = r.get_string("kind", "");
   if (kinds && !kinds->has_kind(m.kind)) r.fail("unknown task kind '" + m.kind + "'");
   m.type = static_cast<task_type>(r.get_int("type", 0, 0, task_type_init));

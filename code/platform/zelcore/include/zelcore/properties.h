@@ -164,13 +164,6 @@ class ZELCORE_EXPORT property_entry {
     else
       return (second);
   }
-  template <std::size_t I>
-  decltype(auto) get() {
-    if constexpr (I == 0)
-      return (first);
-    else
-      return (second);
-  }
 
   // The first eight bytes of a key as a big-endian number, zero-padded: keys compare by it
   // first, which decides most comparisons without looking at the bytes.
@@ -209,6 +202,10 @@ class ZELCORE_EXPORT properties final : public property {
   // One string child per pair.
   explicit properties(const std::map<std::string, std::string>& strings);
   properties(std::initializer_list<entry> children);
+  // A tree of the given children in any order; of equal keys the last one is kept. This is the
+  // way to build a large tree whose keys do not come in ascending order: one sort instead of an
+  // insertion in the middle per key.
+  explicit properties(container children);
   ~properties() override;
   properties& operator=(const properties& other) noexcept;
   properties& operator=(properties&& other) noexcept;
@@ -224,7 +221,8 @@ class ZELCORE_EXPORT properties final : public property {
 
   // The slot of `key`, created empty (null) when new; a null slot counts as absent. The
   // reference is valid until the next change or copy of this tree (a copy would see writes
-  // made through it).
+  // made through it). A new key after the last one is appended in constant time; a new key
+  // before it moves the keys after it.
   property_ptr& operator[](const std::string& key);
 
   const_iterator begin() const noexcept;

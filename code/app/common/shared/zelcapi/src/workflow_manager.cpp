@@ -621,14 +621,33 @@ void workflow_manager::_add_task(const std::string& wf, const properties& task,
 bool workflow_manager::_set_task_status(const std::string& wf, const std::string& wtid,
                                         zelcore::task::status status, unsigned int tm,
                                         const std::string& nid, const std::string& msg) {
-  workflow_info* wi = get_workflow_info(wf);
-  if (!wi->set_task_status(wtid, status, tm, nid, msg)) return false;
-  if (wi->get_type() != workflow_info::workflow_type_init) return true;
-  if (wi->get_task_info(wtid)->get_type() != zelcore::task::task_type_init) return true;
-  // An init task's status holds for every workflow that waits on the init workflow. A waiting
-  // cycle ends where a status no longer changes.
-  for (const auto& waiting : wi->get_waiting_wfs())
-    _set_task_status(waiting.first, wtid, status, tm, nid, msg);
+  // An init task's status holds for every workflow that waits on the init workflow, and on
+  // from those that are init workflows themselves: depth first, each waiting list in key order.
+  // The walk keeps its own stack, as a snapshot may chain any number of init workflows; a
+  // waiting cycle ends where a status no longer changes.
+  using waiting_iterator = std::map<std::string, std::string>::const_iterator;
+  std::vector<std::pair<waiting_iterator, waiting_iterator>> pending;
+  const auto set_status = [&](const std::string& id) {
+    workflow_info* wi = get_workflow_info(id);
+    if (!wi->set_task_status(wtid, status, tm, nid, msg)) return false;
+    if (wi->get_type() == workflow_info::workflow_type_init &&
+        wi->get_task_info(wtid)->get_type() == zelcore::task::task_type_init) {
+      const auto& waiting = wi->get_waiting_wfs();
+      pending.emplace_back(waiting.begin(), waiting.end());
+    }
+    return true;
+  };
+  if (!set_status(wf)) return false;
+  while (!pending.empty()) {
+    auto& [next, end] = pending.back();
+    if (next == end) {
+      pending.pop_back();
+      continue;
+    }
+    // The key lives in its map, which a status change leaves as it is.
+    const std::string& waiting_id = (next++)->first;
+    set_status(waiting_id);
+  }
   return true;
 }
 
@@ -918,11 +937,14 @@ bool workflow_manager::set_in_value(const std::string& wpath, const property_ptr
                                     std::string& state_id, const std::string& force_state_id,
                                     const properties& workflow_meta, bool force_spawn_value,
                                     const std::string& originator) {
-  if (!_set_in_value(wpath, value, state_id, force_state_id, workflow_meta, force_spawn_value,
-                     originator))
+  // The caller may receive the id in the string that holds the address.
+  const std::string input_node_id = wpath;
+  if (!_set_in_value(input_node_id, value, state_id, force_state_id, workflow_meta,
+                     force_spawn_value, originator))
     return false;
   // The replica spawns under the id that was actually used.
-  _notify_set_in_value(wpath, value, state_id, workflow_meta, force_spawn_value, originator);
+  _notify_set_in_value(input_node_id, value, state_id, workflow_meta, force_spawn_value,
+                       originator);
   return true;
 }
 
@@ -932,10 +954,13 @@ bool workflow_manager::set_in_values(const std::string& wpath, const properties_
                                      const std::string& originator) {
   // A null tree is an empty one, so that the written action stays applicable.
   const properties_ptr tree = values ? values : properties_ptr(new properties());
-  if (!_set_in_values(wpath, tree, state_id, force_state_id, workflow_meta, force_spawn_value,
-                      originator))
+  // The caller may receive the id in the string that holds the address or the forced id, which
+  // the applier overwrites before it has read them.
+  const std::string wf = wpath;
+  const std::string force = force_state_id;
+  if (!_set_in_values(wf, tree, state_id, force, workflow_meta, force_spawn_value, originator))
     return false;
-  _notify_set_in_values(wpath, tree, state_id, workflow_meta, force_spawn_value, originator);
+  _notify_set_in_values(wf, tree, state_id, workflow_meta, force_spawn_value, originator);
   return true;
 }
 

@@ -164,8 +164,8 @@ class ZELCAPI_EXPORT workflow_manager {
   // workflow (id `force_state_id`, or a new one when empty); an init workflow takes an init
   // task's value in place and forwards it to its waiting workflows, and spawns a child for any
   // other task; a spawned workflow takes the value and `workflow_meta`. `state_id` receives the
-  // id of the workflow that took the value; it must be a string of its own (not `wpath` or
-  // `force_state_id`), here and in set_in_values.
+  // id of the workflow that took the value; it may be the same string as `wpath` or
+  // `force_state_id`, here and in set_in_values.
   bool set_in_value(const std::string& wpath, const property_ptr& value, std::string& state_id,
                     const std::string& force_state_id, const zelcore::properties& workflow_meta,
                     bool force_spawn_value, const std::string& originator);

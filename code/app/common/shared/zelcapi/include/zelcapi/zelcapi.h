@@ -1,5 +1,6 @@
 // The whole public API of zelcapi.
 #pragma once
 
+#include "zelcapi/connection.h"
 #include "zelcapi/state.h"
 #include "zelcapi/workflow_manager.h"

@@ -1,0 +1,159 @@
+// The client's connection to a cluster node: result codes, the handler interface, connect,
+// login with redirect to the cluster master, and the request/reply exchange.
+//
+// Threads: the connection starts no thread. All I/O, and every handler call, happens on the
+// thread that is inside connect, login_sync, admin_login_sync, send, send_sync,
+// get_cluster_status, wait or run. A connection is used by one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "zelbase/refcount.h"
+#include "zelcapi/export.h"
+#include "zelnet/ioctrl.h"
+#include "zelnet/packet.h"
+
+namespace zelcapi {
+
+// Every outcome that the connection reports. The numbers travel in login replies
+// ("result-code") and must not change.
+enum result_code : std::int32_t {
+  connection_ok = 1,
+  wrong_protocol_version = 2,
+  connection_failed = 3,
+  connection_timeout = 4,
+  login_ok = 5,
+  no_connection_for_login = 6,
+  login_reconnection_failed = 7,
+  login_timeout = 8,
+  disconnected_on_login = 9,
+  no_such_user = 10,
+  access_denied = 11,
+  unknown_cluster_master = 12,
+  reconnecting_to_master = 13,
+  cluster_master_not_found = 14,
+  manual_disconnection = 15,
+  connection_closed = 16,
+};
+
+// The fixed English text of a code ("Reconecting to Master" for 13, spelled so on purpose);
+// "unspecified error" for any other value. Never fails; the text is never freed.
+ZELCAPI_EXPORT const char* result_code_c_str(result_code code);
+
+// Receives a connection's events. Not owned by the connection: keep it alive while a
+// connection points at it. Called on the thread that waits on the connection.
+class ZELCAPI_EXPORT handler {
+ public:
+  virtual ~handler();
+  // A status change. The result is consulted only during a login, where false stops the
+  // login from retrying or redirecting. Default: true.
+  virtual bool status(result_code code, const std::string& text, bool flag);
+  // The link has gone. Default: a debug print in "zelcapi::handler:error".
+  virtual void disconnected(const std::string& reason, bool reconnecting);
+  // A packet that is not the reply of a pending synchronous request; a packet left in `out`
+  // with a name is sent back. Default: ignores it and returns true.
+  virtual bool handle(const zelnet::zelp::packet& in, zelnet::zelp::packet& out);
+};
+
+class connection_impl;
+
+// A connection to one cluster node. It is its own I/O controller: call run() (or wait()) on
+// it to receive unsolicited packets, which go to the handler.
+class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_refcount {
+ public:
+  connection();
+  explicit connection(handler* h);
+  // Disconnects with the reason "removing connection"; never throws.
+  ~connection() override;
+  connection(const connection&) = delete;
+  connection& operator=(const connection&) = delete;
+
+  // Connects to `host`:`port` and waits up to `timeout` seconds for the link. Returns
+  // connection_ok, wrong_protocol_version, connection_failed or connection_timeout (also told
+  // to the handler); a connection that was connected is disconnected first.
+  result_code connect(const std::string& host, const std::string& port, unsigned timeout);
+  result_code connect(const std::string& host, const std::string& port);
+  // Drops the link; the handler hears of it through status and disconnected.
+  void disconnect(const std::string& reason, bool reconnecting);
+  bool is_connected() const;
+  std::string get_host() const;
+  std::string get_port() const;
+  // The default time-out in seconds (15) of connect, send_sync and get_cluster_status.
+  unsigned get_timeout() const;
+  void set_timeout(unsigned seconds);
+  // The protocol version of this library: 2.
+  unsigned this_version() const;
+  // The version that the server of the last link announced when it refused ours; else 0.
+  unsigned server_version() const;
+  // Replaces the handler (may be null), also for the live link.
+  void set_handler(handler* h);
+
+  // Logs in and follows the cluster: retries a node that is not ready (2 seconds apart, the
+  // time-out one second shorter each time) and reconnects to the master a node names. Returns
+  // the reply (kept until the next synchronous exchange); client-side give-ups come back in
+  // it as "error" and "result-code". Raises es::uspec "no connection", "connection timeout",
+  // "disconnected" or "Failed to connect to master ..." for transport failures.
+  const zelnet::zelp::packet& login_sync(const zelnet::zelp::packet& request, unsigned timeout);
+  // Builds "cluster.client.login" (the password travels as its SHA-1 hex digest) and logs in.
+  const zelnet::zelp::packet& login_sync(const std::string& username, const std::string& password,
+                                         const std::map<std::string, std::string>& storages,
+                                         const std::string& id, const std::string& io_port,
+                                         unsigned timeout, bool broadcasts);
+  const zelnet::zelp::packet& login_sync(const std::string& username, const std::string& password,
+                                         const std::string& id, const std::string& io_port,
+                                         unsigned timeout, bool broadcasts);
+  // Sends "admin.login" and returns the reply; follows no redirect, calls no handler. Raises
+  // es::uspec "no connection", "connection timeout" or "connection error".
+  const zelnet::zelp::packet& admin_login_sync(const std::string& username,
+                                               const std::string& password, unsigned timeout);
+
+  // Sends `p` and lets the I/O run once (1 ms). A reply still awaited by send_sync becomes an
+  // unsolicited packet. Raises es::uspec "No connection".
+  void send(const zelnet::zelp::packet& p);
+  // Sends `p` only (bytes the socket does not take at once leave at the next wait or run).
+  void send_no_wait(const zelnet::zelp::packet& p);
+  // Sends `p` and waits up to `timeout` seconds for the reply of the same name. Raises
+  // es::uspec "No connection", "Connection timeout" (the connection stays; a late reply is
+  // taken at the next wait) or "Connection error" (the link was lost).
+  const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p, unsigned timeout);
+  const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p);
+  // The slot of the synchronous exchange: the last reply (or pending request).
+  const zelnet::zelp::packet& get_sync_packet() const;
+  void set_sync_packet(const zelnet::zelp::packet& p);
+  // Sends "cluster.client.cluster-status" through login_sync, with the stored time-out.
+  const zelnet::zelp::packet& get_cluster_status();
+
+ protected:
+  // The controller dropped the socket (peer gone or disconnect): tells the handler, ends a
+  // pending wait and destroys the link.
+  void erase(zelbase::file& f, zelnet::ioctrl::hdlr& h, unsigned flags) override;
+
+ private:
+  friend class connection_impl;
+
+  // Copies the link's version outcome and destroys it.
+  void _destroy_link();
+  // The common part of the synchronous exchanges: flag, slot, send, wait.
+  bool _send_and_wait(const zelnet::zelp::packet& p, unsigned timeout);
+  // Tells the handler, if there is one; returns its answer (true without a handler).
+  bool _status(result_code code, const std::string& text, bool flag);
+  // Writes a client-side give-up into the sync packet and returns it.
+  const zelnet::zelp::packet& _give_up(result_code code);
+
+  handler* handler_;
+  std::string host_;
+  std::string port_;
+  zelnet::zelp::packet sync_packet_;
+  std::uint32_t timeout_;
+  std::unique_ptr<connection_impl> link_;
+  std::string reason_;
+  bool reconnecting_;
+  bool manual_;
+  bool version_mismatch_;
+  std::uint32_t server_version_;
+};
+
+}  // namespace zelcapi

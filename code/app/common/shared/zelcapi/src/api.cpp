@@ -1,0 +1,387 @@
+// The connection: connect and disconnect, login with redirect to the cluster master, and the
+// request/reply exchange over the connection's one link.
+#include <climits>
+#include <new>
+
+#include "connection_impl.h"
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+#include "zelbase/time.h"
+#include "zelcore/identifiers.h"
+#include "zelcore/report.h"
+#include "zelnet/socket.h"
+
+namespace zelcapi {
+
+namespace {
+
+constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\api";
+constexpr const char* default_reason = "Connection Closed";
+constexpr unsigned default_timeout = 15;
+constexpr unsigned not_ready_retry_seconds = 2;
+constexpr std::int64_t interface_version = 3;
+constexpr std::int64_t api_not_ready = 12;
+
+using zelnet::zelp::packet;
+
+// Seconds to the milliseconds of ioctrl::wait, saturating instead of wrapping.
+unsigned milliseconds(unsigned seconds) {
+  return seconds > UINT_MAX / 1000 ? UINT_MAX : seconds * 1000;
+}
+
+void report(unsigned line, zelcore::kind k, zelbase::severity s, const std::string& text) {
+  zelcore::report(source_file, line, "zelcapi", k, s, text);
+}
+
+// Reports `text` (kind 3) and raises it as es::uspec.
+[[noreturn]] void report_and_raise(unsigned line, zelbase::severity s, const std::string& text) {
+  report(line, 3, s, text);
+  zelbase::es::uspec::raise(source_file, line, text);
+}
+
+}  // namespace
+
+const char* result_code_c_str(result_code code) {
+  switch (code) {
+    case connection_ok: return "Connection OK";
+    case wrong_protocol_version: return "Wrong protocol version";
+    case connection_failed: return "Connection Failed";
+    case connection_timeout: return "Connection Timeout";
+    case login_ok: return "Login OK";
+    case no_connection_for_login: return "No connection for Login";
+    case login_reconnection_failed: return "Login Reconnection failed";
+    case login_timeout: return "Login Timeout";
+    case disconnected_on_login: return "Disconnected on Login";
+    case no_such_user: return "No such user";
+    case access_denied: return "Access Denied";
+    case unknown_cluster_master: return "Unknown Cluster Master";
+    case reconnecting_to_master: return "Reconecting to Master";
+    case cluster_master_not_found: return "Cluster Master not found";
+    case manual_disconnection: return "Manual Disconnection";
+    case connection_closed: return "Connection Closed";
+  }
+  return "unspecified error";
+}
+
+handler::~handler() = default;
+
+bool handler::status(result_code, const std::string&, bool) { return true; }
+
+void handler::disconnected(const std::string& reason, bool reconnecting) {
+  zelcore::ds::print("zelcapi::handler:error", "disconnected. reason: '%s' reconnecting: %s",
+                     reason.c_str(), reconnecting ? "yes" : "no");
+}
+
+bool handler::handle(const packet&, packet&) { return true; }
+
+connection_impl::connection_impl(connection& owner, handler* h)
+    : client_link(owner), owner_(&owner), handler_(h) {}
+
+connection_impl::~connection_impl() = default;
+
+bool connection_impl::packet_received(const packet& in, packet& out) {
+  if (waiting_sync_reply_ && in.get_type() == packet::type_reply &&
+      in.get_name() == owner_->sync_packet_.get_name()) {
+    waiting_sync_reply_ = false;
+    owner_->sync_packet_ = in;
+    owner_->abort();
+    return true;
+  }
+  return handler_ == nullptr || handler_->handle(in, out);
+}
+
+void connection_impl::version_mismatch(std::uint32_t, std::uint32_t server_version) {
+  version_mismatch_ = true;
+  server_version_ = server_version;
+}
+
+void connection_impl::link_established() { owner_->abort(); }
+
+connection::connection() : connection(nullptr) {}
+
+connection::connection(handler* h)
+    : zelnet::ioctrl(16000),
+      handler_(h),
+      timeout_(default_timeout),
+      reason_(default_reason),
+      reconnecting_(false),
+      manual_(false),
+      version_mismatch_(false),
+      server_version_(0) {}
+
+connection::~connection() {
+  try {
+    disconnect("removing connection", false);
+  } catch (...) {
+    // A destructor must not throw; the link is gone either way.
+  }
+}
+
+bool connection::_status(result_code code, const std::string& text, bool flag) {
+  return handler_ == nullptr || handler_->status(code, text, flag);
+}
+
+result_code connection::connect(const std::string& host, const std::string& port,
+                                unsigned timeout) {
+  if (link_) disconnect("Already connected", true);
+  host_ = host;
+  port_ = port;
+  // A new link starts with the default reason, whatever a disconnect without a link left.
+  reason_ = default_reason;
+  reconnecting_ = false;
+  manual_ = false;
+  link_.reset(new (std::nothrow) connection_impl(*this, handler_));
+  version_mismatch_ = false;
+  server_version_ = 0;
+  if (!link_) return connection_failed;
+  try {
+    zelnet::socket_connector connector;
+    const bool connected = connector.create_connect(host, port, zelnet::socket_kind_tcp);
+    link_->set_file(connector.get_file());
+    link_->set_host(host);
+    if (!connected) {
+      disconnect("Failed to connect", false);
+      _status(connection_failed, "", false);
+      return connection_failed;
+    }
+    if (!watch(connector.get_file(), *link_, 0, true, true)) {
+      connector.get_file().close();
+      disconnect("socket error (failed to watch socket)", false);
+      _status(connection_failed, "", false);
+      return connection_failed;
+    }
+    if (!wait(milliseconds(timeout))) {
+      disconnect("timed out", false);
+      _status(connection_timeout, "", false);
+      return connection_timeout;
+    }
+  } catch (const zelbase::es::base& e) {
+    const std::string message = e.message();
+    disconnect(zelbase::string_with_format("exception: %s", message.c_str()), false);
+    _status(connection_failed, message, false);
+    zelcore::ds::print("zelcapi::connect:error", "%s", message.c_str());
+    return connection_failed;
+  }
+  if (link_) {
+    _status(connection_ok, "", false);
+    return connection_ok;
+  }
+  disconnect("connection closed while connecting", false);
+  const result_code result = version_mismatch_ ? wrong_protocol_version : connection_failed;
+  _status(result, "", false);
+  return result;
+}
+
+result_code connection::connect(const std::string& host, const std::string& port) {
+  return connect(host, port, timeout_);
+}
+
+void connection::disconnect(const std::string& reason, bool reconnecting) {
+  reason_ = reason;
+  reconnecting_ = reconnecting;
+  manual_ = true;
+  zelcore::report(source_file, __LINE__, "connection", 8, 6,
+                  zelbase::string_with_format("Disconnect. Reason: %s. Reconnecting: %s",
+                                              reason.c_str(), reconnecting ? "TRUE" : "FALSE"));
+  clear();
+  if (link_) _destroy_link();
+}
+
+void connection::erase(zelbase::file& f, zelnet::ioctrl::hdlr&, unsigned) {
+  if (manual_) {
+    manual_ = false;
+    _status(manual_disconnection, "", false);
+  } else {
+    _status(connection_closed, "", false);
+    // A link that dropped itself on a protocol or socket error says why.
+    if (link_ && !link_->failure().empty()) reason_ = link_->failure();
+  }
+  if (handler_ != nullptr) handler_->disconnected(reason_, reconnecting_);
+  reason_ = default_reason;
+  reconnecting_ = false;
+  if (link_) {
+    link_->set_waiting_sync_reply(false);
+    abort();
+  }
+  f.close();
+  if (link_) _destroy_link();
+}
+
+void connection::_destroy_link() {
+  version_mismatch_ = link_->has_version_mismatch();
+  server_version_ = link_->get_server_version();
+  // Handlers may disconnect from inside the link's own callbacks: the controller frees the
+  // link once no call of it is on the stack.
+  retire(std::move(link_));
+}
+
+bool connection::is_connected() const { return link_ != nullptr; }
+
+std::string connection::get_host() const { return host_; }
+
+std::string connection::get_port() const { return port_; }
+
+unsigned connection::get_timeout() const { return timeout_; }
+
+void connection::set_timeout(unsigned seconds) { timeout_ = seconds; }
+
+unsigned connection::this_version() const { return zelnet::zelp::protocol_version; }
+
+unsigned connection::server_version() const { return server_version_; }
+
+void connection::set_handler(handler* h) {
+  handler_ = h;
+  if (link_) link_->set_handler(h);
+}
+
+bool connection::_send_and_wait(const packet& p, unsigned timeout) {
+  link_->set_waiting_sync_reply(true);
+  sync_packet_ = p;
+  link_->send(p);
+  return wait(milliseconds(timeout));
+}
+
+const packet& connection::_give_up(result_code code) {
+  zelcore::properties& reply = sync_packet_.get_properties();
+  reply.set_string_value("error", result_code_c_str(code));
+  reply.set_int_value("result-code", code);
+  return sync_packet_;
+}
+
+const packet& connection::login_sync(const packet& request, unsigned timeout) {
+  if (!link_) {
+    report(__LINE__, 3, 3, "no connection");
+    _status(no_connection_for_login, "", false);
+    zelbase::es::uspec::raise(source_file, __LINE__, "no connection");
+  }
+  if (!_send_and_wait(request, timeout)) {
+    report(__LINE__, 3, 4, "connection timeout");
+    _status(login_timeout, "", false);
+    zelbase::es::uspec::raise(source_file, __LINE__, "connection timeout");
+  }
+  if (!link_) {
+    report(__LINE__, 3, 4, "disconnected");
+    _status(disconnected_on_login, "", false);
+    zelbase::es::uspec::raise(source_file, __LINE__, "disconnected");
+  }
+  report(__LINE__, 3, 7, "login_sync - have connection");
+  const zelcore::properties& reply = sync_packet_.get_properties();
+
+  if (reply.is_present("error")) {
+    if (!reply.is_present("api") || reply.get_int_value("api") != api_not_ready) {
+      return sync_packet_;
+    }
+    const std::string text = zelbase::string_with_format(
+        "Host was not ready, retrying in %u seconds", not_ready_retry_seconds);
+    report(__LINE__, 3, 4, text);
+    disconnect(text, true);
+    if (!_status(unknown_cluster_master, host_, true)) return _give_up(unknown_cluster_master);
+    zelbase::sleep_seconds(not_ready_retry_seconds);
+    if (connect(host_, port_, timeout) == connection_ok) {
+      // The time-out shrinks by a second per retry, which bounds the retries.
+      return login_sync(request, timeout - 1);
+    }
+    _status(connection_failed, "", false);
+    return _give_up(login_reconnection_failed);
+  }
+
+  const std::string master_id = reply.get_string_value("master-id");
+  const std::string node_id = reply.get_string_value("node-id");
+  report(__LINE__, 3, 7,
+         zelbase::string_with_format("l_master_id: %s. p_props.get_string_value(node_id): %s.",
+                                     master_id.c_str(), node_id.c_str()));
+  if (node_id == master_id) {
+    _status(login_ok, master_id, true);
+    return sync_packet_;
+  }
+
+  const zelcore::properties* hosts = reply.get_properties_value_ptr("host-list");
+  const zelcore::properties* master =
+      hosts == nullptr ? nullptr : hosts->get_properties_value_ptr(master_id);
+  if (master == nullptr) {
+    report(__LINE__, 3, 4, "Cluster master is not present in host list");
+    _status(cluster_master_not_found, "", false);
+    return _give_up(cluster_master_not_found);
+  }
+  const std::string hostname = master->get_string_value("hostname");
+  const std::string client_port = master->get_string_value("client-port");
+  disconnect("Host was not master. Reconnecting to master", true);
+  if (!_status(reconnecting_to_master, hostname, false)) return _give_up(reconnecting_to_master);
+
+  const result_code result = connect(hostname, client_port, timeout);
+  if (result != connection_ok) {
+    report_and_raise(__LINE__, 4,
+                     zelbase::string_with_format(
+                         "Failed to connect to master '%s:%s' after redirect (%s)",
+                         hostname.c_str(), client_port.c_str(), result_code_c_str(result)));
+  }
+  return login_sync(request, timeout);
+}
+
+const packet& connection::login_sync(const std::string& username, const std::string& password,
+                                     const std::map<std::string, std::string>& storages,
+                                     const std::string& id, const std::string& io_port,
+                                     unsigned timeout, bool broadcasts) {
+  packet request(packet::type_request, "cluster.client.login");
+  zelcore::properties& props = request.get_properties();
+  props.set_int_value("interface-version", interface_version);
+  props.set_string_value("username", username);
+  props.set_string_value("password", zelcore::string_hash_SHA1_hex(password));
+  if (!storages.empty()) props.set_properties_value("storages", zelcore::properties(storages));
+  if (!id.empty()) props.set_string_value("id", id);
+  if (!io_port.empty()) props.set_string_value("io-port", io_port);
+  props.set_bool_value("broadcasts", broadcasts);
+  return login_sync(request, timeout);
+}
+
+const packet& connection::login_sync(const std::string& username, const std::string& password,
+                                     const std::string& id, const std::string& io_port,
+                                     unsigned timeout, bool broadcasts) {
+  return login_sync(username, password, std::map<std::string, std::string>(), id, io_port, timeout,
+                    broadcasts);
+}
+
+const packet& connection::admin_login_sync(const std::string& username, const std::string& password,
+                                           unsigned timeout) {
+  if (!link_) report_and_raise(__LINE__, 3, "no connection");
+  packet request(packet::type_request, "admin.login");
+  request.get_properties().set_string_value("username", username);
+  request.get_properties().set_string_value("password", zelcore::string_hash_SHA1_hex(password));
+  if (!_send_and_wait(request, timeout)) report_and_raise(__LINE__, 4, "connection timeout");
+  if (sync_packet_.get_type() != packet::type_reply) {
+    report_and_raise(__LINE__, 4, "connection error");
+  }
+  return sync_packet_;
+}
+
+void connection::send(const packet& p) {
+  send_no_wait(p);
+  wait(1);
+}
+
+void connection::send_no_wait(const packet& p) {
+  if (!link_) report_and_raise(__LINE__, 3, "No connection");
+  link_->set_waiting_sync_reply(false);
+  link_->send(p);
+}
+
+const packet& connection::send_sync(const packet& p, unsigned timeout) {
+  if (!link_) report_and_raise(__LINE__, 3, "No connection");
+  if (!_send_and_wait(p, timeout)) report_and_raise(__LINE__, 4, "Connection timeout");
+  if (sync_packet_.get_type() == packet::type_reply) return sync_packet_;
+  report_and_raise(__LINE__, 4, "Connection error");
+}
+
+const packet& connection::send_sync(const packet& p) { return send_sync(p, timeout_); }
+
+const packet& connection::get_sync_packet() const { return sync_packet_; }
+
+void connection::set_sync_packet(const packet& p) { sync_packet_ = p; }
+
+const packet& connection::get_cluster_status() {
+  packet request(packet::type_request, "cluster.client.cluster-status");
+  request.get_properties().set_int_value("interface-version", interface_version);
+  return login_sync(request, timeout_);
+}
+
+}  // namespace zelcapi

@@ -1,0 +1,36 @@
+// The live link of a connection: a client link that hands the awaited reply to the
+// connection's sync slot and every other packet to the handler.
+#pragma once
+
+#include <cstdint>
+
+#include "zelcapi/connection.h"
+#include "zelnet/link.h"
+
+namespace zelcapi {
+
+class connection_impl final : public zelnet::zelp::client_link {
+ public:
+  connection_impl(connection& owner, handler* h);
+  ~connection_impl() override;
+
+  void set_handler(handler* h) noexcept { handler_ = h; }
+  bool is_waiting_sync_reply() const noexcept { return waiting_sync_reply_; }
+  void set_waiting_sync_reply(bool waiting) noexcept { waiting_sync_reply_ = waiting; }
+  bool has_version_mismatch() const noexcept { return version_mismatch_; }
+  std::uint32_t get_server_version() const noexcept { return server_version_; }
+
+ protected:
+  bool packet_received(const zelnet::zelp::packet& in, zelnet::zelp::packet& out) override;
+  void version_mismatch(std::uint32_t client_version, std::uint32_t server_version) override;
+  void link_established() override;
+
+ private:
+  connection* owner_;
+  handler* handler_;
+  bool waiting_sync_reply_ = false;
+  bool version_mismatch_ = false;
+  std::uint32_t server_version_ = 0;
+};
+
+}  // namespace zelcapi

@@ -1,0 +1,123 @@
+// Links carry zelp packets over a watched socket: link moves bytes through the frame codec,
+// client_link and server_link add the two sides of the hello handshake. All calls happen on
+// the thread inside the controller's wait() or run(); send() may also be called between them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "zelbase/encoder_network.h"
+#include "zelbase/file.h"
+#include "zelnet/codec.h"
+#include "zelnet/export.h"
+#include "zelnet/ioctrl.h"
+#include "zelnet/packet.h"
+
+namespace zelnet::zelp {
+
+class ZELNET_EXPORT link : public ioctrl::hdlr {
+ public:
+  // `frame_limit` bounds the payload of each received frame.
+  explicit link(ioctrl& controller, std::size_t frame_limit = default_frame_limit);
+  ~link() override;
+
+  void set_file(const zelbase::file& f) noexcept { file_ = f; }
+  void set_host(const std::string& host) { host_ = host; }
+  const zelbase::file& get_file() const noexcept { return file_; }
+  const std::string& get_host() const noexcept { return host_; }
+  ioctrl& get_controller() const noexcept { return controller_; }
+  bool is_established() const noexcept { return established_; }
+  // Why the link dropped itself (a protocol or socket error); empty while nothing failed and
+  // when the peer closed cleanly between frames.
+  const std::string& failure() const noexcept { return failure_; }
+
+  // Queues the opening bytes (attach(encoder)) and starts writing.
+  bool attach(zelbase::file& f, unsigned flags, ioctrl& c) override;
+  bool readable(zelbase::file& f, unsigned flags, ioctrl& c) override;
+  // Cuts the bytes into frames: handshake frames go to handle(), packets to packet_received();
+  // a reply that packet_received leaves in `out` (a non-empty name) is sent back.
+  bool read(zelbase::file& f, unsigned flags, const char* buffer, std::size_t size,
+            ioctrl& c) override;
+  bool wants_write() const override;
+  bool write(zelbase::file& f, ioctrl& c) override;
+
+  // Queues `p` and writes at once what the socket takes; the rest goes out inside wait() or
+  // run(). Raises es::arg when the packet does not fit in a frame.
+  virtual void send(const packet& p);
+  // Queues bytes as they are (fault injection and tests).
+  void send_raw(const std::string& bytes);
+  // Drops the link once the queued bytes are written.
+  void close_after_flush() noexcept { closing_ = true; }
+
+ protected:
+  // Writes the bytes that open the link into `out`; returns their number.
+  virtual std::size_t attach(zelbase::encoder_network& out) = 0;
+  // A packet arrived after the handshake; `out` may be filled with a reply.
+  virtual bool packet_received(const packet& in, packet& out) = 0;
+  // A frame arrived during the handshake; writes any answer into `out` and returns its size.
+  // Calls established() or fail() when the handshake ends.
+  virtual std::size_t handle(std::string_view frame, zelbase::encoder_network& out) = 0;
+
+  void established() noexcept { established_ = true; }
+  void fail(const std::string& reason);
+
+ private:
+  // Writes queued bytes until the socket would block; false on a socket error or when a
+  // requested close is due.
+  bool flush();
+
+  ioctrl& controller_;
+  zelbase::file file_;
+  std::string host_;
+  frame_decoder decoder_;
+  std::string out_;
+  std::size_t out_pos_ = 0;
+  bool attached_ = false;
+  bool established_ = false;
+  bool closing_ = false;
+  std::string failure_;
+};
+
+// The connecting side: sends its hello first and checks the server's.
+class ZELNET_EXPORT client_link : public link {
+ public:
+  explicit client_link(ioctrl& controller, std::uint32_t version = protocol_version,
+                       std::size_t frame_limit = default_frame_limit);
+  ~client_link() override;
+
+ protected:
+  std::size_t attach(zelbase::encoder_network& out) override;
+  std::size_t handle(std::string_view frame, zelbase::encoder_network& out) override;
+  // The server answered with another version; the link drops itself afterwards.
+  virtual void version_mismatch(std::uint32_t client_version, std::uint32_t server_version);
+  // The server accepted the version; packets flow from now on.
+  virtual void link_established();
+
+ private:
+  std::uint32_t version_;
+};
+
+// The accepting side: answers the client's hello with its own version, and closes after the
+// answer when the versions differ.
+class ZELNET_EXPORT server_link : public link {
+ public:
+  explicit server_link(ioctrl& controller, std::uint32_t version = protocol_version,
+                       std::size_t frame_limit = default_frame_limit);
+  ~server_link() override;
+
+  // The version that the next hello is answered with.
+  void set_version(std::uint32_t version) noexcept { version_ = version; }
+  std::uint32_t client_version() const noexcept { return client_version_; }
+
+ protected:
+  std::size_t attach(zelbase::encoder_network& out) override;
+  std::size_t handle(std::string_view frame, zelbase::encoder_network& out) override;
+
+ private:
+  std::uint32_t version_;
+  std::uint32_t client_version_ = 0;
+};
+
+}  // namespace zelnet::zelp

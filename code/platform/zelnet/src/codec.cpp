@@ -1,0 +1,185 @@
+// The zelp wire codec. Payloads are MessagePack written by zelcore's encoder and read by
+// zelcore's decoder, so packets carry property trees exactly as the tree encodes them.
+#include "zelnet/codec.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "zelbase/encoder_network.h"
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+
+namespace zelnet::zelp {
+
+namespace {
+
+constexpr const char* source_file = "code\\platform\\zelnet\\src\\codec";
+constexpr std::string_view hello_magic = "zelp";
+
+[[noreturn]] void raise_packet(const std::string& reason) {
+  zelbase::es::arg::raise(source_file, __LINE__, "invalid packet: " + reason);
+}
+
+[[noreturn]] void raise_hello(const std::string& reason) {
+  zelbase::es::arg::raise(source_file, __LINE__, "invalid hello: " + reason);
+}
+
+// Starts a frame: room for the length, filled in by finish_frame.
+void start_frame(zelbase::encoder_network& out) { out.write("\0\0\0\0", frame_header_size); }
+
+std::string finish_frame(zelbase::encoder_network& out) {
+  std::string frame = out.take();
+  const std::size_t payload = frame.size() - frame_header_size;
+  if (payload > std::numeric_limits<std::uint32_t>::max()) {
+    zelbase::es::arg::raise(
+        source_file, __LINE__,
+        zelbase::string_with_format("a payload of %zu bytes does not fit in a frame", payload));
+  }
+  for (std::size_t i = 0; i < frame_header_size; ++i) {
+    frame[i] = static_cast<char>((payload >> (8 * (frame_header_size - 1 - i))) & 0xff);
+  }
+  return frame;
+}
+
+std::uint32_t read_length(const char* p) {
+  const auto* b = reinterpret_cast<const unsigned char*>(p);
+  return (std::uint32_t{b[0]} << 24) | (std::uint32_t{b[1]} << 16) | (std::uint32_t{b[2]} << 8) |
+         std::uint32_t{b[3]};
+}
+
+// The elements of a decoded array; raises through `fail` for anything else.
+template <class Fail>
+const zelcore::property_list::list_type& array_of(const zelcore::property_ptr& value,
+                                                  std::size_t count, Fail fail) {
+  if (value->kind() != zelcore::property::kind_list) {
+    fail(zelbase::string_with_format("expected an array of %zu elements, got a %s", count,
+                                     zelcore::property_kind_c_str(value->kind())));
+  }
+  const auto& items = static_cast<const zelcore::property_list&>(*value).value();
+  if (items.size() != count) {
+    fail(zelbase::string_with_format("expected an array of %zu elements, got %zu", count,
+                                     items.size()));
+  }
+  return items;
+}
+
+}  // namespace
+
+std::string encode_hello_frame(std::uint32_t version) {
+  zelbase::encoder_network out;
+  start_frame(out);
+  out.pack_array(2);
+  out.pack_string(hello_magic);
+  out.pack_int(version);
+  return finish_frame(out);
+}
+
+std::uint32_t decode_hello(const char* data, std::size_t size) {
+  zelcore::property_ptr value;
+  try {
+    value = zelcore::decode_property(data, size, 2);
+  } catch (const zelbase::es::base& e) {
+    raise_hello(e.message());
+  }
+  const auto& items = array_of(value, 2, raise_hello);
+  const zelcore::property& magic = *items.front();
+  const zelcore::property& version = *items.back();
+  if (magic.kind() != zelcore::property::kind_string ||
+      static_cast<const zelcore::property_string&>(magic).value() != hello_magic) {
+    raise_hello("the first element is not \"zelp\"");
+  }
+  if (version.kind() != zelcore::property::kind_int) raise_hello("the version is not an int");
+  const std::int64_t v = static_cast<const zelcore::property_int&>(version).value();
+  if (v < 0 || v > std::numeric_limits<std::uint32_t>::max()) {
+    raise_hello(
+        zelbase::string_with_format("version %lld is out of range", static_cast<long long>(v)));
+  }
+  return static_cast<std::uint32_t>(v);
+}
+
+std::string encode_packet_frame(const packet& p) {
+  zelbase::encoder_network out;
+  start_frame(out);
+  out.pack_array(3);
+  out.pack_int(p.get_type());
+  out.pack_string(p.get_name());
+  p.get_properties().encode(out);
+  return finish_frame(out);
+}
+
+packet decode_packet(const char* data, std::size_t size) {
+  zelcore::property_ptr value;
+  try {
+    value = zelcore::decode_property(data, size);
+  } catch (const zelbase::es::base& e) {
+    raise_packet(e.message());
+  }
+  const auto& items = array_of(value, 3, raise_packet);
+  auto item = items.begin();
+  const zelcore::property& type = **item++;
+  const zelcore::property& name = **item++;
+  const zelcore::property& props = **item;
+  if (type.kind() != zelcore::property::kind_int) {
+    raise_packet(std::string("the type is a ") + zelcore::property_kind_c_str(type.kind()) +
+                 ", not an int");
+  }
+  const std::int64_t t = static_cast<const zelcore::property_int&>(type).value();
+  if (t < 0 || t > 255) {
+    raise_packet(
+        zelbase::string_with_format("type %lld is out of range 0..255", static_cast<long long>(t)));
+  }
+  if (name.kind() != zelcore::property::kind_string) {
+    raise_packet(std::string("the name is a ") + zelcore::property_kind_c_str(name.kind()) +
+                 ", not a string");
+  }
+  if (props.kind() != zelcore::property::kind_properties) {
+    raise_packet(std::string("the properties are a ") + zelcore::property_kind_c_str(props.kind()) +
+                 ", not a map");
+  }
+  return packet(static_cast<std::int32_t>(t),
+                static_cast<const zelcore::property_string&>(name).value(),
+                static_cast<const zelcore::properties&>(props));
+}
+
+void frame_decoder::feed(const char* data, std::size_t size) {
+  if (pos_ == buffer_.size()) {
+    buffer_.clear();
+    pos_ = 0;
+  } else if (pos_ > 0 && pos_ >= buffer_.size() / 2) {
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(pos_));
+    pos_ = 0;
+  }
+  const std::size_t need = buffer_.size() + size;
+  if (need > buffer_.capacity()) {
+    // Grow geometrically, but never more than one feed past the end of the frame in progress,
+    // so that a frame at the limit costs the limit and not twice it.
+    std::size_t grow = std::max(need, 2 * buffer_.capacity());
+    const std::size_t frame = expected();
+    if (frame != 0) grow = std::min(grow, std::max(need, pos_ + frame) + size);
+    buffer_.reserve(grow);
+  }
+  buffer_.insert(buffer_.end(), data, data + size);
+}
+
+std::size_t frame_decoder::expected() const noexcept {
+  if (buffered() < frame_header_size) return 0;
+  return frame_header_size + read_length(buffer_.data() + pos_);
+}
+
+bool frame_decoder::next(std::string_view& payload) {
+  if (buffered() < frame_header_size) return false;
+  const std::uint32_t length = read_length(buffer_.data() + pos_);
+  if (length > limit_) {
+    zelbase::es::arg::raise(
+        source_file, __LINE__,
+        zelbase::string_with_format("frame of %u bytes exceeds the limit of %zu bytes", length,
+                                    limit_));
+  }
+  if (buffered() - frame_header_size < length) return false;
+  payload = std::string_view(buffer_.data() + pos_ + frame_header_size, length);
+  pos_ += frame_header_size + length;
+  return true;
+}
+
+}  // namespace zelnet::zelp

@@ -1,0 +1,206 @@
+// The poll(2)-based I/O controller.
+#include "zelnet/ioctrl.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+
+namespace zelnet {
+
+namespace {
+
+constexpr int run_tick_ms = 100;
+
+// Marks a handler call in progress, so that retired handlers outlive it.
+class depth_guard {
+ public:
+  explicit depth_guard(unsigned& depth) : depth_(depth) { ++depth_; }
+  ~depth_guard() { --depth_; }
+  depth_guard(const depth_guard&) = delete;
+  depth_guard& operator=(const depth_guard&) = delete;
+
+ private:
+  unsigned& depth_;
+};
+
+}  // namespace
+
+ioctrl::hdlr::~hdlr() = default;
+
+bool ioctrl::hdlr::attach(zelbase::file&, unsigned, ioctrl&) { return true; }
+
+void ioctrl::hdlr::dismiss(zelbase::file&, unsigned, bool, ioctrl&) {}
+
+bool ioctrl::hdlr::read(zelbase::file&, unsigned, const char*, std::size_t size, ioctrl&) {
+  return size != 0;
+}
+
+bool ioctrl::hdlr::wants_write() const { return false; }
+
+bool ioctrl::hdlr::write(zelbase::file&, ioctrl&) { return true; }
+
+ioctrl::ioctrl(unsigned capacity) : buffer_(capacity == 0 ? 1 : capacity) {}
+
+ioctrl::~ioctrl() {
+  // Handlers may already be gone with a derived class; only the descriptors are left to free.
+  for (auto& [fd, e] : entries_) e.file.close();
+}
+
+bool ioctrl::insert(zelbase::file& f, hdlr& h, unsigned flags) {
+  if (!f.is_open() || entries_.count(f.descriptor()) != 0) return false;
+  entries_.emplace(f.descriptor(), entry{f, &h, flags, false, next_id_++});
+  const int on = 1;
+  // Requests are small and latency-bound; both options are ignored by non-TCP files.
+  setsockopt(f.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (keep_alive()) setsockopt(f.descriptor(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  return true;
+}
+
+void ioctrl::erase(zelbase::file& f, hdlr& h, unsigned flags) {
+  h.dismiss(f, flags, true, *this);
+  f.close();
+}
+
+bool ioctrl::insert_listener(zelbase::file& f, hdlr& h, unsigned flags) {
+  if (!f.is_open() || entries_.count(f.descriptor()) != 0) return false;
+  entries_.emplace(f.descriptor(), entry{f, &h, flags, true, next_id_++});
+  return true;
+}
+
+void ioctrl::erase_listener(zelbase::file& f, hdlr& h, unsigned flags) { erase(f, h, flags); }
+
+bool ioctrl::timeout(unsigned) { return true; }
+
+bool ioctrl::keep_alive() { return true; }
+
+void ioctrl::run(const volatile bool& stop) {
+  while (!stop) {
+    // An abort (a sync reply taken while running) ends waits only, not the run.
+    aborted_ = false;
+    if (poll_once(run_tick_ms) == 0 && !timeout(run_tick_ms)) return;
+  }
+}
+
+bool ioctrl::watch(zelbase::file& f, hdlr& h, unsigned flags, bool attach, bool nonblocking) {
+  if (nonblocking && f.is_open()) {
+    const int current = fcntl(f.descriptor(), F_GETFL);
+    if (current < 0 || fcntl(f.descriptor(), F_SETFL, current | O_NONBLOCK) < 0) return false;
+  }
+  if (!insert(f, h, flags)) return false;
+  if (attach) {
+    depth_guard guard(depth_);
+    if (!h.attach(f, flags, *this)) {
+      entries_.erase(f.descriptor());
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ioctrl::wait(unsigned ms) {
+  using clock = std::chrono::steady_clock;
+  const clock::time_point deadline = clock::now() + std::chrono::milliseconds(ms);
+  aborted_ = false;
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now()).count();
+    poll_once(left > 0 ? static_cast<int>(left) : 0);
+    if (aborted_) {
+      aborted_ = false;
+      return true;
+    }
+    if (clock::now() >= deadline) return false;
+  }
+}
+
+void ioctrl::clear() {
+  {
+    depth_guard guard(depth_);
+    while (!entries_.empty()) drop(entries_.begin()->first, entries_.begin()->second.id);
+  }
+  sweep();
+}
+
+void ioctrl::forget(const zelbase::file& f) {
+  const auto it = entries_.find(f.descriptor());
+  if (it == entries_.end()) return;
+  {
+    depth_guard guard(depth_);
+    drop(it->first, it->second.id);
+  }
+  sweep();
+}
+
+bool ioctrl::watches(const zelbase::file& f, const hdlr& h) const {
+  const auto it = entries_.find(f.descriptor());
+  return it != entries_.end() && it->second.handler == &h;
+}
+
+void ioctrl::retire(std::unique_ptr<hdlr> h) {
+  if (depth_ > 0) {
+    retired_.push_back(std::move(h));
+  } else {
+    h.reset();
+  }
+}
+
+int ioctrl::poll_once(int ms) {
+  std::vector<pollfd> fds;
+  std::vector<std::uint64_t> ids;
+  fds.reserve(entries_.size());
+  ids.reserve(entries_.size());
+  for (const auto& [fd, e] : entries_) {
+    short events = POLLIN;
+    if (!e.listener && e.handler->wants_write()) events |= POLLOUT;
+    fds.push_back(pollfd{fd, events, 0});
+    ids.push_back(e.id);
+  }
+  const int ready = ::poll(fds.data(), fds.size(), ms);
+  if (ready <= 0) return 0;
+  {
+    depth_guard guard(depth_);
+    for (std::size_t i = 0; i < fds.size() && !aborted_; ++i) {
+      if (fds[i].revents != 0) dispatch(fds[i].fd, ids[i], fds[i].revents);
+    }
+  }
+  sweep();
+  return ready;
+}
+
+void ioctrl::dispatch(int fd, std::uint64_t id, short events) {
+  auto it = entries_.find(fd);
+  if (it == entries_.end() || it->second.id != id) return;
+  entry e = it->second;
+  if ((events & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0 &&
+      !e.handler->readable(e.file, e.flags, *this)) {
+    drop(fd, id);
+    return;
+  }
+  it = entries_.find(fd);
+  if ((events & POLLOUT) != 0 && it != entries_.end() && it->second.id == id &&
+      !e.handler->write(e.file, *this)) {
+    drop(fd, id);
+  }
+}
+
+void ioctrl::drop(int fd, std::uint64_t id) {
+  const auto it = entries_.find(fd);
+  if (it == entries_.end() || it->second.id != id) return;
+  entry e = it->second;
+  entries_.erase(it);
+  if (e.listener) {
+    erase_listener(e.file, *e.handler, e.flags);
+  } else {
+    erase(e.file, *e.handler, e.flags);
+  }
+}
+
+void ioctrl::sweep() noexcept {
+  if (depth_ == 0) retired_.clear();
+}
+
+}  // namespace zelnet

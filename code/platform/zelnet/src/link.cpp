@@ -1,0 +1,172 @@
+// Links: framing over a socket, the send queue and the hello handshake.
+#include "zelnet/link.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
+
+namespace zelnet::zelp {
+
+link::link(ioctrl& controller, std::size_t frame_limit)
+    : controller_(controller), decoder_(frame_limit) {}
+
+link::~link() = default;
+
+void link::fail(const std::string& reason) {
+  if (failure_.empty()) failure_ = reason;
+}
+
+bool link::attach(zelbase::file& f, unsigned, ioctrl&) {
+  file_ = f;
+  attached_ = true;
+  zelbase::encoder_network opening;
+  attach(opening);
+  out_.append(opening.data(), opening.size());
+  // A socket error here (a refused connect) is kept in failure() and ends the link at the
+  // controller's next poll, where the caller waits for it.
+  flush();
+  return true;
+}
+
+bool link::readable(zelbase::file& f, unsigned flags, ioctrl& c) {
+  for (;;) {
+    const ssize_t n = ::recv(f.descriptor(), c.buffer(), c.capacity(), 0);
+    if (n >= 0) return read(f, flags, c.buffer(), static_cast<std::size_t>(n), c);
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+    fail(zelbase::string_with_format("cannot receive: %s", std::strerror(errno)));
+    return false;
+  }
+}
+
+bool link::read(zelbase::file& f, unsigned, const char* buffer, std::size_t size, ioctrl& c) {
+  if (size == 0) {
+    if (decoder_.buffered() > 0) {
+      fail(zelbase::string_with_format(
+          "the peer closed the connection in the middle of a frame (%zu of %zu bytes received)",
+          decoder_.buffered(), decoder_.expected() == 0 ? frame_header_size : decoder_.expected()));
+    } else if (!established_) {
+      fail("the peer closed the connection during the handshake");
+    }
+    return false;
+  }
+  decoder_.feed(buffer, size);
+  while (!closing_) {
+    std::string_view frame;
+    packet in;
+    try {
+      if (!decoder_.next(frame)) break;
+      if (!established_) {
+        zelbase::encoder_network answer;
+        handle(frame, answer);
+        out_.append(answer.data(), answer.size());
+        if (!failure_.empty()) return false;
+        continue;
+      }
+      in = decode_packet(frame.data(), frame.size());
+    } catch (const zelbase::es::base& e) {
+      fail(e.message());
+      return false;
+    }
+    packet out;
+    packet_received(in, out);
+    // The callback may have dropped this link (a disconnect from a handler).
+    if (!c.watches(f, *this)) return true;
+    if (!out.get_name().empty()) send(out);
+  }
+  return flush();
+}
+
+bool link::wants_write() const { return out_pos_ < out_.size() || closing_ || !failure_.empty(); }
+
+bool link::write(zelbase::file&, ioctrl&) { return flush(); }
+
+bool link::flush() {
+  if (!failure_.empty()) return false;
+  while (out_pos_ < out_.size()) {
+    const ssize_t n =
+        ::send(file_.descriptor(), out_.data() + out_pos_, out_.size() - out_pos_, MSG_NOSIGNAL);
+    if (n > 0) {
+      out_pos_ += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTCONN)) {
+      return true;
+    } else {
+      fail(zelbase::string_with_format("cannot send: %s", std::strerror(errno)));
+      return false;
+    }
+  }
+  out_.clear();
+  out_pos_ = 0;
+  return !closing_;
+}
+
+void link::send(const packet& p) {
+  const std::string frame = encode_packet_frame(p);
+  send_raw(frame);
+}
+
+void link::send_raw(const std::string& bytes) {
+  if (out_pos_ == out_.size()) {
+    out_.clear();
+    out_pos_ = 0;
+  }
+  out_.append(bytes);
+  // A failed write is kept in failure(); the controller drops the link at its next poll.
+  if (attached_ && established_) flush();
+}
+
+client_link::client_link(ioctrl& controller, std::uint32_t version, std::size_t frame_limit)
+    : link(controller, frame_limit), version_(version) {}
+
+client_link::~client_link() = default;
+
+std::size_t client_link::attach(zelbase::encoder_network& out) {
+  const std::string hello = encode_hello_frame(version_);
+  out.write(hello.data(), hello.size());
+  return hello.size();
+}
+
+std::size_t client_link::handle(std::string_view frame, zelbase::encoder_network&) {
+  const std::uint32_t server_version = decode_hello(frame.data(), frame.size());
+  if (server_version == version_) {
+    established();
+    link_established();
+  } else {
+    version_mismatch(version_, server_version);
+    fail(zelbase::string_with_format(
+        "protocol version mismatch: the server speaks version %u, this client version %u",
+        server_version, version_));
+  }
+  return 0;
+}
+
+void client_link::version_mismatch(std::uint32_t, std::uint32_t) {}
+
+void client_link::link_established() {}
+
+server_link::server_link(ioctrl& controller, std::uint32_t version, std::size_t frame_limit)
+    : link(controller, frame_limit), version_(version) {}
+
+server_link::~server_link() = default;
+
+std::size_t server_link::attach(zelbase::encoder_network&) { return 0; }
+
+std::size_t server_link::handle(std::string_view frame, zelbase::encoder_network& out) {
+  client_version_ = decode_hello(frame.data(), frame.size());
+  const std::string hello = encode_hello_frame(version_);
+  out.write(hello.data(), hello.size());
+  if (client_version_ == version_) {
+    established();
+  } else {
+    close_after_flush();
+  }
+  return hello.size();
+}
+
+}  // namespace zelnet::zelp

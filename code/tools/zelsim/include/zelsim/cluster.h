@@ -1,0 +1,107 @@
+// zelsim: a simulated cluster of nodes on loopback, for tests, demos and development without
+// a cluster. Each node listens on its own port and answers the client requests through a
+// registry of request handlers (one per packet name), which later features extend; a
+// fault-injection API makes nodes not ready, stalled, version-refusing, closing or garbling.
+//
+// Threads: the nodes run on one thread of their own, started by start(). Every public
+// operation may be called from any thread; the ones that touch nodes run on that thread and
+// return once done. Request handlers run on that thread.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zelnet/packet.h"
+#include "zelsim/export.h"
+
+namespace zelsim {
+
+struct options {
+  std::size_t nodes = 3;
+  // The master's node number, 1 to nodes.
+  std::size_t master = 1;
+  // The first node's port, the others follow it; 0 gives every node a free port.
+  std::uint16_t port = 0;
+  std::string host = "127.0.0.1";
+  // Accounts: name -> clear password (the nodes compare SHA-1 hex digests).
+  std::map<std::string, std::string> users;
+  std::map<std::string, std::string> admins;
+  // One line per event on stderr.
+  bool log = true;
+};
+
+// Reads "user NAME PASSWORD" and "admin NAME PASSWORD" lines ('#' starts a comment) into
+// `o`; raises es::arg naming the file and line for anything else.
+ZELSIM_EXPORT void read_accounts_file(const std::string& path, options& o);
+
+class cluster;
+
+// Where a request came from.
+struct request_context {
+  cluster& sim;
+  std::size_t node;  // node number, 1 to nodes
+};
+
+// Answers one request: fills `reply` (already a reply of the request's name, carrying the
+// request's bounce tree) and returns true to send it, false to send nothing.
+using request_handler = std::function<bool(
+    request_context& context, const zelnet::zelp::packet& request, zelnet::zelp::packet& reply)>;
+
+class ZELSIM_EXPORT cluster {
+ public:
+  explicit cluster(options o);
+  // Stops the nodes if they still run.
+  ~cluster();
+  cluster(const cluster&) = delete;
+  cluster& operator=(const cluster&) = delete;
+
+  // Binds every node and starts the nodes' thread; raises es::uspec when a port is taken.
+  void start();
+  // Closes every link and listener and joins the thread.
+  void stop();
+
+  std::size_t node_count() const;
+  // Node numbers run from 1 to node_count().
+  std::uint16_t port(std::size_t node) const;
+  std::string node_id(std::size_t node) const;
+  const std::string& host() const;
+  std::size_t master() const;
+  // Live links of a node (established or not).
+  std::size_t link_count(std::size_t node);
+
+  // Installs (or replaces) the handler of requests named `name`.
+  void on(const std::string& name, request_handler h);
+  // Sends `p` on every established link of every node.
+  void broadcast(const zelnet::zelp::packet& p);
+
+  // Faults and cluster events.
+  // The master moves to `node`; connected clients keep their links.
+  void set_master(std::size_t node);
+  // The node answers logins and status requests with "error" and "api" = 12 for `duration`.
+  void set_not_ready(std::size_t node, std::chrono::milliseconds duration);
+  // The node answers the hello of new links with `version` (closing them if it differs).
+  void set_protocol_version(std::size_t node, std::uint32_t version);
+  // A stalled node accepts links but reads and answers nothing, not even the hello.
+  void set_stalled(std::size_t node, bool stalled);
+  // Host lists leave the master out.
+  void set_master_missing_from_host_list(bool missing);
+  // Closes every link of the node.
+  void close_links(std::size_t node);
+  // Writes `bytes` as they are on every established link of the node, then closes those links
+  // when `then_close`.
+  void send_raw(std::size_t node, const std::string& bytes, bool then_close);
+  // The node stops listening and closes its links, as a dead node.
+  void stop_node(std::size_t node);
+
+ private:
+  struct impl;
+  std::unique_ptr<impl> impl_;
+};
+
+}  // namespace zelsim

@@ -1,0 +1,66 @@
+// Shared pieces of the connection tests: a handler that records every call as text, and a
+// simulated cluster started on free loopback ports for the duration of a test.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "zelcapi/connection.h"
+#include "zelsim/cluster.h"
+
+namespace zeltest {
+
+// Records "status <code> '<text>' <flag>", "disconnected '<reason>' <flag>" and
+// "handle <type> <name>" lines; status answers come from `answer` (default true).
+class recording_handler : public zelcapi::handler {
+ public:
+  bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
+    events.push_back("status " + std::to_string(code) + " '" + text + "' " + (flag ? "1" : "0"));
+    return answer ? answer(code) : true;
+  }
+  void disconnected(const std::string& reason, bool reconnecting) override {
+    events.push_back("disconnected '" + reason + "' " + (reconnecting ? "1" : "0"));
+  }
+  bool handle(const zelnet::zelp::packet& in, zelnet::zelp::packet& out) override {
+    events.push_back("handle " + std::to_string(in.get_type()) + " " + in.get_name());
+    received.push_back(in);
+    if (on_packet) on_packet(in, out);
+    return true;
+  }
+
+  std::vector<std::string> events;
+  std::vector<zelnet::zelp::packet> received;
+  std::function<bool(zelcapi::result_code)> answer;
+  std::function<void(const zelnet::zelp::packet&, zelnet::zelp::packet&)> on_packet;
+};
+
+// Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".
+inline zelsim::options test_cluster_options(std::size_t nodes, std::size_t master) {
+  zelsim::options o;
+  o.nodes = nodes;
+  o.master = master;
+  o.users = {{"alice", "secret"}, {"nopass", ""}};
+  o.admins = {{"root", "toor"}};
+  o.log = false;
+  return o;
+}
+
+// A started test cluster.
+class test_cluster : public zelsim::cluster {
+ public:
+  explicit test_cluster(std::size_t nodes = 3, std::size_t master = 1)
+      : cluster(test_cluster_options(nodes, master)) {
+    start();
+  }
+  std::string port_text(std::size_t node) const { return std::to_string(port(node)); }
+  // Requests named `name` close every link of the node that receives them, unanswered.
+  void drop_links_on(const std::string& name) {
+    on(name, [](zelsim::request_context& r, const zelnet::zelp::packet&, zelnet::zelp::packet&) {
+      r.sim.close_links(r.node);
+      return false;
+    });
+  }
+};
+
+}  // namespace zeltest

@@ -1,0 +1,157 @@
+// Links and the I/O controller over real loopback sockets, against a raw peer that writes and
+// reads bytes exactly as the test says.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "support/raw_peer.h"
+#include "zelnet/link.h"
+
+namespace {
+
+using namespace zelnet::zelp;
+using zeltest::raw_peer;
+using zeltest::read_exactly;
+using zeltest::write_all;
+
+// The server half of the handshake on a raw socket.
+void accept_hello(int fd) {
+  read_exactly(fd, encode_hello_frame(protocol_version).size());
+  write_all(fd, encode_hello_frame(protocol_version));
+}
+
+// A client link that keeps what it receives and ends the wait after `expected` packets.
+class collecting_link : public client_link {
+ public:
+  collecting_link(zelnet::ioctrl& c, std::size_t expected) : client_link(c), expected_(expected) {}
+  std::vector<packet> packets;
+  bool established_seen = false;
+
+ protected:
+  bool packet_received(const packet& in, packet&) override {
+    packets.push_back(in);
+    if (packets.size() == expected_) get_controller().abort();
+    return true;
+  }
+  void link_established() override {
+    established_seen = true;
+    get_controller().abort();
+  }
+
+ private:
+  std::size_t expected_;
+};
+
+// Connects `link` to the peer and completes the handshake.
+void connect_link(zelnet::ioctrl& c, collecting_link& link, const raw_peer& peer) {
+  zelnet::socket_connector connector;
+  ASSERT_TRUE(connector.create_connect("127.0.0.1", peer.port(), zelnet::socket_kind_tcp));
+  link.set_file(connector.get_file());
+  ASSERT_TRUE(c.watch(connector.get_file(), link, 0, true, true));
+  ASSERT_TRUE(c.wait(5000));
+  ASSERT_TRUE(link.established_seen);
+}
+
+packet numbered(int i, std::size_t text_size = 10) {
+  packet p(3, "n");
+  p.get_properties().set_int_value("i", i);
+  p.get_properties().set_string_value("t", std::string(text_size, 'a' + i % 26));
+  return p;
+}
+
+TEST(Link, PacketsWrittenOneByteAtATimeArriveWhole) {
+  raw_peer peer([](int fd) {
+    accept_hello(fd);
+    std::string stream;
+    for (int i = 0; i < 5; ++i) stream += encode_packet_frame(numbered(i));
+    for (char byte : stream) {
+      write_all(fd, std::string(1, byte));
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    read_exactly(fd, 1);
+  });
+  zelnet::ioctrl c(16000);
+  collecting_link link(c, 5);
+  connect_link(c, link, peer);
+  EXPECT_TRUE(c.wait(10000));
+  ASSERT_EQ(link.packets.size(), 5u);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(link.packets[i].get_properties().get_int_value("i"), i);
+  }
+  c.clear();
+}
+
+TEST(Link, ManyPacketsInOneWriteAndOnePacketOverManyReads) {
+  raw_peer peer([](int fd) {
+    accept_hello(fd);
+    std::string stream;
+    for (int i = 0; i < 300; ++i) stream += encode_packet_frame(numbered(i));
+    // Larger than the controller's read buffer: one packet spans many reads.
+    stream += encode_packet_frame(numbered(300, 100000));
+    write_all(fd, stream);
+    read_exactly(fd, 1);
+  });
+  zelnet::ioctrl c(16000);
+  collecting_link link(c, 301);
+  connect_link(c, link, peer);
+  EXPECT_TRUE(c.wait(10000));
+  ASSERT_EQ(link.packets.size(), 301u);
+  EXPECT_EQ(link.packets[299].get_properties().get_int_value("i"), 299);
+  EXPECT_EQ(link.packets[300].get_properties().get_string_value("t").size(), 100000u);
+  c.clear();
+}
+
+TEST(Link, LargeSendIsWrittenAcrossPartialWrites) {
+  const packet big = numbered(1, 8 << 20);
+  const std::string expected = encode_packet_frame(big);
+  std::string received;
+  {
+    raw_peer peer([&received, size = expected.size()](int fd) {
+      accept_hello(fd);
+      // Read slowly at first so that the sender meets a full socket buffer.
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      received = read_exactly(fd, size);
+    });
+    zelnet::ioctrl c(16000);
+    collecting_link link(c, 1);
+    connect_link(c, link, peer);
+    link.send(big);
+    EXPECT_TRUE(link.wants_write());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (link.wants_write() && std::chrono::steady_clock::now() < deadline) c.wait(10);
+    EXPECT_FALSE(link.wants_write());
+    c.clear();
+  }
+  EXPECT_TRUE(received == expected);
+}
+
+TEST(Ioctrl, WaitRunsOutWithoutAbortAndAbortEndsIt) {
+  zelnet::ioctrl c(16);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(c.wait(100));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+  // An abort outside a wait does not end the next one early.
+  c.abort();
+  EXPECT_FALSE(c.wait(1));
+}
+
+TEST(Ioctrl, WatchRefusesClosedAndDuplicateFiles) {
+  zelnet::ioctrl c(16);
+  collecting_link link(c, 1);
+  zelbase::file closed;
+  EXPECT_FALSE(c.watch(closed, link, 0, false, false));
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  zelbase::file read_end(fds[0]);
+  EXPECT_TRUE(c.watch(read_end, link, 0, false, true));
+  EXPECT_TRUE(c.watches(read_end, link));
+  EXPECT_FALSE(c.watch(read_end, link, 0, false, true));
+  c.forget(read_end);
+  EXPECT_FALSE(c.watches(read_end, link));
+  ::close(fds[1]);
+}
+
+}  // namespace

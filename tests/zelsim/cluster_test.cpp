@@ -1,0 +1,140 @@
+// The simulated cluster: nodes, accounts, the request registry and its replies.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "zelbase/exceptions.h"
+#include "zelcapi/connection.h"
+#include "zelcore/identifiers.h"
+#include "zelnet/socket.h"
+#include "zelsim/cluster.h"
+
+namespace {
+
+using zelnet::zelp::packet;
+
+zelsim::options quiet(std::size_t nodes, std::size_t master) {
+  zelsim::options o;
+  o.nodes = nodes;
+  o.master = master;
+  o.log = false;
+  o.users = {{"alice", "secret"}};
+  return o;
+}
+
+TEST(Cluster, NodesListenOnTheirOwnPortsAndNameEveryNode) {
+  zelsim::cluster sim(quiet(3, 2));
+  sim.start();
+  EXPECT_EQ(sim.node_count(), 3u);
+  EXPECT_EQ(sim.master(), 2u);
+  EXPECT_NE(sim.port(1), sim.port(2));
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(3)), 5), zelcapi::connection_ok);
+  const packet& reply = c.send_sync(packet(2, "cluster.client.cluster-status"), 5);
+  const zelcore::properties& props = reply.get_properties();
+  EXPECT_EQ(props.get_string_value("master-id"), "node-2");
+  EXPECT_EQ(props.get_string_value("node-id"), "node-3");
+  for (std::size_t n = 1; n <= 3; ++n) {
+    const zelcore::properties& entry =
+        props.get_properties_value("host-list").get_properties_value(sim.node_id(n));
+    EXPECT_EQ(entry.get_string_value("hostname"), "127.0.0.1");
+    EXPECT_EQ(entry.get_string_value("client-port"), std::to_string(sim.port(n)));
+  }
+  EXPECT_EQ(sim.link_count(3), 1u);
+  sim.stop();
+}
+
+TEST(Cluster, MasterChecksTheDigestAgainstItsUsers) {
+  zelsim::cluster sim(quiet(1, 1));
+  sim.start();
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  packet login(2, "cluster.client.login");
+  login.get_properties().set_string_value("username", "alice");
+  login.get_properties().set_string_value("password", zelcore::string_hash_SHA1_hex("secret"));
+  EXPECT_FALSE(c.send_sync(login, 5).get_properties().is_present("error"));
+  login.get_properties().set_string_value("password", "secret");
+  EXPECT_EQ(c.send_sync(login, 5).get_properties().get_string_value("error"), "Access denied");
+  login.get_properties().set_string_value("username", "mallory");
+  EXPECT_EQ(c.send_sync(login, 5).get_properties().get_string_value("error"), "No such user");
+}
+
+TEST(Cluster, UnknownRequestsGetAnErrorAndNotReadyGivesApi12) {
+  zelsim::cluster sim(quiet(1, 1));
+  sim.start();
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  EXPECT_EQ(c.send_sync(packet(2, "what"), 5).get_properties().get_string_value("error"),
+            "unknown request 'what'");
+  sim.set_not_ready(1, std::chrono::milliseconds(60000));
+  const packet& reply = c.send_sync(packet(2, "cluster.client.cluster-status"), 5);
+  EXPECT_EQ(reply.get_properties().get_int_value("api"), 12);
+  EXPECT_TRUE(reply.get_properties().is_present("error"));
+}
+
+TEST(Cluster, RegisteredHandlerAnswersAndFailingHandlerGivesAnError) {
+  zelsim::cluster sim(quiet(1, 1));
+  sim.start();
+  sim.on("double", [](zelsim::request_context&, const packet& in, packet& reply) {
+    reply.get_properties().set_int_value("n", 2 * in.get_properties().get_int_value("n"));
+    return true;
+  });
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  packet p(2, "double");
+  p.get_properties().set_int_value("n", 21);
+  EXPECT_EQ(c.send_sync(p, 5).get_properties().get_int_value("n"), 42);
+  p.get_properties().set_string_value("n", "text");
+  EXPECT_TRUE(c.send_sync(p, 5).get_properties().is_present("error"));
+}
+
+TEST(Cluster, AccountsFileIsRead) {
+  const std::string path = ::testing::TempDir() + "zelsim_accounts.txt";
+  {
+    std::ofstream out(path);
+    out << "# accounts\nuser alice secret\n\nadmin root toor  # the admin\n";
+  }
+  zelsim::options o;
+  zelsim::read_accounts_file(path, o);
+  EXPECT_EQ(o.users.at("alice"), "secret");
+  EXPECT_EQ(o.admins.at("root"), "toor");
+  {
+    std::ofstream out(path);
+    out << "user alice\n";
+  }
+  try {
+    zelsim::read_accounts_file(path, o);
+    ADD_FAILURE() << "nothing was raised";
+  } catch (const zelbase::es::arg& e) {
+    EXPECT_EQ(e.message(), path + ":1: expected 'user|admin NAME PASSWORD'");
+  }
+  std::remove(path.c_str());
+}
+
+TEST(Cluster, TakenPortRaisesAndReleasesWhatWasOpened) {
+  zelnet::socket_listener taken;
+  taken.listen("127.0.0.1", "0");
+  zelsim::options o = quiet(1, 1);
+  o.port = taken.port();
+  zelsim::cluster sim(o);
+  try {
+    sim.start();
+    ADD_FAILURE() << "nothing was raised";
+  } catch (const zelbase::es::uspec& e) {
+    EXPECT_EQ(e.message(), "cannot listen on '127.0.0.1:" + std::to_string(taken.port()) +
+                               "': Address already in use");
+  }
+  // The cluster stays usable once the port is free.
+  taken.close();
+  sim.start();
+  zelcapi::connection c;
+  EXPECT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+}
+
+TEST(Cluster, BadMasterNumberIsRefused) {
+  EXPECT_THROW(zelsim::cluster(quiet(3, 4)), zelbase::es::arg);
+  EXPECT_THROW(zelsim::cluster(quiet(3, 0)), zelbase::es::arg);
+}
+
+}  // namespace
