@@ -11,8 +11,10 @@ namespace zelcore::detail {
 namespace {
 
 constexpr std::size_t class_bytes = 16;
-constexpr std::size_t classes = 4;          // blocks of 16, 32, 48 and 64 bytes
-constexpr std::uint32_t max_cached = 4096;  // per class and thread; beyond, blocks go back
+constexpr std::size_t classes = 4;  // blocks of 16, 32, 48 and 64 bytes
+// Per class and thread, at most this many bytes wait for reuse (a whole decoded snapshot's
+// worth); beyond, blocks go back to the allocator.
+constexpr std::size_t max_cached_bytes = std::size_t{16} << 20;
 
 struct free_block {
   free_block* next;
@@ -67,7 +69,8 @@ void pool_free(void* p, std::size_t size) noexcept {
   if (!p) return;
   const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
   cache& c = local_cache;
-  if (index < classes && !c.closed && c.counts[index] < max_cached) {
+  if (index < classes && !c.closed &&
+      c.counts[index] < max_cached_bytes / ((index + 1) * class_bytes)) {
     // A thread may free blocks without ever allocating one: it too must return them at its end.
     if (!c.heads[index]) (void)&closer;
     auto* block = static_cast<free_block*>(p);
