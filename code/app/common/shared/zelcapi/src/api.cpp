@@ -273,6 +273,9 @@ const packet& connection::login_sync(const packet& request, unsigned timeout) {
     if (!reply.is_present("api") || reply.get_int_value("api") != api_not_ready) {
       return sync_packet_;
     }
+    // The retries have used up the time-out (an answer can beat even a wait of 0): one
+    // second less would wrap around to an endless one.
+    if (timeout == 0) timed_out(__LINE__);
     const std::string text = zelbase::string_with_format(
         "Host was not ready, retrying in %u seconds", not_ready_retry_seconds);
     report(__LINE__, 3, 4, text);
