@@ -110,11 +110,14 @@ TEST(Connection, PeerCloseReportsConnectionClosed) {
   recording_handler h;
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  zeltest::capture_sink sink;
   sim.close_links(1);
   EXPECT_TRUE(c.wait(5000));
   EXPECT_FALSE(c.is_connected());
   EXPECT_EQ(h.events,
             (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  // A clean close between frames is no failure of the link: no debug line.
+  EXPECT_TRUE(sink.prints().empty());
 }
 
 TEST(Connection, RefusedProtocolVersionGivesServerVersion) {
