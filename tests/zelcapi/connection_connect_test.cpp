@@ -2,6 +2,8 @@
 // peers, against a simulated cluster on loopback.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "support/capture_sink.h"
 #include "support/raw_peer.h"
 #include "zelbase/exceptions.h"
@@ -294,6 +296,37 @@ TEST(HostilePeer, PacketWithNumericNameDropsTheLink) {
 TEST(HostilePeer, PacketWithListPropertiesDropsTheLink) {
   expect_dropped_with(std::string("\x00\x00\x00\x05\x93\x03\xa1n\x90", 9), false,
                       "invalid packet: the properties are a list, not a map");
+}
+
+// A peer that answers the client's hello with `answer` (and then closes) fails the connect
+// quickly, without waiting for the time-out, and says why in a debug line.
+void expect_connect_refused(const std::string& answer, const std::string& reason) {
+  zeltest::raw_peer peer([&answer](int fd) {
+    zeltest::read_exactly(fd, zelnet::zelp::encode_hello_frame(2).size());
+    zeltest::write_all(fd, answer);
+  });
+  recording_handler h;
+  zelcapi::connection c(&h);
+  zeltest::capture_sink sink;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(c.connect("127.0.0.1", peer.port(), 5), zelcapi::connection_failed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+  EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(c.server_version(), 0u);
+  EXPECT_EQ(h.events,
+            (events{"status 16 '' 0", "disconnected 'Connection Closed' 0", "status 3 '' 0"}));
+  const auto prints = sink.prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].text, "link dropped: " + reason);
+}
+
+TEST(HostilePeer, PacketInsteadOfTheHelloFailsTheConnect) {
+  expect_connect_refused(zelnet::zelp::encode_packet_frame(zelnet::zelp::packet(4, "x")),
+                         "invalid hello: expected an array of 2 elements, got 3");
+}
+
+TEST(HostilePeer, CloseBeforeTheHelloFailsTheConnect) {
+  expect_connect_refused("", "the peer closed the connection during the handshake");
 }
 
 }  // namespace
