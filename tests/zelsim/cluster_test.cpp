@@ -1,5 +1,6 @@
 // The simulated cluster: nodes, accounts, the request registry and its replies.
 #include <gtest/gtest.h>
+
 #include <poll.h>
 #include <sys/socket.h>
 
