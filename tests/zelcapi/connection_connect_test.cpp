@@ -2,6 +2,8 @@
 // peers, against a simulated cluster on loopback.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "support/capture_sink.h"
 #include "support/raw_peer.h"
 #include "zelbase/exceptions.h"
@@ -87,16 +89,37 @@ TEST(Connection, DisconnectWithoutLinkOnlyLogs) {
             (std::vector<std::string>{"Disconnect. Reason: nothing. Reconnecting: TRUE"}));
 }
 
+TEST(Connection, DisconnectWithoutLinkStoresTheReasonForTheNextLinkEnd) {
+  test_cluster sim;
+  recording_handler h;
+  zelcapi::connection c(&h);
+  c.disconnect("nothing", true);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  sim.close_links(1);
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 15 '' 0", "disconnected 'nothing' 1"}));
+  // The erase reset them: the next link's end is the peer's again.
+  h.events.clear();
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  sim.close_links(1);
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_EQ(h.events,
+            (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+}
+
 TEST(Connection, PeerCloseReportsConnectionClosed) {
   test_cluster sim;
   recording_handler h;
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  zeltest::capture_sink sink;
   sim.close_links(1);
   EXPECT_TRUE(c.wait(5000));
   EXPECT_FALSE(c.is_connected());
   EXPECT_EQ(h.events,
             (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  // A clean close between frames is no failure of the link: no debug line.
+  EXPECT_TRUE(sink.prints().empty());
 }
 
 TEST(Connection, RefusedProtocolVersionGivesServerVersion) {
@@ -104,14 +127,21 @@ TEST(Connection, RefusedProtocolVersionGivesServerVersion) {
   sim.set_protocol_version(1, 3);
   recording_handler h;
   zelcapi::connection c(&h);
+  zeltest::capture_sink sink;
   EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::wrong_protocol_version);
   EXPECT_EQ(c.server_version(), 3u);
   EXPECT_FALSE(c.is_connected());
   EXPECT_EQ(h.events,
-            (events{"status 16 '' 0",
-                    "disconnected 'protocol version mismatch: the server speaks version 3, this "
-                    "client version 2' 0",
-                    "status 2 '' 0"}));
+            (events{"status 16 '' 0", "disconnected 'Connection Closed' 0", "status 2 '' 0"}));
+  const auto prints = sink.prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].category, "zelcapi::connection:error");
+  EXPECT_EQ(prints[0].text,
+            "link dropped: protocol version mismatch: the server speaks version 3, this client "
+            "version 2");
+  EXPECT_EQ(sink.messages(),
+            (std::vector<std::string>{
+                "Disconnect. Reason: connection closed while connecting. Reconnecting: FALSE"}));
   EXPECT_EQ(c.this_version(), 2u);
   // The next link starts afresh.
   sim.set_protocol_version(1, 2);
@@ -201,17 +231,22 @@ TEST(Connection, HandlerExceptionDuringConnectFailsTheConnect) {
 }
 
 // A hostile peer sends `bytes` on an established link (and closes when asked); the link must
-// drop with `reason` and the connection must connect again.
+// drop, saying `reason` in a debug line, and the connection must connect again.
 void expect_dropped_with(const std::string& bytes, bool then_close, const std::string& reason) {
   test_cluster sim;
   recording_handler h;
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  zeltest::capture_sink sink;
   sim.send_raw(1, bytes, then_close);
   EXPECT_TRUE(c.wait(5000));
   EXPECT_FALSE(c.is_connected());
   EXPECT_EQ(h.events,
-            (events{"status 1 '' 0", "status 16 '' 0", "disconnected '" + reason + "' 0"}));
+            (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  const auto prints = sink.prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].category, "zelcapi::connection:error");
+  EXPECT_EQ(prints[0].text, "link dropped: " + reason);
   EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
   zelnet::zelp::packet ping(2, "echo");
   ping.get_properties().set_int_value("n", 7);
@@ -261,6 +296,37 @@ TEST(HostilePeer, PacketWithNumericNameDropsTheLink) {
 TEST(HostilePeer, PacketWithListPropertiesDropsTheLink) {
   expect_dropped_with(std::string("\x00\x00\x00\x05\x93\x03\xa1n\x90", 9), false,
                       "invalid packet: the properties are a list, not a map");
+}
+
+// A peer that answers the client's hello with `answer` (and then closes) fails the connect
+// quickly, without waiting for the time-out, and says why in a debug line.
+void expect_connect_refused(const std::string& answer, const std::string& reason) {
+  zeltest::raw_peer peer([&answer](int fd) {
+    zeltest::read_exactly(fd, zelnet::zelp::encode_hello_frame(2).size());
+    zeltest::write_all(fd, answer);
+  });
+  recording_handler h;
+  zelcapi::connection c(&h);
+  zeltest::capture_sink sink;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(c.connect("127.0.0.1", peer.port(), 5), zelcapi::connection_failed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+  EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(c.server_version(), 0u);
+  EXPECT_EQ(h.events,
+            (events{"status 16 '' 0", "disconnected 'Connection Closed' 0", "status 3 '' 0"}));
+  const auto prints = sink.prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].text, "link dropped: " + reason);
+}
+
+TEST(HostilePeer, PacketInsteadOfTheHelloFailsTheConnect) {
+  expect_connect_refused(zelnet::zelp::encode_packet_frame(zelnet::zelp::packet(4, "x")),
+                         "invalid hello: expected an array of 2 elements, got 3");
+}
+
+TEST(HostilePeer, CloseBeforeTheHelloFailsTheConnect) {
+  expect_connect_refused("", "the peer closed the connection during the handshake");
 }
 
 }  // namespace

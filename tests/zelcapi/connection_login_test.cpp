@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "support/capture_sink.h"
 #include "support/raised_message.h"
@@ -92,12 +93,37 @@ TEST(Login, HandlerVetoStopsTheNotReadyRetry) {
   h.answer = [](zelcapi::result_code code) { return code != zelcapi::unknown_cluster_master; };
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  const auto start = std::chrono::steady_clock::now();
   const packet& reply = c.login_sync("alice", "secret", "", "", 5, false);
+  // A veto gives up at once, without the two seconds' sleep.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  EXPECT_EQ(reply.get_type(), 4);
   EXPECT_EQ(reply.get_properties().get_int_value("result-code"), 12);
   EXPECT_EQ(reply.get_properties().get_string_value("error"), "Unknown Cluster Master");
   EXPECT_EQ(reply.get_properties().get_int_value("api"), 12);
+  EXPECT_EQ(&reply, &c.get_sync_packet());
   EXPECT_FALSE(c.is_connected());
-  EXPECT_EQ(h.events.back(), "status 12 '127.0.0.1' 1");
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 15 '' 0",
+                              "disconnected 'Host was not ready, retrying in 2 seconds' 1",
+                              "status 12 '127.0.0.1' 1"}));
+}
+
+TEST(Login, NotReadyRetryShrinksTheTimeOutUntilItRunsOut) {
+  test_cluster sim(1, 1);
+  sim.set_not_ready(1, std::chrono::milliseconds(60000));
+  recording_handler h;
+  zelcapi::connection c(&h);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  zeltest::capture_sink sink;
+  // The retry has 1 - 1 = 0 seconds left: whether its wait runs out or the node's "not ready"
+  // beats it, the login ends there as timed out instead of retrying again.
+  EXPECT_EQ(uspec_message([&] { c.login_sync("alice", "secret", "", "", 1, false); }),
+            "connection timeout");
+  EXPECT_TRUE(has_report(sink, "connection timeout", 3, 4));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 15 '' 0",
+                              "disconnected 'Host was not ready, retrying in 2 seconds' 1",
+                              "status 12 '127.0.0.1' 1", "status 1 '' 0", "status 8 '' 0"}));
+  EXPECT_TRUE(c.is_connected());
 }
 
 TEST(Login, FailedReconnectAfterNotReadyGivesLoginReconnectionFailed) {
@@ -170,9 +196,14 @@ TEST(Login, HandlerVetoStopsTheRedirect) {
   zelcapi::connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
   const packet& reply = c.login_sync("alice", "secret", "", "", 5, false);
+  EXPECT_EQ(reply.get_type(), 4);
   EXPECT_EQ(reply.get_properties().get_int_value("result-code"), 13);
   EXPECT_EQ(reply.get_properties().get_string_value("error"), "Reconecting to Master");
+  EXPECT_EQ(reply.get_properties().get_string_value("master-id"), "node-2");
   EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 15 '' 0",
+                              "disconnected 'Host was not master. Reconnecting to master' 1",
+                              "status 13 '127.0.0.1' 0"}));
 }
 
 TEST(Login, RedirectToDeadMasterRaises) {
@@ -293,6 +324,24 @@ TEST(AdminLogin, AcceptedWithoutRedirect) {
             "Access denied");
 }
 
+TEST(AdminLogin, RequestCarriesOnlyTheNameAndTheDigest) {
+  test_cluster sim(1, 1);
+  std::vector<packet> seen;
+  sim.on("admin.login", [&seen](zelsim::request_context&, const packet& in, packet&) {
+    seen.push_back(in);
+    return true;
+  });
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  c.admin_login_sync("root", "", 5);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].get_type(), 2);
+  const zelcore::properties& props = seen[0].get_properties();
+  EXPECT_EQ(props.size(), 2u);
+  EXPECT_EQ(props.get_string_value("username"), "root");
+  EXPECT_EQ(props.get_string_value("password"), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+}
+
 TEST(AdminLogin, FailuresRaise) {
   test_cluster sim(1, 1);
   zelcapi::connection c;
@@ -306,6 +355,25 @@ TEST(AdminLogin, FailuresRaise) {
   sim.drop_links_on("admin.login");
   EXPECT_EQ(uspec_message([&] { c.admin_login_sync("root", "toor", 5); }), "connection error");
   EXPECT_TRUE(has_report(sink, "connection error", 3, 4));
+}
+
+TEST(ClusterStatus, RequestCarriesTheInterfaceVersionOnly) {
+  test_cluster sim(1, 1);
+  std::vector<packet> seen;
+  sim.on("cluster.client.cluster-status",
+         [&seen](zelsim::request_context&, const packet& in, packet& r) {
+           seen.push_back(in);
+           r.get_properties().set_string_value("master-id", "m");
+           r.get_properties().set_string_value("node-id", "m");
+           return true;
+         });
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  EXPECT_EQ(c.get_cluster_status().get_properties().get_string_value("node-id"), "m");
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].get_type(), 2);
+  EXPECT_EQ(seen[0].get_properties().size(), 1u);
+  EXPECT_EQ(seen[0].get_properties().get_int_value("interface-version"), 3);
 }
 
 TEST(ClusterStatus, FollowsTheRedirectAndAMovedMaster) {

@@ -83,8 +83,13 @@ TEST(SendSync, TimeOutRaisesAndKeepsTheConnection) {
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
   zeltest::capture_sink sink;
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
-  ASSERT_EQ(sink.reports().size(), 1u);
-  EXPECT_EQ(sink.reports()[0].record_severity, 4u);
+  const auto reports = sink.reports();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].message, "Connection timeout");
+  EXPECT_EQ(reports[0].file, "code\\app\\common\\shared\\zelcapi\\src\\api");
+  EXPECT_EQ(reports[0].category, "zelcapi");
+  EXPECT_EQ(reports[0].record_kind, 3u);
+  EXPECT_EQ(reports[0].record_severity, 4u);
   EXPECT_TRUE(c.is_connected());
   EXPECT_EQ(c.get_sync_packet().get_type(), 2);
 }
@@ -176,6 +181,20 @@ TEST(Send, SendNoWaitDeliversAndRepliesReachTheHandler) {
   EXPECT_TRUE(c.wait(5000));
   ASSERT_EQ(h.received.size(), 1u);
   EXPECT_EQ(h.received[0].get_properties().get_int_value("n"), 5);
+}
+
+TEST(Send, SendRunsPendingWorkOnceAndSendNoWaitDoesNot) {
+  test_cluster sim(1, 1);
+  recording_handler h;
+  zelcapi::connection c(&h);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  // The node has written the tick when broadcast returns; over loopback it is then in the
+  // client's socket buffer, unread until something waits on the connection.
+  sim.broadcast(packet(3, "tick"));
+  c.send_no_wait(packet(3, "note"));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0"}));
+  c.send(packet(3, "note"));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 3 tick"}));
 }
 
 TEST(Send, HandlerOutPacketIsSentBack) {

@@ -1,6 +1,8 @@
 // Result code texts and the default handler operations.
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 #include "support/capture_sink.h"
 #include "zelcapi/connection.h"
 
@@ -42,6 +44,8 @@ TEST(ResultCode, ValuesOutsideTheTableAreUnspecified) {
 }
 
 TEST(ResultCode, NumbersAreTheWireContract) {
+  static_assert(sizeof(zelcapi::result_code) == 4);
+  static_assert(std::is_signed_v<std::underlying_type_t<zelcapi::result_code>>);
   EXPECT_EQ(zelcapi::login_reconnection_failed, 7);
   EXPECT_EQ(zelcapi::unknown_cluster_master, 12);
   EXPECT_EQ(zelcapi::reconnecting_to_master, 13);

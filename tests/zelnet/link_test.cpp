@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -155,3 +156,56 @@ TEST(Ioctrl, WatchRefusesClosedAndDuplicateFiles) {
 }
 
 }  // namespace
+
+// A controller that keeps the files it is told it dropped, and ends the wait on each.
+class counting_ioctrl : public zelnet::ioctrl {
+ public:
+  counting_ioctrl() : ioctrl(16) {}
+  std::vector<int> erased;
+
+ protected:
+  void erase(zelbase::file& f, hdlr&, unsigned) override {
+    erased.push_back(f.descriptor());
+    f.close();
+    abort();
+  }
+};
+
+TEST(Ioctrl, ClearCallsEraseForEveryWatchedFile) {
+  counting_ioctrl c;
+  collecting_link first(c, 1), second(c, 1);
+  int a[2], b[2];
+  ASSERT_EQ(::pipe(a), 0);
+  ASSERT_EQ(::pipe(b), 0);
+  zelbase::file fa(a[0]), fb(b[0]);
+  ASSERT_TRUE(c.watch(fa, first, 0, false, true));
+  ASSERT_TRUE(c.watch(fb, second, 0, false, true));
+  c.clear();
+  std::sort(c.erased.begin(), c.erased.end());
+  EXPECT_EQ(c.erased, (std::vector<int>{std::min(a[0], b[0]), std::max(a[0], b[0])}));
+  EXPECT_FALSE(c.watches(fa, first));
+  EXPECT_FALSE(c.watches(fb, second));
+  c.clear();
+  EXPECT_EQ(c.erased.size(), 2u);
+  ::close(a[1]);
+  ::close(b[1]);
+}
+
+TEST(Ioctrl, PeerCloseBetweenFramesDropsTheLinkWithoutAFailure) {
+  raw_peer peer([](int fd) { accept_hello(fd); });
+  counting_ioctrl c;
+  collecting_link link(c, 1);
+  connect_link(c, link, peer);
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_EQ(c.erased.size(), 1u);
+  EXPECT_EQ(link.failure(), "");
+}
+
+TEST(SocketConnector, OnlyTheTcpKindIsAccepted) {
+  zelnet::socket_listener listener;
+  listener.listen("127.0.0.1", "0");
+  zelnet::socket_connector connector;
+  EXPECT_FALSE(connector.create_connect("127.0.0.1", std::to_string(listener.port()), 17));
+  EXPECT_FALSE(connector.get_file().is_open());
+  EXPECT_EQ(connector.last_error(), "unsupported socket kind 17");
+}

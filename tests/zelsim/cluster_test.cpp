@@ -1,12 +1,16 @@
 // The simulated cluster: nodes, accounts, the request registry and its replies.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <cstdio>
 #include <fstream>
 
 #include "zelbase/exceptions.h"
 #include "zelcapi/connection.h"
 #include "zelcore/identifiers.h"
+#include "zelnet/codec.h"
 #include "zelnet/socket.h"
 #include "zelsim/cluster.h"
 
@@ -135,6 +139,49 @@ TEST(Cluster, TakenPortRaisesAndReleasesWhatWasOpened) {
 TEST(Cluster, BadMasterNumberIsRefused) {
   EXPECT_THROW(zelsim::cluster(quiet(3, 4)), zelbase::es::arg);
   EXPECT_THROW(zelsim::cluster(quiet(3, 0)), zelbase::es::arg);
+}
+
+// Sends `bytes` to node 1 over a raw socket; the node must drop that link and go on serving.
+void expect_node_survives(const std::string& bytes) {
+  zelsim::cluster sim(quiet(1, 1));
+  sim.start();
+  zelnet::socket_connector raw;
+  ASSERT_TRUE(raw.create_connect("127.0.0.1", std::to_string(sim.port(1)), 6));
+  zelbase::file f = raw.get_file();
+  pollfd writable{f.descriptor(), POLLOUT, 0};
+  ASSERT_EQ(::poll(&writable, 1, 5000), 1);
+  ASSERT_EQ(::send(f.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+  // The node closes its end: the raw socket reads the end of the stream (after any hello).
+  std::string got;
+  for (;;) {
+    pollfd readable{f.descriptor(), POLLIN, 0};
+    ASSERT_EQ(::poll(&readable, 1, 5000), 1);
+    char buffer[64];
+    const ssize_t n = ::recv(f.descriptor(), buffer, sizeof buffer, 0);
+    if (n <= 0) break;
+    got.append(buffer, static_cast<std::size_t>(n));
+  }
+  f.close();
+  EXPECT_LE(got.size(), zelnet::zelp::encode_hello_frame(2).size());
+  zelcapi::connection c;
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  EXPECT_EQ(c.send_sync(packet(2, "what"), 5).get_properties().get_string_value("error"),
+            "unknown request 'what'");
+  EXPECT_EQ(sim.link_count(1), 1u);
+}
+
+TEST(Cluster, ClientWithAnOversizedFrameIsDroppedAndTheNodeGoesOn) {
+  expect_node_survives(zelnet::zelp::encode_hello_frame(2) + std::string("\xff\xff\xff\xff", 4));
+}
+
+TEST(Cluster, ClientWithInvalidMessagePackIsDroppedAndTheNodeGoesOn) {
+  expect_node_survives(zelnet::zelp::encode_hello_frame(2) +
+                       std::string("\x00\x00\x00\x01\xc1", 5));
+}
+
+TEST(Cluster, ClientWithoutAHelloIsDroppedAndTheNodeGoesOn) {
+  expect_node_survives(zelnet::zelp::encode_packet_frame(packet(2, "echo")));
 }
 
 }  // namespace

@@ -7,8 +7,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 
 namespace zelnet {
 
@@ -108,7 +110,8 @@ bool ioctrl::wait(unsigned ms) {
   aborted_ = false;
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now()).count();
-    poll_once(left > 0 ? static_cast<int>(left) : 0);
+    // poll takes an int: a wait beyond 24 days polls in slices of at most INT_MAX ms.
+    poll_once(static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
     if (aborted_) {
       aborted_ = false;
       return true;

@@ -126,10 +126,8 @@ result_code connection::connect(const std::string& host, const std::string& port
   if (link_) disconnect("Already connected", true);
   host_ = host;
   port_ = port;
-  // A new link starts with the default reason, whatever a disconnect without a link left.
-  reason_ = default_reason;
-  reconnecting_ = false;
-  manual_ = false;
+  // The reason, flag and manual mark that a disconnect without a link stored are kept: they
+  // describe the end of the next link unless an erase resets them first.
   link_.reset(new (std::nothrow) connection_impl(*this, handler_));
   version_mismatch_ = false;
   server_version_ = 0;
@@ -188,13 +186,16 @@ void connection::disconnect(const std::string& reason, bool reconnecting) {
 }
 
 void connection::erase(zelbase::file& f, zelnet::ioctrl::hdlr&, unsigned) {
+  // A link that dropped itself on a protocol or socket error says why in a debug line; the
+  // handler hears the stored reason as always.
+  if (link_ && !link_->failure().empty()) {
+    zelcore::ds::print("zelcapi::connection:error", "link dropped: %s", link_->failure().c_str());
+  }
   if (manual_) {
     manual_ = false;
     _status(manual_disconnection, "", false);
   } else {
     _status(connection_closed, "", false);
-    // A link that dropped itself on a protocol or socket error says why.
-    if (link_ && !link_->failure().empty()) reason_ = link_->failure();
   }
   if (handler_ != nullptr) handler_->disconnected(reason_, reconnecting_);
   reason_ = default_reason;
@@ -254,11 +255,12 @@ const packet& connection::login_sync(const packet& request, unsigned timeout) {
     _status(no_connection_for_login, "", false);
     zelbase::es::uspec::raise(source_file, __LINE__, "no connection");
   }
-  if (!_send_and_wait(request, timeout)) {
-    report(__LINE__, 3, 4, "connection timeout");
+  const auto timed_out = [this](unsigned line) {
+    report(line, 3, 4, "connection timeout");
     _status(login_timeout, "", false);
-    zelbase::es::uspec::raise(source_file, __LINE__, "connection timeout");
-  }
+    zelbase::es::uspec::raise(source_file, line, "connection timeout");
+  };
+  if (!_send_and_wait(request, timeout)) timed_out(__LINE__);
   if (!link_) {
     report(__LINE__, 3, 4, "disconnected");
     _status(disconnected_on_login, "", false);
@@ -271,6 +273,9 @@ const packet& connection::login_sync(const packet& request, unsigned timeout) {
     if (!reply.is_present("api") || reply.get_int_value("api") != api_not_ready) {
       return sync_packet_;
     }
+    // The retries have used up the time-out (an answer can beat even a wait of 0): one
+    // second less would wrap around to an endless one.
+    if (timeout == 0) timed_out(__LINE__);
     const std::string text = zelbase::string_with_format(
         "Host was not ready, retrying in %u seconds", not_ready_retry_seconds);
     report(__LINE__, 3, 4, text);

@@ -76,7 +76,9 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // to the handler); a connection that was connected is disconnected first.
   result_code connect(const std::string& host, const std::string& port, unsigned timeout);
   result_code connect(const std::string& host, const std::string& port);
-  // Drops the link; the handler hears of it through status and disconnected.
+  // Drops the link; the handler hears of it through status (manual_disconnection) and
+  // disconnected (reason, reconnecting). Without a link it only logs and stores the reason:
+  // the end of the next link then reports it.
   void disconnect(const std::string& reason, bool reconnecting);
   bool is_connected() const;
   std::string get_host() const;
