@@ -61,13 +61,18 @@ inline bool entry_is(const property_entry& e, const std::string& key,
          (key.size() <= 8 || std::memcmp(e.first.data() + 8, key.data() + 8, key.size() - 8) == 0);
 }
 
+// The process-wide constant for a small integer, or null outside their range.
+const property* shared_int(std::int64_t value);
+
 // Writes a property and everything below it with one packer (no virtual call per value).
 void pack_property(const property& value, zelbase::encoder_network& encoder);
 
 // Entries sorted by key, unique keys. Shared by copies of a tree until one of them changes.
 struct properties_body : zelbase::object_refcount {
-  static void* operator new(std::size_t size) { return pool_allocate(size); }
-  static void operator delete(void* p, std::size_t size) noexcept { pool_free(p, size); }
+  static void* operator new(std::size_t size) { return block_allocate(size); }
+  static void* operator new(std::size_t size, arena& in) { return block_allocate(size, in); }
+  static void operator delete(void* p, std::size_t size) noexcept { block_free(p, size); }
+  static void operator delete(void* p, arena&) noexcept { block_free(p, 0); }
 
   properties::container entries;
 };
@@ -75,6 +80,11 @@ struct properties_body : zelbase::object_refcount {
 // Fills a tree from entries in any order without a lookup per entry (used by the decoder).
 struct properties_builder {
   static properties::container& entries(properties& tree) { return tree.mutable_entries(); }
+  // The entries of a new, empty tree, their holder allocated in `in`.
+  static properties::container& entries(properties& tree, arena& in) {
+    tree.body_ = new (in) properties_body;
+    return tree.body_->entries;
+  }
   // Sorts and removes duplicate keys (the last one wins) after appending out of order.
   static void normalise(properties::container& entries);
 };

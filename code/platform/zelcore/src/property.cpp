@@ -179,9 +179,15 @@ const property* const* small_ints() {
 }
 }  // namespace
 
+namespace detail {
+const property* shared_int(std::int64_t value) {
+  return value >= small_int_min && value <= small_int_max ? small_ints()[value - small_int_min]
+                                                          : nullptr;
+}
+}  // namespace detail
+
 property_ptr make_int(std::int64_t value) {
-  if (value >= small_int_min && value <= small_int_max)
-    return property_ptr(small_ints()[value - small_int_min]);
+  if (const property* shared = detail::shared_int(value)) return property_ptr(shared);
   return property_ptr(new property_int(value));
 }
 

@@ -4,7 +4,9 @@
 #include <algorithm>
 
 #include <msgpack.hpp>
+#include <optional>
 
+#include "arena.h"
 #include "properties_body.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
@@ -19,6 +21,7 @@ class tree_builder : public msgpack::null_visitor {
  public:
   tree_builder(std::size_t input_size, std::size_t max_depth)
       : pair_budget_(input_size / 2), max_depth_(max_depth) {
+    if (input_size >= arena_threshold) arena_.emplace();
     frames_.reserve(8);
   }
 
@@ -29,9 +32,9 @@ class tree_builder : public msgpack::null_visitor {
   bool visit_boolean(bool v) { return attach(make_bool(v)); }
   bool visit_positive_integer(std::uint64_t v) {
     // Unsigned counters travel as their bits; they come back as the signed value.
-    return attach(make_int(static_cast<std::int64_t>(v)));
+    return attach(int_value(static_cast<std::int64_t>(v)));
   }
-  bool visit_negative_integer(std::int64_t v) { return attach(make_int(v)); }
+  bool visit_negative_integer(std::int64_t v) { return attach(int_value(v)); }
   bool visit_float32(float) { return fail("floating-point values are not supported"); }
   bool visit_float64(double) { return fail("floating-point values are not supported"); }
   bool visit_bin(const char*, std::uint32_t) { return fail("binary values are not supported"); }
@@ -40,7 +43,7 @@ class tree_builder : public msgpack::null_visitor {
   // A key opens its entry at once; the value fills it in (or removes it, for nil).
   bool visit_str(const char* v, std::uint32_t size) {
     if (frames_.empty() || !frames_.back().expecting_key)
-      return attach(property_ptr(new property_string(v, size)));
+      return attach(property_ptr(make<property_string>(v, size)));
     frame& top = frames_.back();
     properties::container& entries = *top.entries;
     entries.emplace_back(v, size);
@@ -53,7 +56,7 @@ class tree_builder : public msgpack::null_visitor {
 
   bool start_array(std::uint32_t) {
     if (!open_container()) return false;
-    zelbase::ptr_refcount<property_list> list(new property_list);
+    zelbase::ptr_refcount<property_list> list(make<property_list>());
     frames_.push_back(frame{property_ptr(list), list.get(), nullptr, false, false, true});
     return true;
   }
@@ -61,8 +64,9 @@ class tree_builder : public msgpack::null_visitor {
 
   bool start_map(std::uint32_t count) {
     if (!open_container()) return false;
-    zelbase::ptr_refcount<properties> tree(new properties);
-    properties::container& entries = detail::properties_builder::entries(*tree);
+    zelbase::ptr_refcount<properties> tree(make<properties>());
+    properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
+                                            : detail::properties_builder::entries(*tree);
     // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
     // counts, even nested ones, cannot together reserve more than that.
     const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
@@ -101,6 +105,22 @@ class tree_builder : public msgpack::null_visitor {
   }
 
  private:
+  // Inputs of this size and more (snapshots, state replies) are built in an arena; smaller
+  // ones (notifications, whose leaves are merged into records one by one and outlive the rest
+  // of their tree) take blocks of their own, so that no leaf keeps a whole chunk alive.
+  static constexpr std::size_t arena_threshold = std::size_t{16} << 10;
+
+  template <class T, class... Args>
+  T* make(Args&&... args) {
+    if (arena_) return new (*arena_) T(std::forward<Args>(args)...);
+    return new T(std::forward<Args>(args)...);
+  }
+
+  property_ptr int_value(std::int64_t v) {
+    if (const property* shared = detail::shared_int(v)) return property_ptr(shared);
+    return property_ptr(make<property_int>(v));
+  }
+
   struct frame {
     property_ptr holder;
     property_list* list;
@@ -153,6 +173,8 @@ class tree_builder : public msgpack::null_visitor {
     return true;
   }
 
+  // Declared first: it must outlive the frames and the root while they are released.
+  std::optional<detail::arena> arena_;
   std::size_t pair_budget_;  // map pairs that may still be reserved
   std::size_t max_depth_;
   std::vector<frame> frames_;

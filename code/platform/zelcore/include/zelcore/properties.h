@@ -40,6 +40,13 @@ namespace detail {
 // Small-block allocation for tree objects (thread-local free lists; any thread may free).
 ZELCORE_EXPORT void* pool_allocate(std::size_t size);
 ZELCORE_EXPORT void pool_free(void* p, std::size_t size) noexcept;
+
+// Tree objects come from a pool block or from an arena, the contiguous memory in which a
+// decoder builds a whole tree; either way any thread may free them.
+class arena;
+ZELCORE_EXPORT void* block_allocate(std::size_t size);
+ZELCORE_EXPORT void* block_allocate(std::size_t size, arena& in);
+ZELCORE_EXPORT void block_free(void* p, std::size_t size) noexcept;
 }  // namespace detail
 
 class ZELCORE_EXPORT property : public zelbase::object_refcount {
@@ -54,8 +61,12 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
 
   ~property() override;
 
-  static void* operator new(std::size_t size) { return detail::pool_allocate(size); }
-  static void operator delete(void* p, std::size_t size) noexcept { detail::pool_free(p, size); }
+  static void* operator new(std::size_t size) { return detail::block_allocate(size); }
+  static void* operator new(std::size_t size, detail::arena& in) {
+    return detail::block_allocate(size, in);
+  }
+  static void operator delete(void* p, std::size_t size) noexcept { detail::block_free(p, size); }
+  static void operator delete(void* p, detail::arena&) noexcept { detail::block_free(p, 0); }
 
   virtual property_kind kind() const = 0;
   // Writes the property in the network encoding (MessagePack).
