@@ -7,14 +7,8 @@
 
 namespace zelcore::detail {
 
-// Byte-wise key order, the same as std::string's operator<.
-inline bool key_less(const std::string& a, const std::string& b) noexcept {
-  const std::size_t n = a.size() < b.size() ? a.size() : b.size();
-  const int c = n ? std::memcmp(a.data(), b.data(), n) : 0;
-  return c < 0 || (c == 0 && a.size() < b.size());
-}
-
-// key_less for two keys of the same order: their first eight bytes are known to be equal.
+// Byte-wise order (as std::string's operator<) of two keys of the same order: their first
+// eight bytes are known to be equal.
 inline bool key_less_same_order(const std::string& a, const std::string& b) noexcept {
   const std::size_t n = a.size() < b.size() ? a.size() : b.size();
   if (n > 8) {

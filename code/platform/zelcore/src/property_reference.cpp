@@ -38,13 +38,16 @@ const properties* as_tree(const property_ptr& p) {
                                                      : nullptr;
 }
 
-// A tree that the caller may change in place and then store in the slot it came from: the
-// child itself when this tree is its only owner, a (cheap, shared-content) copy otherwise.
-zelbase::ptr_refcount<properties> writable_child(const property_ptr& child) {
-  const properties* tree = as_tree(child);
-  if (!tree) return new properties;
-  if (tree->refcount() == 1) return const_cast<properties*>(tree);
-  return new properties(*tree);
+// The tree in `slot`, made safe to change in place: the child itself when this tree is its only
+// owner (no count is touched), else a (cheap, shared-content) copy, or a new tree when the slot
+// holds none, stored in the slot first.
+properties* child_to_change(property_ptr& slot) {
+  const properties* tree = as_tree(slot);
+  if (tree && tree->refcount() == 1) return const_cast<properties*>(tree);
+  zelbase::ptr_refcount<properties> own(tree ? new properties(*tree) : new properties);
+  properties* child = own.get();
+  slot = std::move(own);
+  return child;
 }
 
 }  // namespace
@@ -136,10 +139,7 @@ void properties::set_at_reference(const std::string& ref, const property_ptr& va
   // Walk down, making each level writable, then store the value in the last one.
   properties* tree = this;
   for (std::size_t i = 0; i + 1 < keys.size(); ++i) {
-    property_ptr& slot_ref = (*tree)[keys[i]];
-    zelbase::ptr_refcount<properties> child = writable_child(slot_ref);
-    if (child.get() != slot_ref.get()) slot_ref = child;
-    tree = child.get();
+    tree = child_to_change((*tree)[keys[i]]);
   }
   if (value)
     (*tree)[keys.back()] = value;
@@ -169,14 +169,7 @@ void properties::merge_leaves(const properties& update) {
       it->second = value;
       continue;
     }
-    const properties* tree = as_tree(it->second);
-    if (tree && tree->refcount() == 1) {  // only this tree holds the child: merge in place
-      const_cast<properties*>(tree)->merge_leaves(*nested);
-      continue;
-    }
-    zelbase::ptr_refcount<properties> child(tree ? new properties(*tree) : new properties);
-    child->merge_leaves(*nested);
-    it->second = std::move(child);
+    child_to_change(it->second)->merge_leaves(*nested);
   }
 }
 
