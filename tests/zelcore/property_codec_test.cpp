@@ -1,6 +1,7 @@
 // The network encoding of property trees: round trips, and clear errors for bad bytes.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <random>
 
 #include "zelbase/exceptions.h"
@@ -135,6 +136,20 @@ TEST(PropertyCodec, NestingDeeperThanTheLimitIsRefused) {
   const std::string encoded = encode_property(small_limit);
   EXPECT_THROW(decode_property(encoded.data(), encoded.size(), 1), zelbase::es::arg);
   EXPECT_NO_THROW(decode_property(encoded.data(), encoded.size(), 2));
+}
+
+TEST(PropertyCodec, NoCallerCanAllowNestingThatWouldExhaustTheStack) {
+  std::string in(100000, static_cast<char>(0x91));
+  in.push_back(0x01);
+  try {
+    decode_property(in.data(), in.size(), std::numeric_limits<std::size_t>::max());
+    FAIL() << "a 100,000-level input was accepted";
+  } catch (const zelbase::es::arg& e) {
+    EXPECT_EQ(e.message(), "cannot decode property: nesting deeper than 1024 levels");
+  }
+  std::string deepest(1023, static_cast<char>(0x91));
+  deepest.push_back(0x01);
+  EXPECT_NO_THROW(decode_property(deepest.data(), deepest.size(), 5000));
 }
 
 TEST(PropertyCodec, LargeTreeRoundTrips) {

@@ -1,15 +1,24 @@
 // Internal: the arena in which a decoder builds a whole tree. Objects are laid out one after
 // the other in 64 KiB chunks, so that building costs a pointer bump and walking the tree later
 // touches memory in order; a chunk is freed when its last object is.
+//
+// Every tree object carries, just before it, the chunk of the arena it was built in, or null
+// for a pool block; freeing reads that word to know where the memory goes.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "zelcore/properties.h"
 
 namespace zelcore::detail {
 
 struct arena_chunk;
+
+constexpr std::size_t block_prefix_bytes = sizeof(arena_chunk*);
+
+// Gives back one object's share of its chunk (any thread).
+void arena_release(arena_chunk* chunk) noexcept;
 
 // Used by one thread while it builds; the objects it gave out may be freed on any thread.
 class arena {
@@ -23,8 +32,10 @@ class arena {
 
  private:
   void start_chunk(std::size_t need);
+  void close_chunk() noexcept;
 
   arena_chunk* chunk_ = nullptr;
+  std::uint32_t objects_ = 0;  // given out from the current chunk
   char* next_ = nullptr;
   char* end_ = nullptr;
 };

@@ -118,9 +118,9 @@ const properties::container& properties::entries() const noexcept {
 
 properties::container& properties::mutable_entries() {
   if (!body_) {
-    body_ = new detail::properties_body;
+    body_ = zelbase::make_refcount<detail::properties_body>();
   } else if (body_->refcount() > 1) {
-    zelbase::ptr_refcount<detail::properties_body> own(new detail::properties_body);
+    auto own = zelbase::make_refcount<detail::properties_body>();
     own->entries = body_->entries;
     body_ = std::move(own);
   }
@@ -228,7 +228,7 @@ void properties::set_string_value(const std::string& key, const std::string& val
   (*this)[key] = make_string(value);
 }
 void properties::set_properties_value(const std::string& key, const properties& value) {
-  (*this)[key] = property_ptr(new properties(value));
+  (*this)[key] = zelbase::make_refcount<properties>(value);
 }
 
 void properties::encode(zelbase::encoder_network& encoder) const {
@@ -236,7 +236,7 @@ void properties::encode(zelbase::encoder_network& encoder) const {
 }
 
 zelbase::ptr_refcount<property> properties::clone() const {
-  zelbase::ptr_refcount<properties> copy(new properties);
+  auto copy = zelbase::make_refcount<properties>();
   const container& all = entries();
   if (all.empty()) return copy;
   container& out = copy->mutable_entries();

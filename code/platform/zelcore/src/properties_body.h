@@ -76,7 +76,7 @@ struct properties_builder {
   static properties::container& entries(properties& tree) { return tree.mutable_entries(); }
   // The entries of a new, empty tree, their holder allocated in `in`.
   static properties::container& entries(properties& tree, arena& in) {
-    tree.body_ = new (in) properties_body;
+    tree.body_ = zelbase::ptr_refcount<properties_body>::adopt_new(new (in) properties_body);
     return tree.body_->entries;
   }
   // Sorts and removes duplicate keys (the last one wins) after appending out of order.

@@ -112,7 +112,7 @@ void property_list::encode(zelbase::encoder_network& encoder) const {
 }
 
 zelbase::ptr_refcount<property> property_list::clone() const {
-  zelbase::ptr_refcount<property_list> copy(new property_list);
+  auto copy = zelbase::make_refcount<property_list>();
   for (const auto& value : values_) copy->values_.push_back(value ? value->clone() : nullptr);
   return copy;
 }
@@ -188,7 +188,7 @@ const property* shared_int(std::int64_t value) {
 
 property_ptr make_int(std::int64_t value) {
   if (const property* shared = detail::shared_int(value)) return property_ptr(shared);
-  return property_ptr(new property_int(value));
+  return zelbase::make_refcount<property_int>(value);
 }
 
 property_ptr make_bool(bool value) {
@@ -198,7 +198,7 @@ property_ptr make_bool(bool value) {
 }
 
 property_ptr make_string(std::string value) {
-  return property_ptr(new property_string(std::move(value)));
+  return zelbase::make_refcount<property_string>(std::move(value));
 }
 
 std::string encode_property(const property& value) {

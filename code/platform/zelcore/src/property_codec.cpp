@@ -1,6 +1,8 @@
-// Decoding of the network encoding (MessagePack) into property trees, on msgpack-cxx's parser.
-// Builds the tree directly while parsing; never reads past the input and never reserves more
-// than the input could hold.
+// Decoding of the network encoding (MessagePack) into property trees. The reader walks the
+// whole input in one recursive pass and builds each value where it is read: every notification
+// passes through here, and a general streaming parser costs more than the tree it feeds. It
+// never reads past the input and never reserves more than the input could hold. Writing goes
+// through msgpack-cxx's packer.
 #include <algorithm>
 
 #include <msgpack.hpp>
@@ -17,91 +19,28 @@ namespace {
 
 constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_codec";
 
-class tree_builder : public msgpack::null_visitor {
+[[noreturn]] void raise_decode(const std::string& reason) {
+  zelbase::es::arg::raise(source_file, __LINE__, "cannot decode property: " + reason);
+}
+
+class tree_reader {
  public:
-  tree_builder(std::size_t input_size, std::size_t max_depth)
-      : pair_budget_(input_size / 2), max_depth_(max_depth) {
-    if (input_size >= arena_threshold) arena_.emplace();
-    frames_.reserve(8);
+  tree_reader(const char* data, std::size_t size, std::size_t max_depth)
+      : begin_(reinterpret_cast<const unsigned char*>(data)),
+        next_(begin_),
+        end_(begin_ + size),
+        pair_budget_(size / 2),
+        max_depth_(std::min(max_depth, deepest)) {
+    if (size >= arena_threshold) arena_.emplace();
   }
 
-  property_ptr take_root() { return std::move(root_); }
-  const std::string& error() const { return error_; }
-
-  bool visit_nil() { return attach(property_ptr()); }
-  bool visit_boolean(bool v) { return attach(make_bool(v)); }
-  bool visit_positive_integer(std::uint64_t v) {
-    // Unsigned counters travel as their bits; they come back as the signed value.
-    return attach(int_value(static_cast<std::int64_t>(v)));
-  }
-  bool visit_negative_integer(std::int64_t v) { return attach(int_value(v)); }
-  bool visit_float32(float) { return fail("floating-point values are not supported"); }
-  bool visit_float64(double) { return fail("floating-point values are not supported"); }
-  bool visit_bin(const char*, std::uint32_t) { return fail("binary values are not supported"); }
-  bool visit_ext(const char*, std::uint32_t) { return fail("extension values are not supported"); }
-
-  // A key opens its entry at once; the value fills it in (or removes it, for nil).
-  bool visit_str(const char* v, std::uint32_t size) {
-    if (frames_.empty() || !frames_.back().expecting_key)
-      return attach(property_ptr(make<property_string>(v, size)));
-    frame& top = frames_.back();
-    properties::container& entries = *top.entries;
-    entries.emplace_back(v, size);
-    if (top.sorted && entries.size() > 1 &&
-        !detail::entry_less(entries[entries.size() - 2], entries.back()))
-      top.sorted = false;
-    top.has_key = true;
-    return true;
-  }
-
-  bool start_array(std::uint32_t) {
-    if (!open_container()) return false;
-    zelbase::ptr_refcount<property_list> list(make<property_list>());
-    frames_.push_back(frame{property_ptr(list), list.get(), nullptr, false, false, true});
-    return true;
-  }
-  bool end_array() { return close_container(); }
-
-  bool start_map(std::uint32_t count) {
-    if (!open_container()) return false;
-    zelbase::ptr_refcount<properties> tree(make<properties>());
-    properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
-                                            : detail::properties_builder::entries(*tree);
-    // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
-    // counts, even nested ones, cannot together reserve more than that.
-    const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
-    pair_budget_ -= reserve;
-    entries.reserve(reserve);
-    frames_.push_back(frame{property_ptr(tree), nullptr, &entries, false, false, true});
-    return true;
-  }
-  bool start_map_key() {
-    frames_.back().expecting_key = true;
-    frames_.back().has_key = false;
-    return true;
-  }
-  bool end_map_key() {
-    frame& top = frames_.back();
-    top.expecting_key = false;
-    return top.has_key || fail("a map key is not a string");
-  }
-  bool end_map() {
-    frame& top = frames_.back();
-    if (!top.sorted) detail::properties_builder::normalise(*top.entries);
-    if (top.has_nil) {  // after normalising, so that a later nil also removes an earlier value
-      properties::container& entries = *top.entries;
-      entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                   [](const properties::entry& e) { return !e.second; }),
-                    entries.end());
-    }
-    return close_container();
-  }
-
-  void parse_error(std::size_t, std::size_t error_offset) {
-    set_error(zelbase::string_with_format("malformed input at byte %zu", error_offset));
-  }
-  void insufficient_bytes(std::size_t, std::size_t error_offset) {
-    set_error(zelbase::string_with_format("input truncated at byte %zu", error_offset));
+  property_ptr read_whole() {
+    property_ptr value = read_value(0);
+    if (!value) raise_decode("nil is not a property");
+    if (next_ != end_)
+      raise_decode(zelbase::string_with_format("%zu bytes after the value",
+                                               static_cast<std::size_t>(end_ - next_)));
+    return value;
   }
 
  private:
@@ -109,82 +48,180 @@ class tree_builder : public msgpack::null_visitor {
   // ones (notifications, whose leaves are merged into records one by one and outlive the rest
   // of their tree) take blocks of their own, so that no leaf keeps a whole chunk alive.
   static constexpr std::size_t arena_threshold = std::size_t{16} << 10;
+  // Each level is a call: this bounds the stack whatever depth a caller allows.
+  static constexpr std::size_t deepest = 1024;
 
   template <class T, class... Args>
-  T* make(Args&&... args) {
-    if (arena_) return new (*arena_) T(std::forward<Args>(args)...);
-    return new T(std::forward<Args>(args)...);
+  zelbase::ptr_refcount<T> make(Args&&... args) {
+    return zelbase::ptr_refcount<T>::adopt_new(arena_ ? new (*arena_) T(std::forward<Args>(args)...)
+                                                      : new T(std::forward<Args>(args)...));
+  }
+
+  // The next `n` bytes, which must all be there (a shortage is named where they would start).
+  const char* take(std::size_t n) {
+    if (static_cast<std::size_t>(end_ - next_) < n)
+      raise_decode(zelbase::string_with_format("input truncated at byte %zu",
+                                               static_cast<std::size_t>(next_ - begin_)));
+    const char* bytes = reinterpret_cast<const char*>(next_);
+    next_ += n;
+    return bytes;
+  }
+  template <class T>
+  T take_big_endian() {
+    const char* bytes = take(sizeof(T));
+    T value = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i)
+      value = static_cast<T>(value << 8 | static_cast<unsigned char>(bytes[i]));
+    return value;
+  }
+  // The length or count that follows a str/array/map/bin/ext type byte of the given width.
+  std::uint32_t take_length(unsigned char type, unsigned char first_of_family) {
+    switch (type - first_of_family) {
+      case 0: return take_big_endian<std::uint8_t>();
+      case 1: return take_big_endian<std::uint16_t>();
+      default: return take_big_endian<std::uint32_t>();
+    }
   }
 
   property_ptr int_value(std::int64_t v) {
     if (const property* shared = detail::shared_int(v)) return property_ptr(shared);
-    return property_ptr(make<property_int>(v));
+    return make<property_int>(v);
   }
 
-  struct frame {
-    property_ptr holder;
-    property_list* list;
-    properties::container* entries;
-    bool expecting_key = false;
-    bool has_key = false;
+  // One value; null for nil, which only a map value may be (it means the key is absent).
+  property_ptr read_value(std::size_t depth) {
+    const unsigned char type = static_cast<unsigned char>(*take(1));
+    if (type <= 0x7f) return int_value(type);
+    if (type >= 0xe0) return int_value(static_cast<std::int8_t>(type));
+    if ((type & 0xe0) == 0xa0) return read_string(type & 0x1f);
+    if ((type & 0xf0) == 0x90) return read_list(type & 0x0f, depth);
+    if ((type & 0xf0) == 0x80) return read_map(type & 0x0f, depth);
+    switch (type) {
+      case 0xc0: return property_ptr();
+      case 0xc2: return make_bool(false);
+      case 0xc3: return make_bool(true);
+      case 0xcc: return int_value(take_big_endian<std::uint8_t>());
+      case 0xcd: return int_value(take_big_endian<std::uint16_t>());
+      case 0xce: return int_value(take_big_endian<std::uint32_t>());
+      case 0xcf:
+        // Unsigned counters travel as their bits; they come back as the signed value.
+        return int_value(static_cast<std::int64_t>(take_big_endian<std::uint64_t>()));
+      case 0xd0: return int_value(static_cast<std::int8_t>(take_big_endian<std::uint8_t>()));
+      case 0xd1: return int_value(static_cast<std::int16_t>(take_big_endian<std::uint16_t>()));
+      case 0xd2: return int_value(static_cast<std::int32_t>(take_big_endian<std::uint32_t>()));
+      case 0xd3: return int_value(static_cast<std::int64_t>(take_big_endian<std::uint64_t>()));
+      case 0xd9:
+      case 0xda:
+      case 0xdb: return read_string(take_length(type, 0xd9));
+      case 0xdc:
+      case 0xdd: return read_list(take_length(type, 0xdb), depth);
+      case 0xde:
+      case 0xdf: return read_map(take_length(type, 0xdd), depth);
+      case 0xca:
+      case 0xcb:
+        take(type == 0xca ? 4 : 8);
+        raise_decode("floating-point values are not supported");
+      case 0xc4:
+      case 0xc5:
+      case 0xc6: take(take_length(type, 0xc4)); raise_decode("binary values are not supported");
+      case 0xc7:
+      case 0xc8:
+      case 0xc9:
+        take(take_length(type, 0xc7) + std::size_t{1});
+        raise_decode("extension values are not supported");
+      case 0xd4:
+      case 0xd5:
+      case 0xd6:
+      case 0xd7:
+      case 0xd8:
+        take((std::size_t{1} << (type - 0xd4)) + 1);
+        raise_decode("extension values are not supported");
+      default:  // 0xc1, never used
+        raise_decode(zelbase::string_with_format("malformed input at byte %zu",
+                                                 static_cast<std::size_t>(next_ - begin_ - 1)));
+    }
+  }
+
+  property_ptr read_string(std::size_t size) {
+    const char* bytes = take(size);
+    return make<property_string>(bytes, size);
+  }
+
+  void open_container(std::size_t depth) const {
+    if (depth >= max_depth_)
+      raise_decode(zelbase::string_with_format("nesting deeper than %zu levels", max_depth_));
+  }
+
+  property_ptr read_list(std::uint32_t count, std::size_t depth) {
+    open_container(depth);
+    zelbase::ptr_refcount<property_list> list = make<property_list>();
+    for (std::uint32_t i = 0; i < count; ++i) {
+      property_ptr element = read_value(depth + 1);
+      if (!element) raise_decode("nil is not allowed in a list");
+      list->push_back(std::move(element));
+    }
+    return list;
+  }
+
+  property_ptr read_map(std::uint32_t count, std::size_t depth) {
+    open_container(depth);
+    zelbase::ptr_refcount<properties> tree = make<properties>();
+    properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
+                                            : detail::properties_builder::entries(*tree);
+    // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
+    // counts, even nested ones, cannot together reserve more than that.
+    const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
+    pair_budget_ -= reserve;
+    entries.reserve(reserve);
     bool sorted = true;
-    bool has_nil = false;  // a key with a nil value, to remove at the end
-  };
-
-  bool fail(const char* reason) {
-    set_error(reason);
-    return false;
-  }
-  void set_error(std::string reason) {
-    if (error_.empty()) error_ = std::move(reason);
-  }
-
-  bool open_container() {
-    if (!frames_.empty() && frames_.back().expecting_key) return fail("a map key is not a string");
-    if (frames_.size() >= max_depth_)
-      return fail(
-          zelbase::string_with_format("nesting deeper than %zu levels", max_depth_).c_str());
-    return true;
-  }
-
-  bool close_container() {
-    property_ptr done = std::move(frames_.back().holder);
-    frames_.pop_back();
-    return attach(std::move(done));
-  }
-
-  bool attach(property_ptr value) {
-    if (frames_.empty()) {
-      if (!value) return fail("nil is not a property");
-      root_ = std::move(value);
-      return true;
+    bool has_nil = false;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      read_key(entries, depth);
+      if (sorted && entries.size() > 1 &&
+          !detail::entry_less(entries[entries.size() - 2], entries.back()))
+        sorted = false;
+      if (property_ptr value = read_value(depth + 1))
+        entries.back().second = std::move(value);
+      else
+        has_nil = true;
     }
-    frame& top = frames_.back();
-    if (top.list) {
-      if (!value) return fail("nil is not allowed in a list");
-      top.list->push_back(std::move(value));
-      return true;
-    }
-    if (top.expecting_key) return fail("a map key is not a string");
-    if (value)
-      top.entries->back().second = std::move(value);
-    else
-      top.has_nil = true;  // a nil value: the key is absent
-    return true;
+    if (!sorted) detail::properties_builder::normalise(entries);
+    if (has_nil)  // after normalising, so that a later nil also removes an earlier value
+      entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                   [](const properties::entry& e) { return !e.second; }),
+                    entries.end());
+    return tree;
   }
 
-  // Declared first: it must outlive the frames and the root while they are released.
+  // Appends an entry for the key that comes next; anything but a string is refused (once it has
+  // been read whole, so that truncation and unsupported types are named first).
+  void read_key(properties::container& entries, std::size_t depth) {
+    const unsigned char type = static_cast<unsigned char>(*take(1));
+    std::size_t size;
+    if ((type & 0xe0) == 0xa0) {
+      size = type & 0x1f;
+    } else if (type >= 0xd9 && type <= 0xdb) {
+      size = take_length(type, 0xd9);
+    } else {
+      if ((type & 0xe0) == 0x80 || (type >= 0xdc && type <= 0xdf)) {
+        if (type >= 0xdc) take(type == 0xdc || type == 0xde ? 2 : 4);
+      } else {
+        --next_;
+        read_value(depth + 1);
+      }
+      raise_decode("a map key is not a string");
+    }
+    entries.emplace_back(take(size), size);
+  }
+
+  // Declared first: it must outlive every object built while it is released.
   std::optional<detail::arena> arena_;
+  const unsigned char* const begin_;
+  const unsigned char* next_;
+  const unsigned char* const end_;
   std::size_t pair_budget_;  // map pairs that may still be reserved
-  std::size_t max_depth_;
-  std::vector<frame> frames_;
-  property_ptr root_;
-  std::string error_;
+  const std::size_t max_depth_;
 };
-
-[[noreturn]] void raise_decode(const std::string& reason) {
-  zelbase::es::arg::raise(source_file, __LINE__, "cannot decode property: " + reason);
-}
 
 }  // namespace
 
@@ -248,18 +285,7 @@ void pack_property(const property& value, zelbase::encoder_network& encoder) {
 
 property_ptr decode_property(const char* data, std::size_t size, std::size_t max_depth) {
   if (size == 0) raise_decode("input is empty");
-  tree_builder builder(size, max_depth);
-  std::size_t offset = 0;
-  bool ok = false;
-  try {
-    ok = msgpack::parse(data, size, offset, builder);
-  } catch (const std::exception& e) {
-    raise_decode(e.what());
-  }
-  if (!ok) raise_decode(builder.error().empty() ? "malformed input" : builder.error());
-  if (offset != size)
-    raise_decode(zelbase::string_with_format("%zu bytes after the value", size - offset));
-  return builder.take_root();
+  return tree_reader(data, size, max_depth).read_whole();
 }
 
 properties decode_properties(const char* data, std::size_t size, std::size_t max_depth) {

@@ -44,7 +44,8 @@ const properties* as_tree(const property_ptr& p) {
 properties* child_to_change(property_ptr& slot) {
   const properties* tree = as_tree(slot);
   if (tree && tree->refcount() == 1) return const_cast<properties*>(tree);
-  zelbase::ptr_refcount<properties> own(tree ? new properties(*tree) : new properties);
+  auto own =
+      tree ? zelbase::make_refcount<properties>(*tree) : zelbase::make_refcount<properties>();
   properties* child = own.get();
   slot = std::move(own);
   return child;

@@ -2,9 +2,10 @@
 // down by the thousand (a snapshot holds millions of children); recycling their blocks per
 // thread avoids the allocator's slow paths when a whole tree is freed at once.
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
-#include "zelcore/properties.h"
+#include "arena.h"
 
 namespace zelcore::detail {
 
@@ -15,6 +16,9 @@ constexpr std::size_t classes = 4;  // blocks of 16, 32, 48 and 64 bytes
 // Per class and thread, at most this many bytes wait for reuse (a whole decoded snapshot's
 // worth); beyond, blocks go back to the allocator.
 constexpr std::size_t max_cached_bytes = std::size_t{16} << 20;
+constexpr std::uint32_t max_cached_blocks[classes] = {
+    max_cached_bytes / (1 * class_bytes), max_cached_bytes / (2 * class_bytes),
+    max_cached_bytes / (3 * class_bytes), max_cached_bytes / (4 * class_bytes)};
 
 struct free_block {
   free_block* next;
@@ -47,8 +51,6 @@ struct cache_closer {
 
 thread_local cache_closer closer __attribute__((tls_model("initial-exec")));
 
-}  // namespace
-
 void* pool_allocate(std::size_t size) {
   const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
   if (index < classes) {
@@ -69,8 +71,7 @@ void pool_free(void* p, std::size_t size) noexcept {
   if (!p) return;
   const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
   cache& c = local_cache;
-  if (index < classes && !c.closed &&
-      c.counts[index] < max_cached_bytes / ((index + 1) * class_bytes)) {
+  if (index < classes && !c.closed && c.counts[index] < max_cached_blocks[index]) {
     // A thread may free blocks without ever allocating one: it too must return them at its end.
     if (!c.heads[index]) (void)&closer;
     auto* block = static_cast<free_block*>(p);
@@ -80,6 +81,25 @@ void pool_free(void* p, std::size_t size) noexcept {
     return;
   }
   std::free(p);
+}
+
+}  // namespace
+
+void* block_allocate(std::size_t size) {
+  char* block = static_cast<char*>(pool_allocate(block_prefix_bytes + size));
+  std::memset(block, 0, block_prefix_bytes);
+  return block + block_prefix_bytes;
+}
+
+void block_free(void* p, std::size_t size) noexcept {
+  if (!p) return;
+  char* block = static_cast<char*>(p) - block_prefix_bytes;
+  arena_chunk* chunk;
+  std::memcpy(&chunk, block, block_prefix_bytes);
+  if (chunk)
+    arena_release(chunk);
+  else
+    pool_free(block, block_prefix_bytes + size);
 }
 
 }  // namespace zelcore::detail

@@ -27,8 +27,10 @@ class ZELBASE_EXPORT object_refcount {
   }
   // Drops one owner; deletes the object when that was the last one.
   void release() const noexcept {
-    if (count_.load(std::memory_order_relaxed) >= immortal_count) return;
-    if (count_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    const std::uint32_t count = count_.load(std::memory_order_acquire);
+    if (count >= immortal_count) return;
+    // A sole owner needs no atomic write: no other thread holds the object to count it again.
+    if (count == 1 || count_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
   std::uint32_t refcount() const noexcept { return count_.load(std::memory_order_acquire); }
 
@@ -38,6 +40,9 @@ class ZELBASE_EXPORT object_refcount {
   void make_immortal() const noexcept { count_.store(immortal_count, std::memory_order_relaxed); }
 
  protected:
+  template <class>
+  friend class ptr_refcount;
+
   virtual ~object_refcount();
 
  private:
@@ -67,6 +72,12 @@ class ptr_refcount {
   }
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   ptr_refcount(ptr_refcount<U>&& o) noexcept : p_(o.detach()) {}
+  // Takes the first count of an object just created, which no other thread can reach yet,
+  // without an atomic operation.
+  static ptr_refcount adopt_new(T* fresh) noexcept {
+    fresh->count_.store(1, std::memory_order_relaxed);
+    return ptr_refcount(fresh, adopted{});
+  }
   ~ptr_refcount() {
     if (p_) p_->release();
   }
@@ -95,8 +106,18 @@ class ptr_refcount {
   T* detach() noexcept { return std::exchange(p_, nullptr); }
 
  private:
+  struct adopted {};
+  ptr_refcount(T* p, adopted) noexcept : p_(p) {}
+
   T* p_ = nullptr;
 };
+
+// Creates an object owned by the returned pointer (its first count taken without an atomic
+// operation), as std::make_shared does for shared_ptr.
+template <class T, class... Args>
+ptr_refcount<T> make_refcount(Args&&... args) {
+  return ptr_refcount<T>::adopt_new(new T(std::forward<Args>(args)...));
+}
 
 template <class T, class U>
 bool operator==(const ptr_refcount<T>& a, const ptr_refcount<U>& b) noexcept {

@@ -37,12 +37,8 @@ class properties;
 using property_ptr = zelbase::ptr_refcount<const property>;
 
 namespace detail {
-// Small-block allocation for tree objects (thread-local free lists; any thread may free).
-ZELCORE_EXPORT void* pool_allocate(std::size_t size);
-ZELCORE_EXPORT void pool_free(void* p, std::size_t size) noexcept;
-
-// Tree objects come from a pool block or from an arena, the contiguous memory in which a
-// decoder builds a whole tree; either way any thread may free them.
+// Tree objects come from a pool block (thread-local free lists) or from an arena, the
+// contiguous memory in which a decoder builds a whole tree; either way any thread may free them.
 class arena;
 ZELCORE_EXPORT void* block_allocate(std::size_t size);
 ZELCORE_EXPORT void* block_allocate(std::size_t size, arena& in);
@@ -166,7 +162,8 @@ class ZELCORE_EXPORT property_entry {
   property_entry() = default;
   property_entry(std::string key, property_ptr value)
       : first(std::move(key)), second(std::move(value)), order_(order_of(first)) {}
-  property_entry(const char* key, std::size_t size) : first(key, size), order_(order_of(first)) {}
+  property_entry(const char* key, std::size_t size)
+      : first(key, size), order_(order_of(key, size)) {}
 
   template <std::size_t I>
   decltype(auto) get() const {
@@ -179,14 +176,20 @@ class ZELCORE_EXPORT property_entry {
   // The first eight bytes of a key as a big-endian number, zero-padded: keys compare by it
   // first, which decides most comparisons without looking at the bytes.
   static std::uint64_t order_of(const std::string& key) noexcept {
-    unsigned char bytes[8] = {};
-    std::memcpy(bytes, key.data(), key.size() < 8 ? key.size() : 8);
-    std::uint64_t order;
-    std::memcpy(&order, bytes, 8);
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    order = __builtin_bswap64(order);
-#endif
-    return order;
+    return order_of(key.data(), key.size());
+  }
+  // Whole loads only (a short key's bytes assembled from overlapping ones): a load that spans
+  // several smaller stores of the key just written would wait for them.
+  static std::uint64_t order_of(const char* key, std::size_t size) noexcept {
+    if (size >= 8) return big_endian<std::uint64_t>(key);
+    if (size >= 4)
+      return std::uint64_t{big_endian<std::uint32_t>(key)} << 32 |
+             std::uint64_t{big_endian<std::uint32_t>(key + size - 4)} << (64 - 8 * size);
+    if (size == 0) return 0;
+    const auto byte = [key](std::size_t i) {
+      return std::uint64_t{static_cast<unsigned char>(key[i])} << (56 - 8 * i);
+    };
+    return byte(0) | byte(size / 2) | byte(size - 1);
   }
   std::uint64_t order() const noexcept { return order_; }
 
@@ -194,6 +197,19 @@ class ZELCORE_EXPORT property_entry {
   property_ptr second;
 
  private:
+  template <class T>
+  static T big_endian(const char* bytes) noexcept {
+    T value;
+    std::memcpy(&value, bytes, sizeof value);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if constexpr (sizeof value == 8)
+      value = __builtin_bswap64(value);
+    else
+      value = __builtin_bswap32(value);
+#endif
+    return value;
+  }
+
   std::uint64_t order_ = 0;
 };
 
@@ -310,8 +326,8 @@ constexpr std::size_t default_decode_max_depth = 256;
 
 // Builds a property from the network encoding. The whole input must be one value. Raises
 // es::arg with the reason for truncated, malformed or unsupported input (floats, binary, ext,
-// nil outside a map, non-string keys, nesting deeper than max_depth). A nil map value means
-// the key is absent; duplicate keys keep the last value.
+// nil outside a map, non-string keys, nesting deeper than max_depth, which is at most 1024).
+// A nil map value means the key is absent; duplicate keys keep the last value.
 ZELCORE_EXPORT property_ptr decode_property(const char* data, std::size_t size,
                                             std::size_t max_depth = default_decode_max_depth);
 // As decode_property, for input whose top value must be a map.
