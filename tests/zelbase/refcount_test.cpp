@@ -69,3 +69,35 @@ TEST(ObjectRefcount, CopyOfAnObjectStartsWithNoOwners) {
   tracked copy(*p);
   EXPECT_EQ(copy.refcount(), 0u);
 }
+
+TEST(PtrRefcount, MakeRefcountCreatesTheFirstOwner) {
+  int deaths = 0;
+  {
+    zelbase::ptr_refcount<tracked> a = zelbase::make_refcount<tracked>(&deaths);
+    EXPECT_EQ(a->refcount(), 1u);
+    zelbase::ptr_refcount<const tracked> b = a;
+    EXPECT_EQ(a->refcount(), 2u);
+    a.reset();
+    EXPECT_EQ(b->refcount(), 1u);
+    EXPECT_EQ(deaths, 0);
+  }
+  EXPECT_EQ(deaths, 1);
+}
+
+// The last owner frees without an atomic write; owners released on other threads must still be
+// counted exactly once each.
+TEST(PtrRefcount, LastOwnerOnAnyThreadFreesOnce) {
+  int deaths = 0;
+  for (int round = 0; round < 200; ++round) {
+    zelbase::ptr_refcount<tracked> shared = zelbase::make_refcount<tracked>(&deaths);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+      threads.emplace_back([copy = shared]() mutable {
+        for (int i = 0; i < 100; ++i) zelbase::ptr_refcount<tracked> more = copy;
+        copy.reset();
+      });
+    shared.reset();
+    for (std::thread& t : threads) t.join();
+  }
+  EXPECT_EQ(deaths, 200);
+}
