@@ -121,6 +121,27 @@ TEST(PropertyTreeRandom, MergeEqualsStoringEveryLeafAtItsReference) {
   }
 }
 
+// Wide records, whose update keys lie far apart: the search goes past the nearby entries and
+// halves the rest.
+TEST(PropertyTreeRandom, MergeIntoWideRecordsEqualsStoringEveryLeafAtItsReference) {
+  random_trees random(31);
+  for (int round = 0; round < 300; ++round) {
+    properties record(false);
+    properties update(false);
+    for (int i = 0; i < 200; ++i) {
+      const std::string key = "field-" + std::to_string(i * 7 % 200);
+      record[key] = random.leaf();
+      if (random.below(20) == 0) update[key] = random.leaf();
+      if (random.below(50) == 0)
+        update[key + "-new"] = property_ptr(new properties(random.tree(2)));
+      if (random.below(60) == 0) update[key] = property_ptr(new properties(random.tree(2)));
+    }
+    const properties expected = merged_by_reference(record, update);
+    record.merge_leaves(update);
+    ASSERT_TRUE(record == expected) << "round " << round;
+  }
+}
+
 TEST(PropertyTreeRandom, MergeIntoARecordWhoseSubtreesAreSharedElsewhere) {
   random_trees random(77);
   for (int round = 0; round < 1000; ++round) {

@@ -74,26 +74,27 @@ void properties_builder::normalise(properties::container& entries) {
 }
 }  // namespace detail
 
-properties::properties(bool) noexcept {}
+properties::properties(bool) noexcept : property(kind_properties) {}
 properties::properties(const properties& other) noexcept : property(other), body_(other.body_) {}
 properties::properties(properties&& other) noexcept
     : property(other), body_(std::move(other.body_)) {}
 
-properties::properties(const std::map<std::string, std::string>& strings) {
+properties::properties(const std::map<std::string, std::string>& strings)
+    : property(kind_properties) {
   if (strings.empty()) return;
   container& out = mutable_entries();
   out.reserve(strings.size());
   for (const auto& [key, text] : strings) out.emplace_back(key, make_string(text));
 }
 
-properties::properties(std::initializer_list<entry> children) {
+properties::properties(std::initializer_list<entry> children) : property(kind_properties) {
   if (children.size() == 0) return;
   container& out = mutable_entries();
   out.assign(children.begin(), children.end());
   detail::properties_builder::normalise(out);
 }
 
-properties::properties(container children) {
+properties::properties(container children) : property(kind_properties) {
   if (children.empty()) return;
   container& out = mutable_entries();
   out = std::move(children);

@@ -38,7 +38,8 @@ inline const property_entry* entry_lower_bound(const property_entry* first,
   if (n == 0) return first;
   while (n > 1) {
     const std::size_t half = n / 2;
-    first = first[half - 1].order() < order ? first + half : first;
+    // A multiply rather than a conditional, which compilers may turn back into a jump.
+    first += half * static_cast<std::size_t>(first[half - 1].order() < order);
     n -= half;
   }
   if (first->order() < order) ++first;

@@ -8,6 +8,9 @@
 
 namespace zelcore {
 
+static_assert(sizeof(property) == sizeof(zelbase::object_refcount),
+              "a property's kind lives in the padding after its count");
+
 namespace detail {
 
 void append_json_string(std::string& out, const std::string& text) {
@@ -103,7 +106,8 @@ template class property_scalar<property_int, std::int64_t, property::kind_int>;
 template class property_scalar<property_bool, bool, property::kind_bool>;
 template class property_scalar<property_string, std::string, property::kind_string>;
 
-property_list::property_list(const zelbase::ptr_refcount<const property_list>& other) {
+property_list::property_list(const zelbase::ptr_refcount<const property_list>& other)
+    : property(kind_list) {
   if (other) values_ = other->values_;
 }
 

@@ -149,18 +149,26 @@ void properties::set_at_reference(const std::string& ref, const property_ptr& va
 }
 
 void properties::merge_leaves(const properties& update) {
+  if (!update.body_) return;
   // Both trees are sorted: each key of the update is searched from where the last one was
-  // found. This tree is detached only when the update has a leaf.
+  // found, first among the next few entries (an update's keys are usually close together in
+  // a record), then by halving. This tree is detached only when the update has a leaf.
   container* all = nullptr;
   std::size_t from = 0;
-  for (const entry& change : update) {
+  for (const entry& change : update.body_->entries) {
     const property_ptr& value = change.second;
     if (!value) continue;
     const properties* nested = as_tree(value);
     if (nested && !has_leaf(*nested)) continue;
     if (!all) all = &mutable_entries();
-    const entry* found = detail::entry_lower_bound(all->data() + from, all->data() + all->size(),
-                                                   change.first, change.order());
+    const entry* const last = all->data() + all->size();
+    const entry* found = all->data() + from;
+    for (int near = 0;
+         near < 8 && found != last && detail::entry_before(*found, change.first, change.order());
+         ++near)
+      ++found;
+    if (found != last && detail::entry_before(*found, change.first, change.order()))
+      found = detail::entry_lower_bound(found, last, change.first, change.order());
     auto it = all->begin() + (found - all->data());
     // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
     if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))

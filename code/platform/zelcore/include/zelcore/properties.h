@@ -64,7 +64,8 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
   static void operator delete(void* p, std::size_t size) noexcept { detail::block_free(p, size); }
   static void operator delete(void* p, detail::arena&) noexcept { detail::block_free(p, 0); }
 
-  virtual property_kind kind() const = 0;
+  // Held by the object (not a virtual call): the encoder and the merge ask it of every value.
+  property_kind kind() const noexcept { return kind_; }
   // Writes the property in the network encoding (MessagePack).
   virtual void encode(zelbase::encoder_network& encoder) const = 0;
   // A deep copy that shares nothing with this property.
@@ -78,6 +79,13 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
   // Orders by kind, then by value (lists and trees lexicographically).
   virtual bool operator<(const property& other) const = 0;
   bool operator!=(const property& other) const { return !(*this == other); }
+
+ protected:
+  explicit property(property_kind kind) noexcept : kind_(kind) {}
+  property(const property& other) noexcept = default;
+
+ private:
+  const property_kind kind_;  // in the counter's padding: no memory of its own
 };
 
 // Name of a kind: "int", "bool", "string", "list", "properties".
@@ -89,7 +97,6 @@ class ZELCORE_EXPORT property_scalar : public property {
  public:
   const T& value() const noexcept { return value_; }
 
-  property_kind kind() const override { return Kind; }
   void encode(zelbase::encoder_network& encoder) const override;
   zelbase::ptr_refcount<property> clone() const override;
   std::string to_string() const override;
@@ -99,7 +106,7 @@ class ZELCORE_EXPORT property_scalar : public property {
 
  protected:
   template <class... Args>
-  explicit property_scalar(Args&&... args) : value_(std::forward<Args>(args)...) {}
+  explicit property_scalar(Args&&... args) : property(Kind), value_(std::forward<Args>(args)...) {}
 
  private:
   T value_;
@@ -130,15 +137,15 @@ class ZELCORE_EXPORT property_list final : public property {
  public:
   using list_type = std::list<property_ptr>;
 
-  property_list() = default;
-  explicit property_list(list_type values) noexcept : values_(std::move(values)) {}
+  property_list() noexcept : property(kind_list) {}
+  explicit property_list(list_type values) noexcept
+      : property(kind_list), values_(std::move(values)) {}
   // A list with the same elements as `other` (shared); a null pointer gives an empty list.
   explicit property_list(const zelbase::ptr_refcount<const property_list>& other);
 
   const list_type& value() const noexcept { return values_; }
   void push_back(property_ptr value) { values_.push_back(std::move(value)); }
 
-  property_kind kind() const override { return kind_list; }
   void encode(zelbase::encoder_network& encoder) const override;
   zelbase::ptr_refcount<property> clone() const override;
   std::string to_string() const override;
@@ -237,7 +244,6 @@ class ZELCORE_EXPORT properties final : public property {
   properties& operator=(const properties& other) noexcept;
   properties& operator=(properties&& other) noexcept;
 
-  property_kind kind() const override { return kind_properties; }
   void encode(zelbase::encoder_network& encoder) const override;
   zelbase::ptr_refcount<property> clone() const override;
   std::string to_string() const override;
