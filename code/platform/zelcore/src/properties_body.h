@@ -74,6 +74,10 @@ struct properties_body : zelbase::object_refcount {
 
 // Fills a tree from entries in any order without a lookup per entry (used by the decoder).
 struct properties_builder {
+  // The entries of a tree, or null for a tree that has never held one.
+  static const properties::container* entries_of(const properties& tree) {
+    return tree.body_ ? &tree.body_->entries : nullptr;
+  }
   static properties::container& entries(properties& tree) { return tree.mutable_entries(); }
   // The entries of a new, empty tree, their holder allocated in `in`.
   static properties::container& entries(properties& tree, arena& in) {

@@ -1,11 +1,10 @@
 // Decoding of the network encoding (MessagePack) into property trees. The reader walks the
 // whole input in one recursive pass and builds each value where it is read: every notification
 // passes through here, and a general streaming parser costs more than the tree it feeds. It
-// never reads past the input and never reserves more than the input could hold. Writing goes
-// through msgpack-cxx's packer.
+// never reads past the input and never reserves more than the input could hold.
 #include <algorithm>
-
-#include <msgpack.hpp>
+#include <cstdint>
+#include <cstring>
 #include <optional>
 
 #include "arena.h"
@@ -228,57 +227,164 @@ class tree_reader {
 namespace detail {
 
 namespace {
-using packer = msgpack::packer<zelbase::encoder_network>;
 
-void pack(const property& value, packer& out) {
-  switch (value.kind()) {
-    case property::kind_int:
-      out.pack_int64(static_cast<const property_int&>(value).value());
-      return;
-    case property::kind_bool:
-      if (static_cast<const property_bool&>(value).value())
-        out.pack_true();
-      else
-        out.pack_false();
-      return;
-    case property::kind_string: {
-      const std::string& text = static_cast<const property_string&>(value).value();
-      out.pack_str(static_cast<std::uint32_t>(text.size()));
-      out.pack_str_body(text.data(), static_cast<std::uint32_t>(text.size()));
-      return;
-    }
-    case property::kind_list: {
-      const auto& list = static_cast<const property_list&>(value).value();
-      out.pack_array(static_cast<std::uint32_t>(list.size()));
-      for (const auto& element : list) {
-        if (element)
-          pack(*element, out);
-        else
-          out.pack_nil();
-      }
-      return;
-    }
-    case property::kind_properties: {
-      const auto& tree = static_cast<const properties&>(value);
-      out.pack_map(static_cast<std::uint32_t>(tree.size()));
-      // A null slot travels as nil, which decodes as an absent key.
-      for (const auto& [key, child] : tree) {
-        out.pack_str(static_cast<std::uint32_t>(key.size()));
-        out.pack_str_body(key.data(), static_cast<std::uint32_t>(key.size()));
-        if (child)
-          pack(*child, out);
-        else
-          out.pack_nil();
-      }
-      return;
+// Writes trees straight into the encoder's buffer: one room check per entry (a key and a leaf
+// together), headers put byte by byte, short keys copied inline, and a call only per nested
+// container. The bytes are those of msgpack-cxx's packer (the shortest form of every header and
+// integer), whose write per piece took twice the time;
+// tests/zelcore/property_encode_reference_test.cpp holds the two to the same output.
+class tree_writer {
+ public:
+  explicit tree_writer(zelbase::encoder_network& out) : out_(out) {}
+  ~tree_writer() { out_.advance(static_cast<std::size_t>(next_ - start_)); }
+  tree_writer(const tree_writer&) = delete;
+  tree_writer& operator=(const tree_writer&) = delete;
+
+  void write(const property& value) {
+    switch (value.kind()) {
+      case property::kind_list: return write_list(static_cast<const property_list&>(value));
+      case property::kind_properties: return write_tree(static_cast<const properties&>(value));
+      default: next_ = put_leaf(room(leaf_room(value)), value);
     }
   }
-}
+
+ private:
+  static constexpr std::size_t header_room = 5;  // the longest str, array or map header
+  static constexpr std::size_t int_room = 9;
+
+  // At least `size` bytes free at next_; the buffer is taken from the encoder in large pieces.
+  char* room(std::size_t size) {
+    if (static_cast<std::size_t>(limit_ - next_) < size) {
+      out_.advance(static_cast<std::size_t>(next_ - start_));
+      const std::size_t piece = size > 4096 ? size : 4096;
+      start_ = next_ = out_.room(piece);
+      limit_ = start_ + piece;
+    }
+    return next_;
+  }
+
+  static std::size_t leaf_room(const property& leaf) {
+    return leaf.kind() == property::kind_string
+               ? header_room + static_cast<const property_string&>(leaf).value().size()
+               : int_room;
+  }
+
+  void write_list(const property_list& list) {
+    next_ = put_header(room(header_room), list.value().size(), 0x90, 0xdc);
+    for (const auto& element : list.value()) {
+      if (element)
+        write(*element);
+      else
+        next_ = put_byte(room(1), 0xc0);  // refused by the decoder, as a null element must be
+    }
+  }
+
+  void write_tree(const properties& tree) {
+    const properties::container* entries = properties_builder::entries_of(tree);
+    next_ = put_header(room(header_room), entries ? entries->size() : 0, 0x80, 0xde);
+    if (!entries) return;
+    for (const auto& [key, child] : *entries) {
+      if (!child) {  // a null slot travels as nil, which decodes as an absent key
+        next_ = put_byte(put_string(room(header_room + key.size() + 1), key), 0xc0);
+      } else if (child->kind() == property::kind_list ||
+                 child->kind() == property::kind_properties) {
+        next_ = put_string(room(header_room + key.size()), key);
+        write(*child);
+      } else {
+        next_ =
+            put_leaf(put_string(room(header_room + key.size() + leaf_room(*child)), key), *child);
+      }
+    }
+  }
+
+  static char* put_leaf(char* at, const property& leaf) {
+    switch (leaf.kind()) {
+      case property::kind_int: return put_int(at, static_cast<const property_int&>(leaf).value());
+      case property::kind_bool:
+        return put_byte(at, static_cast<const property_bool&>(leaf).value() ? 0xc3 : 0xc2);
+      default: return put_string(at, static_cast<const property_string&>(leaf).value());
+    }
+  }
+
+  template <class T>
+  static char* put_big_endian(char* at, T value) {
+    for (std::size_t i = sizeof(T); i-- > 0;) *at++ = static_cast<char>(value >> (8 * i));
+    return at;
+  }
+  static char* put_byte(char* at, unsigned v) {
+    *at = static_cast<char>(v);
+    return at + 1;
+  }
+  static char* put_string(char* at, const std::string& text) {
+    const std::size_t size = text.size();
+    if (size < 32)
+      at = put_byte(at, 0xa0 | static_cast<unsigned>(size));
+    else if (size < 256)
+      at = put_byte(put_byte(at, 0xd9), static_cast<unsigned>(size));
+    else if (size < 65536)
+      at = put_big_endian(put_byte(at, 0xda), static_cast<std::uint16_t>(size));
+    else
+      at = put_big_endian(put_byte(at, 0xdb), static_cast<std::uint32_t>(size));
+    copy(at, text.data(), size);
+    return at + size;
+  }
+  // An array or map header: the fix form below 16 elements, else 16 or 32 bits.
+  static char* put_header(char* at, std::size_t count, unsigned fix, unsigned wide16) {
+    if (count < 16) return put_byte(at, fix | static_cast<unsigned>(count));
+    if (count < 65536)
+      return put_big_endian(put_byte(at, wide16), static_cast<std::uint16_t>(count));
+    return put_big_endian(put_byte(at, wide16 + 1), static_cast<std::uint32_t>(count));
+  }
+  static char* put_int(char* at, std::int64_t v) {
+    if (v >= -32 && v < 128) return put_byte(at, static_cast<unsigned char>(v));
+    if (v < 0) {
+      if (v >= -128) return put_big_endian(put_byte(at, 0xd0), static_cast<std::uint8_t>(v));
+      if (v >= -32768) return put_big_endian(put_byte(at, 0xd1), static_cast<std::uint16_t>(v));
+      if (v >= INT32_MIN) return put_big_endian(put_byte(at, 0xd2), static_cast<std::uint32_t>(v));
+      return put_big_endian(put_byte(at, 0xd3), static_cast<std::uint64_t>(v));
+    }
+    if (v < 256) return put_big_endian(put_byte(at, 0xcc), static_cast<std::uint8_t>(v));
+    if (v < 65536) return put_big_endian(put_byte(at, 0xcd), static_cast<std::uint16_t>(v));
+    if (v <= UINT32_MAX) return put_big_endian(put_byte(at, 0xce), static_cast<std::uint32_t>(v));
+    return put_big_endian(put_byte(at, 0xcf), static_cast<std::uint64_t>(v));
+  }
+
+  // Keys and most values are short: copied with whole loads (reading only `size` bytes)
+  // instead of a call per piece.
+  static void copy(char* to, const char* from, std::size_t size) {
+    if (size > 16) {
+      std::memcpy(to, from, size);
+    } else if (size >= 8) {
+      copy_ends<std::uint64_t>(to, from, size);
+    } else if (size >= 4) {
+      copy_ends<std::uint32_t>(to, from, size);
+    } else if (size > 0) {
+      to[0] = from[0];
+      to[size / 2] = from[size / 2];
+      to[size - 1] = from[size - 1];
+    }
+  }
+  // The first and the last sizeof(T) bytes, which together cover the piece.
+  template <class T>
+  static void copy_ends(char* to, const char* from, std::size_t size) {
+    T head;
+    T tail;
+    std::memcpy(&head, from, sizeof head);
+    std::memcpy(&tail, from + size - sizeof tail, sizeof tail);
+    std::memcpy(to, &head, sizeof head);
+    std::memcpy(to + size - sizeof tail, &tail, sizeof tail);
+  }
+
+  zelbase::encoder_network& out_;
+  char* start_ = nullptr;  // where the piece taken from the encoder begins
+  char* next_ = nullptr;
+  char* limit_ = nullptr;
+};
+
 }  // namespace
 
 void pack_property(const property& value, zelbase::encoder_network& encoder) {
-  packer out(encoder);
-  pack(value, out);
+  tree_writer(encoder).write(value);
 }
 
 }  // namespace detail

@@ -36,6 +36,14 @@ class ZELBASE_EXPORT encoder_network {
     size_ += size;
   }
 
+  // For writers that fill the buffer themselves: room for at least `size` more bytes at the end,
+  // to be written and then committed with advance().
+  char* room(std::size_t size) {
+    if (capacity_ - size_ < size) grow(size);
+    return data_.get() + size_;
+  }
+  void advance(std::size_t size) noexcept { size_ += size; }
+
   const char* data() const noexcept { return data_.get(); }
   std::size_t size() const noexcept { return size_; }
   std::string_view view() const noexcept { return {data_.get(), size_}; }
