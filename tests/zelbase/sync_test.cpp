@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
 
 #include "zelbase/exceptions.h"
 #include "zelbase/sync.h"
@@ -93,4 +94,34 @@ TEST(Thread, TerminateIsAVirtualOperationOfTheBody) {
   base.terminate();
   t.join();
   EXPECT_TRUE(body.stop);
+}
+
+// A body that raises ends its thread, not the process; join() hands the error over once.
+TEST(Thread, JoinRaisesWhatTheBodyRaisedOnce) {
+  struct failing : zelbase::thread_base {
+    void run() override { zelbase::es::arg::raise("body.cpp", 7, "no such job"); }
+  } body;
+  zelbase::thread t;
+  t.start(body);
+  try {
+    t.join();
+    ADD_FAILURE() << "no error";
+  } catch (const zelbase::es::arg& e) {
+    EXPECT_EQ(e.message(), "no such job");
+  }
+  EXPECT_NO_THROW(t.join());
+  counting_body counting;
+  t.start(counting);
+  EXPECT_NO_THROW(t.join());
+  EXPECT_EQ(counting.runs, 1);
+}
+
+TEST(Thread, DestroyingAThreadWhoseBodyRaisedDoesNotRaise) {
+  struct failing : zelbase::thread_base {
+    void run() override { throw std::runtime_error("lost"); }
+  } body;
+  EXPECT_NO_THROW({
+    zelbase::thread t;
+    t.start(body);
+  });
 }

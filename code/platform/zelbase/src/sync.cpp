@@ -1,6 +1,8 @@
 // Locks, threads and reference-counted objects.
 #include "zelbase/sync.h"
 
+#include <utility>
+
 #include "zelbase/exceptions.h"
 #include "zelbase/refcount.h"
 
@@ -35,15 +37,27 @@ thread_base::~thread_base() = default;
 void thread_base::terminate() {}
 
 thread::thread() = default;
-thread::~thread() { join(); }
+thread::~thread() { wait(); }
 
 void thread::start(thread_base& body) {
   if (worker_.joinable()) es::uspec::raise(source_file, __LINE__, "thread is already running");
-  worker_ = std::thread([&body] { body.run(); });
+  failure_ = nullptr;
+  worker_ = std::thread([this, &body] {
+    try {
+      body.run();
+    } catch (...) {
+      failure_ = std::current_exception();
+    }
+  });
+}
+
+void thread::wait() noexcept {
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
 }
 
 void thread::join() {
-  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+  wait();
+  if (failure_ && !worker_.joinable()) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
 }  // namespace zelbase

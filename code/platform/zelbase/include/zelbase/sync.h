@@ -1,6 +1,7 @@
 // Locks and threads: mutex with trylock, thread_base (a thread's body) and thread.
 #pragma once
 
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -37,7 +38,8 @@ class ZELBASE_EXPORT thread_base {
 };
 
 // Runs one thread_base on a new thread. The body must outlive the thread; join() before
-// destroying either. A thread still running at destruction is joined there.
+// destroying either. A thread still running at destruction is joined there. An exception that
+// escapes run() ends the thread, not the process: join() raises it.
 class ZELBASE_EXPORT thread {
  public:
   thread();
@@ -47,12 +49,16 @@ class ZELBASE_EXPORT thread {
 
   // Starts body.run() on a new thread; raises es::uspec when a thread is already running.
   void start(thread_base& body);
-  // Waits for the thread to end; returns at once when none was started.
+  // Waits for the thread to end; returns at once when none was started. Raises what run()
+  // raised, once (the destructor, which must not raise, drops it).
   void join();
   bool joinable() const noexcept { return worker_.joinable(); }
 
  private:
+  void wait() noexcept;
+
   std::thread worker_;
+  std::exception_ptr failure_;  // written by the worker, read after it is joined
 };
 
 }  // namespace zelbase
