@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 
 #include "support/raw_peer.h"
@@ -208,4 +209,46 @@ TEST(SocketConnector, OnlyTheTcpKindIsAccepted) {
   EXPECT_FALSE(connector.create_connect("127.0.0.1", std::to_string(listener.port()), 17));
   EXPECT_FALSE(connector.get_file().is_open());
   EXPECT_EQ(connector.last_error(), "unsupported socket kind 17");
+}
+
+// A link whose callback raises on the first packet it gets.
+class raising_link : public collecting_link {
+ public:
+  using collecting_link::collecting_link;
+  bool raised = false;
+
+ protected:
+  bool packet_received(const packet& in, packet& out) override {
+    if (!raised && is_established()) {
+      raised = true;
+      throw std::runtime_error("handler failed");
+    }
+    return collecting_link::packet_received(in, out);
+  }
+};
+
+// The packets that came in the same read as the one whose callback raised are handled by the
+// next wait, without the peer sending anything more.
+TEST(Link, PacketsAfterACallbackThatRaisedAreHandledByTheNextWait) {
+  raw_peer peer([](int fd) {
+    accept_hello(fd);
+    read_exactly(fd, 1);  // the client is connected: the packets come in a read of their own
+    write_all(fd, encode_packet_frame(numbered(1)) + encode_packet_frame(numbered(2)) +
+                      encode_packet_frame(numbered(3)));
+    read_exactly(fd, 1);
+  });
+  zelnet::ioctrl c(16000);
+  raising_link link(c, 2);
+  connect_link(c, link, peer);
+  write_all(link.get_file().descriptor(), "x");
+  EXPECT_THROW(c.wait(5000), std::runtime_error);
+  EXPECT_TRUE(link.raised);
+  EXPECT_TRUE(link.packets.empty());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  ASSERT_EQ(link.packets.size(), 2u);
+  EXPECT_EQ(link.packets[0].get_properties().get_int_value("i"), 2);
+  EXPECT_EQ(link.packets[1].get_properties().get_int_value("i"), 3);
+  c.clear();
 }

@@ -46,6 +46,10 @@ bool ioctrl::hdlr::wants_write() const { return false; }
 
 bool ioctrl::hdlr::write(zelbase::file&, ioctrl&) { return true; }
 
+bool ioctrl::hdlr::has_pending_input() const { return false; }
+
+bool ioctrl::hdlr::resume(zelbase::file&, unsigned, ioctrl&) { return true; }
+
 ioctrl::ioctrl(unsigned capacity) : buffer_(capacity == 0 ? 1 : capacity) {}
 
 ioctrl::~ioctrl() {
@@ -152,6 +156,7 @@ void ioctrl::retire(std::unique_ptr<hdlr> h) {
 }
 
 int ioctrl::poll_once(int ms) {
+  if (const int resumed = resume_pending()) return resumed;
   std::vector<pollfd> fds;
   std::vector<std::uint64_t> ids;
   fds.reserve(entries_.size());
@@ -172,6 +177,25 @@ int ioctrl::poll_once(int ms) {
   }
   sweep();
   return ready;
+}
+
+int ioctrl::resume_pending() {
+  std::vector<std::pair<int, std::uint64_t>> pending;
+  for (const auto& [fd, e] : entries_)
+    if (!e.listener && e.handler->has_pending_input()) pending.emplace_back(fd, e.id);
+  if (pending.empty()) return 0;
+  {
+    depth_guard guard(depth_);
+    for (const auto& [fd, id] : pending) {
+      if (aborted_) break;
+      const auto it = entries_.find(fd);
+      if (it == entries_.end() || it->second.id != id) continue;
+      entry e = it->second;
+      if (!e.handler->resume(e.file, e.flags, *this)) drop(fd, id);
+    }
+  }
+  sweep();
+  return static_cast<int>(pending.size());
 }
 
 void ioctrl::dispatch(int fd, std::uint64_t id, short events) {

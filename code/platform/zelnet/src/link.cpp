@@ -55,6 +55,17 @@ bool link::read(zelbase::file& f, unsigned, const char* buffer, std::size_t size
     return false;
   }
   decoder_.feed(buffer, size);
+  return handle_frames(f, c);
+}
+
+bool link::has_pending_input() const { return unfinished_; }
+
+bool link::resume(zelbase::file& f, unsigned, ioctrl& c) { return handle_frames(f, c); }
+
+bool link::handle_frames(zelbase::file& f, ioctrl& c) {
+  // Stays set when a callback raises: the frames after it are handled at the next wait or run,
+  // or by a wait inside a callback, without waiting for more bytes.
+  unfinished_ = true;
   while (!closing_) {
     std::string_view frame;
     packet in;
@@ -64,20 +75,24 @@ bool link::read(zelbase::file& f, unsigned, const char* buffer, std::size_t size
         zelbase::encoder_network answer;
         handle(frame, answer);
         out_.append(answer.data(), answer.size());
-        if (!failure_.empty()) return false;
+        if (!failure_.empty()) break;
         continue;
       }
       in = decode_packet(frame.data(), frame.size());
     } catch (const zelbase::es::base& e) {
       fail(e.message());
-      return false;
+      break;
     }
     packet out;
     packet_received(in, out);
     // The callback may have dropped this link (a disconnect from a handler).
-    if (!c.watches(f, *this)) return true;
+    if (!c.watches(f, *this)) {
+      unfinished_ = false;
+      return true;
+    }
     if (!out.get_name().empty()) send(out);
   }
+  unfinished_ = false;
   return flush();
 }
 

@@ -32,6 +32,11 @@ class ZELNET_EXPORT ioctrl {
     virtual bool wants_write() const;
     // `f` is writable; false drops it.
     virtual bool write(zelbase::file& f, ioctrl& c);
+    // True while input already read is not handled yet: a callback raised in the middle of it.
+    // The next wait() or run() then calls resume() before it polls.
+    virtual bool has_pending_input() const;
+    // Handles that input; false drops the file.
+    virtual bool resume(zelbase::file& f, unsigned flags, ioctrl& c);
   };
 
   // `capacity` is the size in bytes of the buffer that reads go through.
@@ -89,6 +94,8 @@ class ZELNET_EXPORT ioctrl {
   // One poll(2) of at most `ms` milliseconds and the dispatch of what it found; returns the
   // number of files that had events.
   int poll_once(int ms);
+  // Lets handlers with input left unhandled finish it; returns their number.
+  int resume_pending();
   void dispatch(int fd, std::uint64_t id, short events);
   void drop(int fd, std::uint64_t id);
   void sweep() noexcept;

@@ -42,6 +42,8 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
             ioctrl& c) override;
   bool wants_write() const override;
   bool write(zelbase::file& f, ioctrl& c) override;
+  bool has_pending_input() const override;
+  bool resume(zelbase::file& f, unsigned flags, ioctrl& c) override;
 
   // Queues `p` and writes at once what the socket takes; the rest goes out inside wait() or
   // run(). Raises es::arg when the packet does not fit in a frame.
@@ -67,6 +69,8 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   // Writes queued bytes until the socket would block; false on a socket error or when a
   // requested close is due.
   bool flush();
+  // Hands each whole frame received to handle() or packet_received().
+  bool handle_frames(zelbase::file& f, ioctrl& c);
 
   ioctrl& controller_;
   zelbase::file file_;
@@ -77,6 +81,7 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   bool attached_ = false;
   bool established_ = false;
   bool closing_ = false;
+  bool unfinished_ = false;  // inside handle_frames, or left by a callback that raised
   std::string failure_;
 };
 
