@@ -1,4 +1,6 @@
 // Property references (JSON Pointer form), leaves, and the leaf-wise merge of a tree.
+#include <algorithm>
+
 #include "properties_body.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
@@ -151,8 +153,9 @@ void properties::set_at_reference(const std::string& ref, const property_ptr& va
 void properties::merge_leaves(const properties& update) {
   if (!update.body_) return;
   // Both trees are sorted: each key of the update is searched from where the last one was
-  // found, first among the next few entries (an update's keys are usually close together in
-  // a record), then by halving. This tree is detached only when the update has a leaf.
+  // found, first among the next few entries by their orders alone (an update's keys are usually
+  // close together in a record), then by halving. This tree is detached only when the update
+  // has a leaf.
   container* all = nullptr;
   std::size_t from = 0;
   for (const entry& change : update.body_->entries) {
@@ -163,12 +166,14 @@ void properties::merge_leaves(const properties& update) {
     if (!all) all = &mutable_entries();
     const entry* const last = all->data() + all->size();
     const entry* found = all->data() + from;
-    for (int near = 0;
-         near < 8 && found != last && detail::entry_before(*found, change.first, change.order());
-         ++near)
-      ++found;
-    if (found != last && detail::entry_before(*found, change.first, change.order()))
+    const entry* const near = found + std::min<std::ptrdiff_t>(16, last - found);
+    while (found != near && found->order() < change.order()) ++found;
+    if (found == near && near != last)
       found = detail::entry_lower_bound(found, last, change.first, change.order());
+    else
+      while (found != last && found->order() == change.order() &&
+             detail::key_less_same_order(found->first, change.first))
+        ++found;
     auto it = all->begin() + (found - all->data());
     // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
     if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))
