@@ -28,6 +28,17 @@ inline bool entry_less(const property_entry& a, const property_entry& b) noexcep
   return entry_before(a, b.first, b.order());
 }
 
+// From `first`, whose order is not below `order`: past the entries of that same order whose keys
+// come before `key` (the few that share its first eight bytes).
+inline const property_entry* entry_past_same_order_before(const property_entry* first,
+                                                          const property_entry* last,
+                                                          const std::string& key,
+                                                          std::uint64_t order) noexcept {
+  while (first != last && first->order() == order && key_less_same_order(first->first, key))
+    ++first;
+  return first;
+}
+
 // The first entry of [first, last) that is not before `key`, whose order is `order`. The halving
 // compares orders only, so that it selects instead of jumping (the comparisons of a lookup
 // cannot be predicted); the few entries that share the first eight bytes are walked after.
@@ -43,9 +54,7 @@ inline const property_entry* entry_lower_bound(const property_entry* first,
     n -= half;
   }
   if (first->order() < order) ++first;
-  while (first != last && first->order() == order && key_less_same_order(first->first, key))
-    ++first;
-  return first;
+  return entry_past_same_order_before(first, last, key, order);
 }
 
 // Whether the entry holds exactly `key`, whose order is `order`.

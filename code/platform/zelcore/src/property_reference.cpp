@@ -168,12 +168,9 @@ void properties::merge_leaves(const properties& update) {
     const entry* found = all->data() + from;
     const entry* const near = found + std::min<std::ptrdiff_t>(16, last - found);
     while (found != near && found->order() < change.order()) ++found;
-    if (found == near && near != last)
-      found = detail::entry_lower_bound(found, last, change.first, change.order());
-    else
-      while (found != last && found->order() == change.order() &&
-             detail::key_less_same_order(found->first, change.first))
-        ++found;
+    found = found == near && near != last
+                ? detail::entry_lower_bound(found, last, change.first, change.order())
+                : detail::entry_past_same_order_before(found, last, change.first, change.order());
     auto it = all->begin() + (found - all->data());
     // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
     if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))
