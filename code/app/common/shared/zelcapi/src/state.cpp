@@ -3,6 +3,7 @@
 
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
+#include "zelbase/time.h"
 
 namespace zelcapi {
 
@@ -26,6 +27,8 @@ const char* db_item_type_c_str(int type) {
 }
 
 state_notification_receiver::~state_notification_receiver() = default;
+state_db::~state_db() = default;
+history_db::~history_db() = default;
 
 workflow_result_info::workflow_result_info(const zelcore::properties& encoded)
     : status(static_cast<std::uint32_t>(encoded.get_int_value("st"))),
@@ -40,9 +43,13 @@ state::state(const zelcore::plugin_db& plugins, state_notification_receiver* rec
              state_db* states, history_db* histories, std::uint32_t history_keep_time)
     : plugin_db_(&plugins),
       receiver_(receiver),
+      workflow_manager_(this, workflows_, workflow_seq_nr_),
       state_db_(states),
       history_db_(histories),
-      history_keep_time_(history_keep_time) {}
+      history_keep_time_(history_keep_time) {
+  if (!history_db_ && history_keep_time_ != 0)
+    history_ = std::make_unique<state>(plugins, nullptr, nullptr, nullptr, 0);
+}
 
 state::~state() = default;
 
@@ -113,6 +120,7 @@ void state::clear_state() {
   for (item_map* items : {&clients_, &nodes_, &submissions_, &sources_, &slots_, &jobs_, &tasks_})
     items->clear();
   workflow_results_.clear();
+  workflows_.clear();
   workflow_seq_nr_ = 0;
 }
 
@@ -149,6 +157,85 @@ void state::get_workflow_results(zelcore::properties& out) const {
     result.encode(encoded);
     out.set_properties_value(id, encoded);
   }
+}
+
+void state::add_workflow(const std::string& workflow_id, const zelcore::properties& workflow) {
+  std::string added;
+  workflow_manager_.add_workflow(workflow, *plugin_db_, added, workflow_id);
+}
+
+void state::add_workflow(const std::string& workflow_id, const workflow_ptr& workflow) {
+  workflows_[workflow_id] = workflow;
+}
+
+void state::remove_workflow(const std::string& workflow_id) {
+  workflow_manager_.remove_workflow(workflow_id);
+}
+
+void state::update_workflow(const zelcore::properties& update) {
+  workflow_manager_.update_workflow(update, *plugin_db_);
+}
+
+bool state::has_workflow_in_state(const std::string& workflow_id) const {
+  return workflows_.count(workflow_id) != 0;
+}
+
+int state::has_workflow_in_state_or_history(const std::string& workflow_id) const {
+  if (has_workflow_in_state(workflow_id)) return 1;
+  return has_workflow_in_history(workflow_id) ? 2 : 0;
+}
+
+const state::workflow_ptr& state::get_workflow_from_state(const std::string& workflow_id) const {
+  const auto it = workflows_.find(workflow_id);
+  if (it == workflows_.end())
+    zelbase::es::arg::raise(source_file, __LINE__, "Workflow ID not found in state");
+  return it->second;
+}
+
+const state::workflow_ptr& state::get_workflow_from_state_or_history(
+    const std::string& workflow_id) const {
+  auto it = workflows_.find(workflow_id);
+  if (it != workflows_.end()) return it->second;
+  if (history_) {
+    it = history_->workflows_.find(workflow_id);
+    if (it != history_->workflows_.end()) return it->second;
+  }
+  zelbase::es::arg::raise(source_file, __LINE__, "Workflow ID not found in state or history");
+}
+
+bool state::has_workflow_in_history(const std::string& workflow_id) const {
+  return history_ && history_->has_workflow_in_state(workflow_id);
+}
+
+const state::workflow_ptr& state::get_workflow_from_history(const std::string& workflow_id) const {
+  if (history_) {
+    const auto it = history_->workflows_.find(workflow_id);
+    if (it != history_->workflows_.end()) return it->second;
+  }
+  zelbase::es::arg::raise(source_file, __LINE__, "Workflow ID not found in history");
+}
+
+void state::wm_cb_workflow_will_be_updated(const std::string& workflow_id,
+                                           const zelcore::properties& update) {
+  if (receiver_) receiver_->on_workflow_will_be_updated(workflow_id, update);
+  if (!history_ && !history_db_) return;
+  if (update.get_string_value("action") != "remove-workflow") return;
+  const auto it = workflows_.find(workflow_id);
+  if (it == workflows_.end()) return;
+  if (history_db_) {
+    zelcore::properties encoded(false);
+    it->second->encode_workflow_info(encoded);
+    history_db_->store_item(db_item_workflow, workflow_id, encoded);
+  }
+  if (history_) {
+    workflow_history_times_.emplace(zelbase::time_in_seconds(), workflow_id);
+    history_->add_workflow(workflow_id, it->second);
+  }
+}
+
+void state::wm_cb_workflow_was_updated(const std::string& workflow_id,
+                                       const zelcore::properties& update) {
+  if (receiver_) receiver_->on_workflow_was_updated(workflow_id, update);
 }
 
 }  // namespace zelcapi

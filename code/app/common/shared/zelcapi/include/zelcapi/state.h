@@ -1,19 +1,30 @@
 // The client's local replica of the cluster state: seven keyed stores of item records (clients,
-// nodes, submissions, sources, slots, jobs, tasks), and the observer that hears of every change.
+// nodes, submissions, sources, slots, jobs, tasks), the workflows with their manager, the
+// workflow results, the history of what left the live state, the snapshot format, and the
+// persistence interfaces (state_db, history_db) with the background saver.
 //
 // Threading: a state takes no lock. It is changed by one thread at a time (the state
 // connection's I/O thread); readers on other threads must be serialised with it by the caller.
-// Receiver callbacks run on the thread that changes the state; an exception raised by a
-// receiver travels to the caller of the state operation, after the store has been changed.
+// Receiver and workflow callbacks run on the thread that changes the state; an exception raised
+// by a receiver travels to the caller of the state operation, after the store has been changed.
+// The one thread a state starts is the saver (save_state_to_db), which touches only its own copy
+// of the state and the state_db.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <set>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
+
+#include "zelbase/refcount.h"
 #include "zelcapi/export.h"
+#include "zelcapi/workflow_manager.h"
 #include "zelcore/plugin_db.h"
 #include "zelcore/properties.h"
+#include "zelworkflow/workflow_info.h"
 
 namespace zelcapi {
 
@@ -44,7 +55,10 @@ enum db_item_type : std::uint32_t {
 class ZELCAPI_EXPORT workflow_result_info {
  public:
   workflow_result_info() = default;
+  explicit workflow_result_info(zelworkflow::workflow_info::status status) : status(status) {}
   explicit workflow_result_info(std::uint32_t status) : status(status) {}
+  workflow_result_info(zelworkflow::workflow_info::status status, std::uint32_t ht)
+      : status(status), ht(ht) {}
   workflow_result_info(std::uint32_t status, std::uint32_t ht) : status(status), ht(ht) {}
   // Reads "st" (required: raises es::arg when missing) and "ht" (default 1), cut to 32 bits.
   explicit workflow_result_info(const zelcore::properties& encoded);
@@ -93,22 +107,102 @@ class ZELCAPI_EXPORT state_notification_receiver {
   virtual void on_historized_workflow_removed(const std::string& workflow_id) = 0;
 };
 
-class state_db;
-class history_db;
+using workflow_result_map = std::map<std::string, workflow_result_info>;
+using properties_cptr = zelbase::ptr_refcount<const zelcore::properties>;
 
-class ZELCAPI_EXPORT state {
+// Where a state is saved. The application implements it (or takes memory_state_db or the SQLite
+// store); the state calls it from the saver thread only, one save at a time. A save is
+// begin_save, store_item for every record (workflows as db_item_workflow), then
+// store_workflow_results and last store_workflow_sequence_number: a store that writes a save as
+// one unit commits it there. A save that raises part-way is abandoned; the next begin_save must
+// discard what it wrote. Loads (set_and_update_from_state_db) run on the caller's thread.
+class ZELCAPI_EXPORT state_db {
+ public:
+  state_db() = default;
+  state_db(const state_db&) = default;
+  state_db& operator=(const state_db&) = default;
+  virtual ~state_db();
+
+  // Removes every saved record, result and sequence number. Not called by the state.
+  virtual void clear() = 0;
+  // The saved records of a kind: one child per id (for db_item_workflow one encoded workflow per
+  // id). Never null: an empty tree when there is nothing.
+  virtual properties_cptr load_items(db_item_type type) = 0;
+  // The saved workflow results in the snapshot's "workflow-results" layout. Never null.
+  virtual properties_cptr load_workflow_results() = 0;
+  // The saved workflow sequence number; 0 when there is none.
+  virtual std::uint64_t load_workflow_sequence_number() = 0;
+  // Stores one record of the save in progress.
+  virtual void store_item(db_item_type type, const std::string& id,
+                          const zelcore::properties& record) = 0;
+  // Removes one saved record. Not called by the state (for stores kept up to date per change).
+  virtual void remove_item(db_item_type type, const std::string& id) = 0;
+  // Stores the workflow results of the save in progress.
+  virtual void store_workflow_results(const workflow_result_map& results) = 0;
+  // Stores the sequence number: the last call of a save, where the save is complete.
+  virtual void store_workflow_sequence_number(std::uint64_t sequence_number) = 0;
+  // Copies one saved record into `out`; false when there is none. Not called by the state.
+  virtual bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) = 0;
+  // Whether a complete save is there to load. Not called by the state.
+  virtual bool has_saved_state() = 0;
+  // Starts a save: the records that follow replace the previous save whole.
+  virtual void begin_save() = 0;
+};
+
+// Where history is kept outside memory. Called on the thread that changes the state.
+class ZELCAPI_EXPORT history_db {
+ public:
+  history_db() = default;
+  history_db(const history_db&) = default;
+  history_db& operator=(const history_db&) = default;
+  virtual ~history_db();
+
+  // The historized records of a kind, one child per id. Never null. Not called by the state.
+  virtual properties_cptr load_items(db_item_type type) = 0;
+  // Copies one historized record into `out`; false when there is none. Not called by the state.
+  virtual bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) = 0;
+  // Stores a historized record (replacing one of the same kind and id) with the current time.
+  virtual void store_item(db_item_type type, const std::string& id,
+                          const zelcore::properties& record) = 0;
+  virtual void remove_item(db_item_type type, const std::string& id) = 0;
+  virtual void remove_items(db_item_type type) = 0;
+  virtual void remove_items(db_item_type type, const std::set<std::string>& ids) = 0;
+  // How many records of a kind are kept. Not called by the state.
+  virtual std::uint64_t count_items(db_item_type type) = 0;
+  // When the record was historized (seconds); 0 when there is none. Not called by the state.
+  virtual std::uint32_t get_historize_time(db_item_type type, const std::string& id) = 0;
+  // Drops every record historized at or before `time` (seconds).
+  virtual void remove_items_historized_until(std::uint32_t time) = 0;
+  // The historized records of a kind whose string field `key` equals `value`, one child per id
+  // (a history request by client or submission id). Never null. Not called by the state.
+  virtual properties_cptr load_items_where(db_item_type type, const std::string& key,
+                                           const std::string& value) = 0;
+  // Removes every historized record. Not called by the state.
+  virtual void clear() = 0;
+  // Groups the calls up to end_batch into one write, where the store can. Not called by the state.
+  virtual void begin_batch() = 0;
+  virtual void end_batch() = 0;
+};
+
+class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
  public:
   // One store: item id -> record, in ascending id order.
   using item_map = std::map<std::string, zelcore::properties>;
+  using workflow_map = workflow_manager::workflow_map;
+  using workflow_ptr = boost::shared_ptr<zelworkflow::workflow_info>;
 
   // The plugin database, receiver, state_db and history_db are not owned and must outlive the
-  // state; the receiver and the databases may be null.
+  // state; the receiver and the databases may be null. A non-zero keep time without a
+  // history_db keeps history in memory (a second state owned by this one). The state_db is only
+  // stored: set_and_update_from_state_db loads from it.
   state(const zelcore::plugin_db& plugins, state_notification_receiver* receiver,
         state_db* states = nullptr, history_db* histories = nullptr,
         std::uint32_t history_keep_time = 0);
-  virtual ~state();
+  ~state() override;
   state(const state&) = delete;
   state& operator=(const state&) = delete;
+
+  // --- Items ---
 
   // The store of a kind; raises es::arg "state does not have item type %d" for another value.
   const item_map& get_items(state_item_type type) const;
@@ -134,6 +228,22 @@ class ZELCAPI_EXPORT state {
   // number to 0; no notification, never raises.
   void clear_state();
 
+  // --- Snapshots (the tree of "clients" ... "tasks", "workflow-results", "workflows",
+  //     "workflow-seq-nr"); writers store their keys into `out` and leave its other keys ---
+
+  void get_state(zelcore::properties& out) const;
+  // One child per item of the kind (id -> copy of the record), directly into `out`.
+  void get_items(state_item_type type, zelcore::properties& out) const;
+  // One child per workflow (id -> encoded workflow), directly into `out`.
+  void get_workflows(zelcore::properties& out) const;
+  // Replaces, for each key the snapshot holds, that part of the state (keys it lacks keep their
+  // content; unknown keys are ignored). Calls no receiver. Raises what the per-kind readers and
+  // the workflow manager raise (a record that is not a `properties`, a result without "st"); the
+  // parts read before the failure keep their new content.
+  void set_state(const zelcore::properties& snapshot);
+
+  // --- Workflow results ---
+
   // Stores the result (replacing one of the same id), then on_workflow_result_added.
   void workflow_result_add(const std::string& workflow_id, const workflow_result_info& result);
   // Decodes the result from its tree (raises es::arg without "st", storing nothing) and adds it.
@@ -144,23 +254,110 @@ class ZELCAPI_EXPORT state {
   bool has_workflow_result(const std::string& workflow_id) const;
   // The result of the id; a default result (status 0, ht 1) when there is none.
   workflow_result_info get_workflow_result(const std::string& workflow_id) const;
-  const std::map<std::string, workflow_result_info>& get_workflow_results() const noexcept {
-    return workflow_results_;
-  }
+  const workflow_result_map& get_workflow_results() const noexcept { return workflow_results_; }
   // One child per workflow id, each holding the encoded result.
   void get_workflow_results(zelcore::properties& out) const;
 
+  // --- Workflows ---
+
+  workflow_manager& get_workflow_manager() noexcept { return workflow_manager_; }
+  const workflow_manager& get_workflow_manager() const noexcept { return workflow_manager_; }
+  const workflow_map& get_workflows() const noexcept { return workflows_; }
+  workflow_map& get_workflows_non_const() noexcept { return workflows_; }
+  // Decodes and adds a workflow through the manager (a new id when `workflow_id` is empty).
+  void add_workflow(const std::string& workflow_id, const zelcore::properties& workflow);
+  // Removes a workflow through the manager (into history when history is kept).
+  void remove_workflow(const std::string& workflow_id);
+  // Applies an "update-workflow" action through the manager; raises what the manager raises.
+  void update_workflow(const zelcore::properties& update);
+  bool has_workflow_in_state(const std::string& workflow_id) const;
+  // 1 when live, else 2 when in the in-memory history, else 0.
+  int has_workflow_in_state_or_history(const std::string& workflow_id) const;
+  // Raises es::arg "Workflow ID not found in state".
+  const workflow_ptr& get_workflow_from_state(const std::string& workflow_id) const;
+  // Raises es::arg "Workflow ID not found in state or history".
+  const workflow_ptr& get_workflow_from_state_or_history(const std::string& workflow_id) const;
   std::uint64_t get_workflow_sequence_number() const noexcept { return workflow_seq_nr_; }
+
+  void wm_cb_workflow_will_be_updated(const std::string& workflow_id,
+                                      const zelcore::properties& update) override;
+  void wm_cb_workflow_was_updated(const std::string& workflow_id,
+                                  const zelcore::properties& update) override;
+
+  // --- History (in memory when the state owns a history state, and/or in the history_db) ---
+
+  // Moves a live item into history; raises "state does not have item id %s" for an id that is
+  // not live when history is kept (after on_item_historizing).
+  void item_historize(state_item_type type, const std::string& id);
+  // Puts `props` into history under id and drops a live item of that id.
+  void item_add_to_history(state_item_type type, const std::string& id,
+                           const zelcore::properties& props);
+  // Drops history older than the keep time.
+  void clean_history();
+  // Drops history historized at or before `bound` (seconds).
+  void clean_history(std::uint32_t bound);
+  // 0 deletes the in-memory history; a non-zero time creates an empty one unless a history_db
+  // is set or one exists.
+  void set_history_keep_time(std::uint32_t seconds);
+  std::uint32_t get_history_keep_time() const noexcept { return history_keep_time_; }
+  void remove_historized_item(state_item_type type, const std::string& id);
+  // Empties the kind's history without notifying.
+  void remove_historized_items(state_item_type type);
+  // Removes each id, notifying per id.
+  void remove_historized_items(state_item_type type, const std::set<std::string>& ids);
+  // Erases one historized workflow; the history_db is not told.
+  void remove_historized_workflow(const std::string& workflow_id);
+  // Erases every historized workflow; on_historized_workflow_removed for the spawned ones only.
+  void remove_historized_workflows();
+  void remove_historized_workflows(const std::set<std::string>& workflow_ids);
+  // The in-memory history as a snapshot; raises es::uspec "can't get history without history".
+  void get_history(zelcore::properties& out) const;
+  // Raises es::uspec "can't get history items without history".
+  const item_map& get_history_items(state_item_type type) const;
+  // Raises es::uspec "can't get historized workflows without history".
+  const workflow_map& get_historized_workflows() const;
+  bool has_workflow_in_history(const std::string& workflow_id) const;
+  // Raises es::arg "Workflow ID not found in history".
+  const workflow_ptr& get_workflow_from_history(const std::string& workflow_id) const;
+  // Copies the live record, else the historized one, into `out`; false when neither exists.
+  bool get_state_or_history_item(state_item_type type, const std::string& id,
+                                 zelcore::properties& out) const;
+  bool has_history() const noexcept { return history_ != nullptr; }
+  history_db* get_history_db() const noexcept { return history_db_; }
+  // Only stores the pointer: the in-memory history is neither created nor deleted.
+  void set_history_db(history_db* db) noexcept { history_db_ = db; }
+
+  // --- Persistence ---
+
+  // Copies the state and writes the copy to the state_db on the saver thread (nothing without a
+  // state_db). When a save is still running it reports "Previous save of state still active,
+  // ..." and returns (wait false) or saves after it (wait true). With wait true it returns
+  // when the save is done. A failing state_db is reported ("Failed to update state: %s"), never
+  // raised. Saves of all states in the process run one at a time.
+  void save_state_to_db(bool wait);
+  // Makes `db` the state_db (null: none) after waiting for a running save, and loads the items,
+  // results, sequence number and workflows from it. Raises what the state_db raises.
+  void set_and_update_from_state_db(state_db* db);
+  state_db* get_state_db() const noexcept { return state_db_; }
+
   const zelcore::plugin_db& get_plugin_db() const noexcept { return *plugin_db_; }
   state_notification_receiver* get_receiver() const noexcept { return receiver_; }
-  state_db* get_state_db() const noexcept { return state_db_; }
-  history_db* get_history_db() const noexcept { return history_db_; }
-  std::uint32_t get_history_keep_time() const noexcept { return history_keep_time_; }
 
  protected:
   item_map& get_items_non_const(state_item_type type);
+  item_map& get_history_items_non_const(state_item_type type);
+  void encode_workflow_infos(const workflow_map& workflows, zelcore::properties& out) const;
+  // Replaces one store with the children of `items`; raises the bad-cast error for a child that
+  // is not a `properties`, keeping the records copied before it.
+  void set_state(state_item_type type, const zelcore::properties& items);
+  void set_workflow_results_state(const zelcore::properties& results);
+  void set_workflows_state(const zelcore::properties& workflows);
+  // Stores the workflow object itself under the id (used on the history state).
+  void add_workflow(const std::string& workflow_id, const workflow_ptr& workflow);
 
  private:
+  void _erase_history_item(state_item_type type, const std::string& id);
+
   item_map clients_;
   item_map nodes_;
   item_map submissions_;
@@ -168,13 +365,18 @@ class ZELCAPI_EXPORT state {
   item_map slots_;
   item_map jobs_;
   item_map tasks_;
-  std::map<std::string, workflow_result_info> workflow_results_;
+  workflow_result_map workflow_results_;
   std::uint64_t workflow_seq_nr_ = 0;
+  workflow_map workflows_;
   const zelcore::plugin_db* plugin_db_;
   state_notification_receiver* receiver_;
+  workflow_manager workflow_manager_;
   state_db* state_db_;
   history_db* history_db_;
   std::uint32_t history_keep_time_;
+  std::unique_ptr<state> history_;
+  std::multimap<std::uint32_t, std::pair<state_item_type, std::string>> item_history_times_;
+  std::multimap<std::uint32_t, std::string> workflow_history_times_;
 };
 
 }  // namespace zelcapi
