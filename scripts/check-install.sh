@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the default build into a scratch prefix and builds a client project against it,
-# once through the CMake package and once through pkg-config.
+# once through the CMake package and once through pkg-config, and checks the exported symbols.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 prefix=$(mktemp -d)
@@ -15,3 +15,4 @@ LD_LIBRARY_PATH="$prefix/lib" "$prefix/pc-consumer"
 if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi|zelsim)$'; then
   echo "unexpected installed headers:"; ls "$prefix/include"; exit 1
 fi
+scripts/check-symbols.sh "$prefix"/lib/lib*.so.*.*.*
