@@ -1,6 +1,7 @@
 # zel_add_library(NAME SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
 # Builds one shared library of the project: SONAME, hidden symbols, a generated export header
-# <NAME/export.h>, headers under include/, and an install rule in the zelcapi package.
+# <NAME/export.h>, headers under include/, an $ORIGIN run path and an install rule in the
+# zelcapi package.
 include(GenerateExportHeader)
 
 set(ZEL_EXPORTED_TARGETS "" CACHE INTERNAL "")
@@ -23,7 +24,8 @@ function(zel_add_library name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON)
+    VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH "${ZEL_LIBRARY_INSTALL_RPATH}")
   install(TARGETS ${name} EXPORT zelcapi-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
