@@ -3,7 +3,8 @@ include(CMakePackageConfigHelpers)
 
 install(EXPORT zelcapi-targets
   NAMESPACE zelcapi::
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi
+  COMPONENT dev)
 configure_package_config_file(cmake/zelcapi-config.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
@@ -12,7 +13,8 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config-vers
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config-version.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi
+  COMPONENT dev)
 
 # The .pc file finds its prefix from its own place, so that an installed tree can be moved.
 file(RELATIVE_PATH ZEL_PC_PREFIX_FROM_PCDIR
@@ -25,5 +27,6 @@ list(REMOVE_DUPLICATES zel_system_libdirs)
 install(CODE "
   set(zel_pc_file \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/zelcapi.pc\")
   set(zel_libdir \"${CMAKE_INSTALL_LIBDIR}\")
-  set(zel_system_libdirs \"${zel_system_libdirs}\")")
-install(SCRIPT cmake/ZelInstallPkgConfig.cmake)
+  set(zel_system_libdirs \"${zel_system_libdirs}\")"
+  COMPONENT dev)
+install(SCRIPT cmake/ZelInstallPkgConfig.cmake COMPONENT dev)
