@@ -53,7 +53,7 @@ void read_accounts_file(const std::string& path, options& o) {
   }
 }
 
-struct cluster::impl {
+struct ZELSIM_NO_EXPORT cluster::impl {
   struct node;
 
   // One client link of a node.
