@@ -1,4 +1,5 @@
-# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi) and zelcapi.pc.
+# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi and
+# zelcapi::zelcapi_sqlite) and the pkg-config files zelcapi.pc and zelcapi_sqlite.pc.
 include(CMakePackageConfigHelpers)
 
 install(EXPORT zelcapi-targets
@@ -16,4 +17,8 @@ install(FILES
 
 configure_file(cmake/zelcapi.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelcapi.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelcapi.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+configure_file(cmake/zelcapi_sqlite.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelcapi_sqlite.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelcapi_sqlite.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -9,9 +9,14 @@ cmake --install build/default --prefix "$prefix" >/dev/null
 cmake -S tests/install -B "$prefix/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$prefix/consumer" >/dev/null
 LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer/consumer"
+LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer/consumer_sqlite"
 PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 tests/install/consumer.cpp \
   $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs zelcapi) -o "$prefix/pc-consumer"
 LD_LIBRARY_PATH="$prefix/lib" "$prefix/pc-consumer"
-if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi|zelsim)$'; then
+PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 tests/install/consumer_sqlite.cpp \
+  $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs zelcapi_sqlite) \
+  -o "$prefix/pc-consumer-sqlite"
+LD_LIBRARY_PATH="$prefix/lib" "$prefix/pc-consumer-sqlite"
+if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi|zelcapi_sqlite|zelsim)$'; then
   echo "unexpected installed headers:"; ls "$prefix/include"; exit 1
 fi
