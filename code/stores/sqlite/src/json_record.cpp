@@ -4,6 +4,8 @@
 
 #include <charconv>
 #include <cstdint>
+#include <iterator>
+#include <vector>
 
 #include "zelbase/exceptions.h"
 
@@ -184,8 +186,10 @@ class writer {
 
 class reader {
  public:
-  explicit reader(std::string_view text)
-      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()) {}
+  reader(std::string_view text, std::vector<properties::container>& pending)
+      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), pending_(pending) {
+    for (properties::container& children : pending_) children.clear();
+  }
 
   properties record() {
     skip_space();
@@ -270,7 +274,6 @@ class reader {
   // After '{': a tree, or one of the escape forms.
   property_ptr object(std::size_t depth) {
     check_depth(depth + 1);
-    properties::container children;
     if (next_is('}')) {
       ++p_;
       return property_ptr(new properties(false));
@@ -281,7 +284,7 @@ class reader {
     for (;;) {
       expect(':');
       property_ptr child = value(depth + 1);
-      children.emplace_back(std::move(key), std::move(child));
+      pending(depth).emplace_back(std::move(key), std::move(child));
       if (next_is('}')) break;
       expect(',');
       expect('"');
@@ -289,7 +292,7 @@ class reader {
       if (!key.empty() && key[0] == '~') fail("a key beginning with '~' outside an escape form");
     }
     ++p_;
-    return property_ptr(new properties(std::move(children)));
+    return tree_of_pending(depth);
   }
 
   property_ptr escape(const std::string& key, std::size_t depth) {
@@ -301,20 +304,34 @@ class reader {
     }
     if (key != "~o") fail("unknown escape form");
     expect('[');
-    properties::container children;
     if (!next_is(']')) {
       for (;;) {
         std::string child_key = escaped_key();
         expect(',');
         property_ptr child = value(depth + 1);
-        children.emplace_back(std::move(child_key), std::move(child));
+        pending(depth).emplace_back(std::move(child_key), std::move(child));
         if (next_is(']')) break;
         expect(',');
       }
     }
     ++p_;
     expect('}');
-    return property_ptr(new properties(std::move(children)));
+    return tree_of_pending(depth);
+  }
+
+  // The children read so far of the tree at `depth`, kept in vectors that outlive the reader,
+  // so that a tree's children take one allocation of their exact size.
+  properties::container& pending(std::size_t depth) {
+    if (pending_.size() <= depth) pending_.resize(depth + 1);
+    return pending_[depth];
+  }
+
+  property_ptr tree_of_pending(std::size_t depth) {
+    properties::container& children = pending(depth);
+    properties::container exact(std::make_move_iterator(children.begin()),
+                                std::make_move_iterator(children.end()));
+    children.clear();
+    return property_ptr(new properties(std::move(exact)));
   }
 
   // A key inside "~o": a string, or {"~x":"<hex>"}.
@@ -437,6 +454,7 @@ class reader {
   const char* begin_;
   const char* p_;
   const char* end_;
+  std::vector<properties::container>& pending_;
 };
 
 }  // namespace
@@ -454,6 +472,9 @@ bool is_utf8(std::string_view text) {
 
 void write_json(const properties& tree, std::string& out) { writer(out).tree(tree, 1); }
 
-properties read_json(std::string_view text) { return reader(text).record(); }
+properties read_json(std::string_view text) {
+  thread_local std::vector<properties::container> pending;
+  return reader(text, pending).record();
+}
 
 }  // namespace zelcapi::sqlite_detail
