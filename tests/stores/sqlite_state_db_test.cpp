@@ -206,6 +206,38 @@ TEST_F(SqliteStateDbTest, MalformedRecordIsAnErrorNamingTableAndId) {
   EXPECT_TRUE(db.load_item(db_item_job, "j0", out));
 }
 
+TEST_F(SqliteStateDbTest, EveryKindOfMalformedRecordIsRefusedWithItsReason) {
+  { sqlite_state_db db(path); }
+  const std::pair<std::string, std::string> cases[] = {
+      {"{\"a\":1.5}", "not an integer at offset 6"},
+      {"{\"a\":null}", "null is not a value of a record at offset 5"},
+      {"{\"a\":99999999999999999999}", "integer out of 64-bit range at offset 25"},
+      {"{\"~z\":1}", "unknown escape form at offset 6"},
+      {"{\"a\":1,\"~b\":2}", "a key beginning with '~' outside an escape form at offset 11"},
+      {"{\"~x\":\"abc\"}", "odd number of hex digits at offset 11"},
+      {"{\"~o\":[\"a\"]}", "',' expected at offset 10"},
+      {"[1,2]", "the record is not an object at offset 5"},
+      {"{\"a\":\"\\ud800\"}", "lone high surrogate at offset 12"},
+      {"{\"a\":1} x", "text after the record at offset 8"},
+      {std::string(2000, '['), "nesting deeper than 1024 at offset 1025"},
+  };
+  for (const auto& [json, reason] : cases) {
+    sql_on(path, "DELETE FROM jobs");
+    sqlite3* raw = nullptr;
+    sqlite3_open(path.c_str(), &raw);
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_prepare_v2(raw, "INSERT INTO jobs VALUES('bad', ?1)", -1, &insert, nullptr);
+    sqlite3_bind_text(insert, 1, json.data(), static_cast<int>(json.size()), SQLITE_STATIC);
+    ASSERT_EQ(sqlite3_step(insert), SQLITE_DONE);
+    sqlite3_finalize(insert);
+    sqlite3_close(raw);
+    sqlite_state_db db(path);
+    EXPECT_EQ(uspec_of([&] { db.load_items(db_item_job); }),
+              "SQLite store '" + path + "': malformed record in table jobs, id 'bad': " + reason)
+        << json;
+  }
+}
+
 TEST_F(SqliteStateDbTest, ReadOnlyStoreRefusesASaveAndKeepsThePreviousOne) {
   const properties first = jobs(5, 1);
   {
