@@ -27,7 +27,8 @@ class ratio_reporter : public benchmark::ConsoleReporter {
       if (run.error_occurred) continue;
       const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
       if (!median && run.run_type != Run::RT_Iteration) continue;
-      const std::string name = run.run_name.str();
+      // The function name alone: suffixes such as "/real_time" do not change which pair it is.
+      const std::string name = run.run_name.function_name;
       if (!median && medians_.count(name) != 0) continue;
       if (median) medians_.insert(name);
       const double time = clock_ == cpu_time ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
