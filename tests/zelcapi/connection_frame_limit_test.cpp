@@ -51,6 +51,19 @@ bool dropped_for_limit(const zeltest::capture_sink& sink, std::size_t length, st
 
 class FrameLimit : public testing::Test {
  protected:
+  // The cluster sends a notification of about `bytes`; the connection must drop the link for
+  // the limit `limit`.
+  void expect_dropped(std::size_t bytes, std::size_t limit) {
+    zeltest::capture_sink sink;
+    h.events.clear();
+    sim.broadcast(notification_of_size(bytes));
+    run_until_event(c, h);
+    EXPECT_FALSE(c.is_connected());
+    EXPECT_EQ(h.events,
+              (std::vector<std::string>{"status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+    EXPECT_TRUE(dropped_for_limit(sink, payload_size(notification_of_size(bytes)), limit));
+  }
+
   void connect() {
     ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
     h.events.clear();
@@ -88,11 +101,7 @@ TEST_F(FrameLimit, BeforeLoginTheSmallerOfTheTwoLimitsApplies) {
   c.set_login_frame_limit(std::size_t{1} << 30);
   c.set_frame_limit(4096);
   connect();
-  zeltest::capture_sink sink;
-  sim.broadcast(notification_of_size(8192));
-  run_until_event(c, h);
-  EXPECT_FALSE(c.is_connected());
-  EXPECT_TRUE(dropped_for_limit(sink, payload_size(notification_of_size(8192)), 4096));
+  expect_dropped(8192, 4096);
 }
 
 TEST_F(FrameLimit, AfterLoginTheConfiguredLimitApplies) {
@@ -104,37 +113,20 @@ TEST_F(FrameLimit, AfterLoginTheConfiguredLimitApplies) {
   run_until_event(c, h);
   ASSERT_EQ(h.events, std::vector<std::string>{"handle 3 bulk"});
   EXPECT_EQ(h.received.back().get_properties().get_string_value("data").size(), 512u << 10);
-
-  zeltest::capture_sink sink;
-  h.events.clear();
-  sim.broadcast(notification_of_size(2 << 20));
-  run_until_event(c, h);
-  EXPECT_FALSE(c.is_connected());
-  EXPECT_EQ(h.events,
-            (std::vector<std::string>{"status 16 '' 0", "disconnected 'Connection Closed' 0"}));
-  const auto prints = sink.prints();
-  ASSERT_FALSE(prints.empty());
-  EXPECT_NE(prints.front().text.find("exceeds the limit of 1048576 bytes"), std::string::npos);
+  expect_dropped(2 << 20, 1 << 20);
 }
 
 TEST_F(FrameLimit, ALoginLimitRefusesFramesThatTheFullLimitWouldTake) {
   c.set_login_frame_limit(1024);
   connect();
-  zeltest::capture_sink sink;
-  sim.broadcast(notification_of_size(2048));
-  run_until_event(c, h);
-  EXPECT_FALSE(c.is_connected());
-  EXPECT_TRUE(dropped_for_limit(sink, payload_size(notification_of_size(2048)), 1024));
+  expect_dropped(2048, 1024);
 }
 
 TEST_F(FrameLimit, AStatusRequestDoesNotLiftTheLoginLimit) {
   c.set_login_frame_limit(1024);
   connect();
   ASSERT_FALSE(c.get_cluster_status().get_properties().is_present("error"));
-  h.events.clear();
-  sim.broadcast(notification_of_size(2048));
-  run_until_event(c, h);
-  EXPECT_FALSE(c.is_connected());
+  expect_dropped(2048, 1024);
 }
 
 TEST_F(FrameLimit, ANewLinkStartsWithTheLoginLimitAgain) {
@@ -142,11 +134,7 @@ TEST_F(FrameLimit, ANewLinkStartsWithTheLoginLimitAgain) {
   connect();
   login();
   connect();
-  zeltest::capture_sink sink;
-  sim.broadcast(notification_of_size(2048));
-  run_until_event(c, h);
-  EXPECT_FALSE(c.is_connected());
-  EXPECT_TRUE(dropped_for_limit(sink, payload_size(notification_of_size(2048)), 1024));
+  expect_dropped(2048, 1024);
 }
 
 TEST_F(FrameLimit, RaisingTheLimitAppliesToTheLoggedInLink) {

@@ -3,4 +3,5 @@
 
 #include "zelcapi/connection.h"
 #include "zelcapi/state.h"
+#include "zelcapi/state_connection.h"
 #include "zelcapi/workflow_manager.h"
