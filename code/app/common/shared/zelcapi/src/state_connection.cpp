@@ -25,6 +25,12 @@ void report_failure(unsigned line, const std::string& text) {
   zelcore::report(source_file, line, category, 8, 3, text);
 }
 
+// A packet that could not be applied: reported, and counted as handled by the caller.
+void report_update_failure(unsigned line, const zelbase::es::base& e) {
+  report_failure(line,
+                 zelbase::string_with_format("failed to update state ('%s')", e.message().c_str()));
+}
+
 // The "item-type" field; raises es::arg for a value that names no item kind.
 state_item_type item_type_of(const zelcore::properties& fields) {
   const std::int64_t type = fields.get_int_value("item-type");
@@ -203,8 +209,7 @@ bool state_connection::handle_notification(const packet& in, packet& out) {
     try {
       return (this->*r.apply)(in.get_properties());
     } catch (const zelbase::es::base& e) {
-      report_failure(__LINE__, zelbase::string_with_format("failed to update state ('%s')",
-                                                           e.message().c_str()));
+      report_update_failure(__LINE__, e);
       return true;
     }
   }
@@ -309,8 +314,7 @@ bool state_connection::handle_reply(const packet& in, packet& out) {
       return state_handler_->history_request_reply(static_cast<std::uint32_t>(request_id), history);
     }
   } catch (const zelbase::es::base& e) {
-    report_failure(__LINE__, zelbase::string_with_format("failed to update state ('%s')",
-                                                         e.message().c_str()));
+    report_update_failure(__LINE__, e);
     return true;
   }
   return state_handler_->handle(in, out);
