@@ -3,6 +3,7 @@
 #include "zelcapi/state_connection.h"
 
 #include <cstring>
+#include <typeinfo>
 
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
@@ -25,10 +26,10 @@ void report_failure(unsigned line, const std::string& text) {
   zelcore::report(source_file, line, category, 8, 3, text);
 }
 
-// A packet that could not be applied: reported, and counted as handled by the caller.
-void report_update_failure(unsigned line, const zelbase::es::base& e) {
-  report_failure(line,
-                 zelbase::string_with_format("failed to update state ('%s')", e.message().c_str()));
+// A packet that could not be applied (an es::base of the tree or the state, or the bad-cast
+// error of a snapshot record of the wrong kind): reported, and counted as handled by the caller.
+void report_update_failure(unsigned line, const std::exception& e) {
+  report_failure(line, zelbase::string_with_format("failed to update state ('%s')", e.what()));
 }
 
 // The "item-type" field; raises es::arg for a value that names no item kind.
@@ -211,6 +212,9 @@ bool state_connection::handle_notification(const packet& in, packet& out) {
     } catch (const zelbase::es::base& e) {
       report_update_failure(__LINE__, e);
       return true;
+    } catch (const std::bad_cast& e) {
+      report_update_failure(__LINE__, e);
+      return true;
     }
   }
   // A state notification of a newer cluster: nothing to apply.
@@ -314,6 +318,9 @@ bool state_connection::handle_reply(const packet& in, packet& out) {
       return state_handler_->history_request_reply(static_cast<std::uint32_t>(request_id), history);
     }
   } catch (const zelbase::es::base& e) {
+    report_update_failure(__LINE__, e);
+    return true;
+  } catch (const std::bad_cast& e) {
     report_update_failure(__LINE__, e);
     return true;
   }
