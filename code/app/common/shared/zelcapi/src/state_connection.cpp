@@ -159,6 +159,8 @@ state_connection::~state_connection() { set_handler(nullptr); }
 
 const state* state_connection::get_state() const { return state_.get(); }
 
+state* state_connection::get_state_non_const() { return state_.get(); }
+
 // --- dispatch ---
 
 bool state_connection::sc_handle(const packet& in, packet& out) {

@@ -104,6 +104,9 @@ class ZELCAPI_EXPORT state_connection : public connection {
 
   // The replica, or null when the connection was built without one.
   const state* get_state() const;
+  // The same replica, for what the connection does not do itself: loading it from and saving it
+  // to a state_db, cleaning its history. Use it on the connection's thread only.
+  state* get_state_non_const();
 
   // Sends "cluster.api.state.request"; the snapshot arrives later (inside run or wait), goes
   // into the replica and to state_new_state. Raises es::uspec "No connection".
