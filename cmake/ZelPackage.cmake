@@ -87,7 +87,7 @@ set(CPACK_COMPONENT_DEV_DEPENDS ${zel_libraries})
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-dev")
 
 zel_package(tools zelcapi-tools utils "zelcapi: command line tools"
-  "${zel_about}\nThis package holds the programs, among them zelsim, a simulated cluster.")
+  "${zel_about}\nThis package holds the programs: zelctl, the command line client, and zelsim, a\nsimulated cluster.")
 zel_programs(${PROJECT_SOURCE_DIR} programs)
 set(CPACK_COMPONENT_TOOLS_DEPENDS "")
 foreach(program IN LISTS programs)

@@ -15,6 +15,8 @@ libdir=$prefix/lib
 
 "$prefix/bin/zelsim" --help >/dev/null
 echo "installed zelsim --help: ok"
+"$prefix/bin/zelctl" --help >/dev/null
+echo "installed zelctl --help: ok"
 
 cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch/consumer" >/dev/null

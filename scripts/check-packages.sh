@@ -20,6 +20,8 @@ libdir=$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 
 "$root/usr/bin/zelsim" --help >/dev/null
 echo "unpacked zelsim --help: ok"
+"$root/usr/bin/zelctl" --help >/dev/null
+echo "unpacked zelctl --help: ok"
 
 cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$scratch/consumer" >/dev/null

@@ -5,6 +5,7 @@
 #include "zelcapi/connection.h"
 #include "zelcapi/memory_db.h"
 #include "zelcapi/state.h"
+#include "zelcapi/state_connection.h"
 #include "zelcapi/workflow_manager.h"
 
 // What the client API raises (zelbase::es::base and its kinds), the wall clock that history
