@@ -13,45 +13,19 @@
 #include <thread>
 #include <vector>
 
+#include "job_records.h"
+#include "ratio_reporter.h"
 #include "zelcore/properties.h"
 
 namespace {
 
+using zelbench::job_record;
+using zelbench::ratio_reporter;
+using zelbench::snapshot_records;
 using zelcore::make_bool;
 using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
-
-constexpr int snapshot_records = 100000;
-
-// A job record as the master sends it: 20 fields of the usual kinds.
-properties job_record(int n) {
-  properties p(false);
-  const std::string id = "job-" + std::to_string(1000000 + n);
-  p.set_string_value("id", id);
-  p.set_string_value("submission-id", "sub-" + std::to_string(n / 10));
-  p.set_string_value("source-id", "src-" + std::to_string(n % 7));
-  p.set_string_value("name", "render frame " + std::to_string(n));
-  p.set_string_value("user", "operator");
-  p.set_string_value("node-id", "node-" + std::to_string(n % 64));
-  p.set_string_value("slot-id", "slot-" + std::to_string(n % 512));
-  p.set_string_value("command", "/opt/render/bin/render --frame " + std::to_string(n));
-  p.set_int_value("status", n % 6);
-  p.set_int_value("priority", 500 + n % 100);
-  p.set_int_value("submit-time", 1763700000 + n);
-  p.set_int_value("start-time", 1763700100 + n);
-  p.set_int_value("end-time", 0);
-  p.set_int_value("exit-code", 0);
-  p.set_int_value("attempts", 1);
-  p.set_int_value("max-attempts", 3);
-  p.set_int_value("memory", 4294967296LL + n);
-  p.set_bool_value("killed", false);
-  p.set_bool_value("restartable", true);
-  p.set_properties_value("progress", properties{{"done", make_int(n % 100)},
-                                                {"total", make_int(100)},
-                                                {"phase", make_string("rendering")}});
-  return p;
-}
 
 properties snapshot() {
   properties all(false);
@@ -203,47 +177,6 @@ BENCHMARK(BM_merge_nlohmann);
 BENCHMARK(BM_copy_record_zelcore);
 BENCHMARK(BM_copy_record_nlohmann);
 
-// Collects each benchmark's CPU time per iteration for the ratio table (CPU time, so that
-// other work on the machine does not skew one side). With --benchmark_repetitions, the median
-// of the repetitions is used, which a passing disturbance does not move.
-class ratio_reporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && run.run_type != Run::RT_Iteration) continue;
-      const std::string name = run.run_name.str();
-      if (!median && medians_.count(name) != 0) continue;
-      if (median) medians_.insert(name);
-      seconds_[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-    }
-  }
-
-  // "ours is N times faster than peer" (target: at least `times`).
-  void print_speedup(const char* what, const std::string& ours, const std::string& peer,
-                     double times) const {
-    if (!has(ours) || !has(peer)) return;
-    const double ratio = seconds_.at(peer) / seconds_.at(ours);
-    std::printf("%-44s %8.2fx  (target >= %.2fx)  %s\n", what, ratio, times,
-                ratio >= times ? "met" : "NOT MET");
-  }
-  // "ours runs at N% of peer's rate" (target: at least `fraction`).
-  void print_rate(const char* what, const std::string& ours, const std::string& peer,
-                  double fraction) const {
-    if (!has(ours) || !has(peer)) return;
-    const double ratio = seconds_.at(peer) / seconds_.at(ours);
-    std::printf("%-44s %7.0f%%   (target >= %.0f%%)   %s\n", what, ratio * 100, fraction * 100,
-                ratio >= fraction ? "met" : "NOT MET");
-  }
-
- private:
-  bool has(const std::string& name) const { return seconds_.count(name) != 0; }
-  std::map<std::string, double> seconds_;
-  std::set<std::string> medians_;
-};
-
 // Heap bytes that a store of decoded records takes, per field, beside the encoded size. Run on
 // a thread of its own, whose block cache starts empty: every block the store takes then comes
 // from the allocator and is counted.
@@ -277,17 +210,10 @@ void print_store_memory() {
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  ratio_reporter reporter;
+  ratio_reporter reporter(ratio_reporter::cpu_time);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\n");
-  struct target {
-    const char* what;
-    const char* ours;
-    const char* peer;
-    double at_least;
-    bool as_rate;  // printed as a percentage of the peer's rate, else as a speed-up
-  };
-  const target targets[] = {
+  reporter.print_targets({
       {"decode record vs nlohmann::from_msgpack", "BM_decode_record_zelcore",
        "BM_decode_record_nlohmann", 5, false},
       {"decode record vs msgpack::unpack", "BM_decode_record_zelcore", "BM_decode_record_msgpack",
@@ -307,13 +233,7 @@ int main(int argc, char** argv) {
       {"3-leaf merge vs nlohmann::merge_patch", "BM_merge_zelcore", "BM_merge_nlohmann", 2, false},
       {"copy of a record vs nlohmann::json copy", "BM_copy_record_zelcore",
        "BM_copy_record_nlohmann", 5, false},
-  };
-  for (const target& t : targets) {
-    if (t.as_rate)
-      reporter.print_rate(t.what, t.ours, t.peer, t.at_least);
-    else
-      reporter.print_speedup(t.what, t.ours, t.peer, t.at_least);
-  }
+  });
   std::thread(print_store_memory).join();
   benchmark::Shutdown();
   return 0;

@@ -1,4 +1,5 @@
-# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi) and zelcapi.pc.
+# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi and
+# zelcapi::zelcapi_sqlite) and the pkg-config files zelcapi.pc and zelcapi_sqlite.pc.
 include(CMakePackageConfigHelpers)
 
 install(EXPORT zelcapi-targets
@@ -20,13 +21,15 @@ install(FILES
 file(RELATIVE_PATH ZEL_PC_PREFIX_FROM_PCDIR
   "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" ZEL_PC_PREFIX_FROM_PCDIR "${ZEL_PC_PREFIX_FROM_PCDIR}")
-configure_file(cmake/zelcapi.pc.in ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/zelcapi.pc @ONLY)
 set(zel_system_libdirs
   ${CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES} ${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES})
 list(REMOVE_DUPLICATES zel_system_libdirs)
-install(CODE "
-  set(zel_pc_file \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/zelcapi.pc\")
-  set(zel_libdir \"${CMAKE_INSTALL_LIBDIR}\")
-  set(zel_system_libdirs \"${zel_system_libdirs}\")"
-  COMPONENT dev)
-install(SCRIPT cmake/ZelInstallPkgConfig.cmake COMPONENT dev)
+foreach(zel_pc zelcapi zelcapi_sqlite)
+  configure_file(cmake/${zel_pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc @ONLY)
+  install(CODE "
+    set(zel_pc_file \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc\")
+    set(zel_libdir \"${CMAKE_INSTALL_LIBDIR}\")
+    set(zel_system_libdirs \"${zel_system_libdirs}\")"
+    COMPONENT dev)
+  install(SCRIPT cmake/ZelInstallPkgConfig.cmake COMPONENT dev)
+endforeach()

@@ -19,11 +19,15 @@ echo "installed zelsim --help: ok"
 cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch/consumer" >/dev/null
 "$scratch/consumer/consumer"
+"$scratch/consumer/consumer_sqlite"
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 read -ra pc_flags <<<"$(pkg-config --cflags --libs zelcapi)"
 g++ -std=c++17 tests/install/consumer.cpp "${pc_flags[@]}" -o "$scratch/pc-consumer"
 "$scratch/pc-consumer"
+read -ra pc_sqlite_flags <<<"$(pkg-config --cflags --libs zelcapi_sqlite)"
+g++ -std=c++17 tests/install/consumer_sqlite.cpp "${pc_sqlite_flags[@]}" -o "$scratch/pc-consumer-sqlite"
+"$scratch/pc-consumer-sqlite"
 
 scripts/check-examples.sh "$scratch/examples" -I"$prefix/include"
 scripts/check-symbols.sh "$libdir"/lib*.so.*.*.*

@@ -3,7 +3,7 @@
 # is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config clang-format
-  libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
+  libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev sqlite3 nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev dpkg-dev file lintian)
 missing=()
 for p in "${packages[@]}"; do
