@@ -21,8 +21,10 @@
 
 namespace {
 
+using zelbench::median;
 using zelbench::raw_connect;
 using zelbench::raw_server;
+using zelbench::read_and_decode;
 using zelbench::read_frame;
 using zelbench::write_all;
 using zelnet::zelp::packet;
@@ -52,11 +54,6 @@ double echo_zelsim_median_ns = 0;
 double echo_raw_median_ns = 0;
 std::vector<double> receive_run_seconds;
 std::vector<double> receive_raw_seconds;
-
-double median(std::vector<double> samples) {
-  std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
-  return samples[samples.size() / 2];
-}
 
 void set_median(benchmark::State& state, const std::vector<double>& samples, double& out) {
   if (samples.empty()) return;
@@ -204,25 +201,13 @@ void BM_receive_raw_decode(benchmark::State& state) {
   std::string answer;
   read_frame(fd, answer);
   const std::string go = zelnet::zelp::encode_packet_frame(packet(2, "go"));
-  std::vector<char> buffer(16000);
   for (auto _ : state) {
     const auto start = clock_type::now();
     if (!write_all(fd, go.data(), go.size())) {
       state.SkipWithError("cannot ask for the stream");
       break;
     }
-    zelnet::zelp::frame_decoder decoder;
-    int count = 0;
-    while (count < stream_packets) {
-      const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-      if (n <= 0) break;
-      decoder.feed(buffer.data(), static_cast<std::size_t>(n));
-      std::string_view payload;
-      while (decoder.next(payload)) {
-        benchmark::DoNotOptimize(zelnet::zelp::decode_packet(payload.data(), payload.size()));
-        ++count;
-      }
-    }
+    const int count = read_and_decode(fd, stream_packets);
     receive_raw_seconds.push_back(nanoseconds_since(start) / 1e9);
     if (count != stream_packets) {
       state.SkipWithError("the stream did not arrive whole");

@@ -1,5 +1,6 @@
 // Benchmark support: blocking loopback sockets for the raw peers that the library is measured
-// against (whole writes and reads, frames read by their length, a one-client server thread).
+// against (whole writes and reads, frames read by their length, a one-client server thread, the
+// raw read-and-decode loop) and the median of timing samples.
 #pragma once
 
 #include <fcntl.h>
@@ -9,11 +10,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
+#include "zelnet/codec.h"
 #include "zelnet/socket.h"
 
 namespace zelbench {
@@ -84,6 +91,31 @@ inline int raw_connect(const std::string& port) {
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return fd;
+}
+
+// The raw peer's receive loop: reads `fd` through a 16000-byte buffer (as the connection does),
+// cuts the frames and decodes each packet, until `packets` have come or the peer closed; returns
+// how many came.
+inline int read_and_decode(int fd, int packets) {
+  static thread_local std::vector<char> buffer(16000);
+  zelnet::zelp::frame_decoder decoder;
+  int count = 0;
+  while (count < packets) {
+    const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
+    if (n <= 0) break;
+    decoder.feed(buffer.data(), static_cast<std::size_t>(n));
+    std::string_view payload;
+    while (decoder.next(payload)) {
+      benchmark::DoNotOptimize(zelnet::zelp::decode_packet(payload.data(), payload.size()));
+      ++count;
+    }
+  }
+  return count;
+}
+
+inline double median(std::vector<double> samples) {
+  std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
+  return samples[samples.size() / 2];
 }
 
 }  // namespace zelbench

@@ -19,8 +19,10 @@
 
 namespace {
 
+using zelbench::median;
 using zelbench::raw_connect;
 using zelbench::raw_server;
+using zelbench::read_and_decode;
 using zelbench::read_frame;
 using zelbench::write_all;
 using zelnet::zelp::packet;
@@ -143,22 +145,10 @@ void BM_raw_read_and_decode(benchmark::State& state) {
     return;
   }
   const std::string go = zelnet::zelp::encode_packet_frame(packet(packet::type_request, "go"));
-  std::vector<char> buffer(16000);
   for (auto _ : state) {
     const auto start = clock_type::now();
     if (!write_all(fd, go.data(), go.size())) break;
-    zelnet::zelp::frame_decoder decoder;
-    int count = 0;
-    while (count < stream_notifications) {
-      const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-      if (n <= 0) break;
-      decoder.feed(buffer.data(), static_cast<std::size_t>(n));
-      std::string_view payload;
-      while (decoder.next(payload)) {
-        benchmark::DoNotOptimize(zelnet::zelp::decode_packet(payload.data(), payload.size()));
-        ++count;
-      }
-    }
+    const int count = read_and_decode(fd, stream_notifications);
     raw_seconds.push_back(seconds_since(start));
     if (count != stream_notifications || write_failed) {
       state.SkipWithError("the stream did not arrive whole");
@@ -169,11 +159,6 @@ void BM_raw_read_and_decode(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * stream_notifications);
 }
 BENCHMARK(BM_raw_read_and_decode)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
-
-double median(std::vector<double> v) {
-  std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-  return v[v.size() / 2];
-}
 
 }  // namespace
 

@@ -26,10 +26,22 @@ void report_failure(unsigned line, const std::string& text) {
   zelcore::report(source_file, line, category, 8, 3, text);
 }
 
-// A packet that could not be applied (an es::base of the tree or the state, or the bad-cast
-// error of a snapshot record of the wrong kind): reported, and counted as handled by the caller.
-void report_update_failure(unsigned line, const std::exception& e) {
-  report_failure(line, zelbase::string_with_format("failed to update state ('%s')", e.what()));
+// Runs `apply` and returns its result. A packet that could not be applied (an es::base of the
+// tree or the state, or the bad-cast error of a snapshot record of the wrong kind) is
+// reported and counts as handled.
+template <class Apply>
+bool applied_or_reported(Apply apply) {
+  std::string message;
+  try {
+    return apply();
+  } catch (const zelbase::es::base& e) {
+    message = e.what();
+  } catch (const std::bad_cast& e) {
+    message = e.what();
+  }
+  report_failure(__LINE__,
+                 zelbase::string_with_format("failed to update state ('%s')", message.c_str()));
+  return true;
 }
 
 // The "item-type" field; raises es::arg for a value that names no item kind.
@@ -209,15 +221,7 @@ bool state_connection::handle_notification(const packet& in, packet& out) {
   };
   for (const row& r : rows) {
     if (name != r.name) continue;
-    try {
-      return (this->*r.apply)(in.get_properties());
-    } catch (const zelbase::es::base& e) {
-      report_update_failure(__LINE__, e);
-      return true;
-    } catch (const std::bad_cast& e) {
-      report_update_failure(__LINE__, e);
-      return true;
-    }
+    return applied_or_reported([&] { return (this->*r.apply)(in.get_properties()); });
   }
   // A state notification of a newer cluster: nothing to apply.
   zelcore::ds::print("zelcapi::state_connection:debug", "unknown state notification '%s'",
@@ -225,28 +229,34 @@ bool state_connection::handle_notification(const packet& in, packet& out) {
   return true;
 }
 
-bool state_connection::_update_item(const zelcore::properties& fields) {
+bool state_connection::_change_item(const zelcore::properties& fields, change_operation change,
+                                    change_callback told) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
   const zelcore::properties& props = fields.get_properties_value("state");
-  if (state_) state_->item_update(type, id, props);
-  return state_handler_->state_item_updated(type, id, props);
+  if (state_) (state_.get()->*change)(type, id, props);
+  return (state_handler_->*told)(type, id, props);
+}
+
+bool state_connection::_drop_item(const zelcore::properties& fields, drop_operation drop,
+                                  drop_callback told) {
+  const state_item_type type = item_type_of(fields);
+  const std::string& id = state_id_of(fields);
+  const bool result = (state_handler_->*told)(type, id);
+  if (state_) (state_.get()->*drop)(type, id);
+  return result;
+}
+
+bool state_connection::_update_item(const zelcore::properties& fields) {
+  return _change_item(fields, &state::item_update, &state_handler::state_item_updated);
 }
 
 bool state_connection::_set_item(const zelcore::properties& fields) {
-  const state_item_type type = item_type_of(fields);
-  const std::string& id = state_id_of(fields);
-  const zelcore::properties& props = fields.get_properties_value("state");
-  if (state_) state_->item_set(type, id, props);
-  return state_handler_->state_item_set(type, id, props);
+  return _change_item(fields, &state::item_set, &state_handler::state_item_set);
 }
 
 bool state_connection::_remove_item(const zelcore::properties& fields) {
-  const state_item_type type = item_type_of(fields);
-  const std::string& id = state_id_of(fields);
-  const bool result = state_handler_->state_item_removed(type, id);
-  if (state_) state_->item_remove(type, id);
-  return result;
+  return _drop_item(fields, &state::item_remove, &state_handler::state_item_removed);
 }
 
 bool state_connection::_erase_property_ref(const zelcore::properties& fields) {
@@ -259,11 +269,7 @@ bool state_connection::_erase_property_ref(const zelcore::properties& fields) {
 }
 
 bool state_connection::_historize_item(const zelcore::properties& fields) {
-  const state_item_type type = item_type_of(fields);
-  const std::string& id = state_id_of(fields);
-  const bool result = state_handler_->state_item_historized(type, id);
-  if (state_) state_->item_historize(type, id);
-  return result;
+  return _drop_item(fields, &state::item_historize, &state_handler::state_item_historized);
 }
 
 bool state_connection::_update_workflow_result(const zelcore::properties& fields) {
@@ -298,35 +304,33 @@ bool state_connection::_update_workflow(const zelcore::properties& fields) {
 
 bool state_connection::handle_reply(const packet& in, packet& out) {
   const std::string& name = in.get_name();
-  const zelcore::properties& fields = in.get_properties();
-  try {
-    if (name == state_request_name) {
-      const zelcore::properties* snapshot = fields.get_properties_value_ptr("state");
-      if (snapshot == nullptr) return true;
-      if (state_) state_->set_state(*snapshot);
-      return state_handler_->state_new_state(*snapshot);
-    }
-    if (name == history_request_name) {
-      if (!fields.is_present("history")) {
-        report_failure(__LINE__, "cluster.api.history.request failed");
-        return true;
-      }
-      // get_list_value checks the kind and names the key when it is not a list.
-      fields.get_list_value("history");
-      const auto& history =
-          static_cast<const zelcore::property_list&>(*fields.get_property("history"));
-      const std::int64_t request_id = fields.get_properties_value(packet::bounce_property_id())
-                                          .get_int_value(history_request_id_key);
-      return state_handler_->history_request_reply(static_cast<std::uint32_t>(request_id), history);
-    }
-  } catch (const zelbase::es::base& e) {
-    report_update_failure(__LINE__, e);
-    return true;
-  } catch (const std::bad_cast& e) {
-    report_update_failure(__LINE__, e);
-    return true;
+  if (name == state_request_name) {
+    return applied_or_reported([&] { return _state_reply(in.get_properties()); });
+  }
+  if (name == history_request_name) {
+    return applied_or_reported([&] { return _history_reply(in.get_properties()); });
   }
   return state_handler_->handle(in, out);
+}
+
+bool state_connection::_state_reply(const zelcore::properties& fields) {
+  const zelcore::properties* snapshot = fields.get_properties_value_ptr("state");
+  if (snapshot == nullptr) return true;
+  if (state_) state_->set_state(*snapshot);
+  return state_handler_->state_new_state(*snapshot);
+}
+
+bool state_connection::_history_reply(const zelcore::properties& fields) {
+  if (!fields.is_present("history")) {
+    report_failure(__LINE__, "cluster.api.history.request failed");
+    return true;
+  }
+  // get_list_value checks the kind and names the key when it is not a list.
+  fields.get_list_value("history");
+  const auto& history = static_cast<const zelcore::property_list&>(*fields.get_property("history"));
+  const std::int64_t request_id = fields.get_properties_value(packet::bounce_property_id())
+                                      .get_int_value(history_request_id_key);
+  return state_handler_->history_request_reply(static_cast<std::uint32_t>(request_id), history);
 }
 
 // --- requests ---

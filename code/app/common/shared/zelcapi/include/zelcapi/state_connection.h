@@ -153,6 +153,17 @@ class ZELCAPI_EXPORT state_connection : public connection {
   bool handle_command(const zelnet::zelp::packet& in, zelnet::zelp::packet& out);
   bool handle_notification(const zelnet::zelp::packet& in, zelnet::zelp::packet& out);
   bool handle_reply(const zelnet::zelp::packet& in, zelnet::zelp::packet& out);
+  using change_operation = void (state::*)(state_item_type, const std::string&,
+                                           const zelcore::properties&);
+  using change_callback = bool (state_handler::*)(state_item_type, const std::string&,
+                                                  const zelcore::properties&);
+  using drop_operation = void (state::*)(state_item_type, const std::string&);
+  using drop_callback = bool (state_handler::*)(state_item_type, const std::string&);
+  // An item notification with "state": the replica changes first, then the handler hears.
+  bool _change_item(const zelcore::properties& fields, change_operation change,
+                    change_callback told);
+  // An item notification without "state": the handler hears first, then the replica changes.
+  bool _drop_item(const zelcore::properties& fields, drop_operation drop, drop_callback told);
   // The rows of the notification table, one per "cluster.api.state." name.
   bool _update_item(const zelcore::properties& fields);
   bool _set_item(const zelcore::properties& fields);
@@ -164,6 +175,9 @@ class ZELCAPI_EXPORT state_connection : public connection {
   bool _add_workflow(const zelcore::properties& fields);
   bool _remove_workflow(const zelcore::properties& fields);
   bool _update_workflow(const zelcore::properties& fields);
+  // The replies of "cluster.api.state.request" and "cluster.api.history.request".
+  bool _state_reply(const zelcore::properties& fields);
+  bool _history_reply(const zelcore::properties& fields);
   // Sends a "cluster.api.history.request" for the item type, with `id` under `key` (none when
   // `key` is null) and the request id in the bounce tree.
   void _request_history(const char* key, const std::string& id, state_item_type type,
