@@ -196,3 +196,16 @@ TEST_F(StateSnapshot, SequenceNumberThatIsNotAnIntegerRaisesBadCastAndKeepsTheCo
   EXPECT_EQ(st.get_workflow_sequence_number(), 4u);
   EXPECT_TRUE(st.has_workflow_in_state("W"));  // after it: not applied
 }
+
+TEST_F(StateSnapshot, ErrorOfAddingAWorkflowPropagatesAfterTheWorkflowsBeforeIt) {
+  properties workflows(false);
+  workflows.set_properties_value(
+      "A", zeltest::sample_workflow(workflow_info::workflow_type_template, 1));
+  workflows.set_properties_value("B", properties{{"type", make_int(9)}});
+  workflows.set_properties_value(
+      "C", zeltest::sample_workflow(workflow_info::workflow_type_template, 1));
+  EXPECT_THROW(st.set_state(with("workflows", workflows)), zelbase::es::base);
+  EXPECT_TRUE(st.has_workflow_in_state("A"));
+  EXPECT_FALSE(st.has_workflow_in_state("B"));
+  EXPECT_FALSE(st.has_workflow_in_state("C"));
+}
