@@ -53,7 +53,7 @@ class state_saver final : public zelbase::object_refcount, public zelbase::threa
   bool writes_to(const state_db* db) const noexcept { return &db_ == db; }
 
   void run() override {
-    std::lock_guard<zelbase::mutex> hold(saver_lock());
+    std::unique_lock<zelbase::mutex> hold(saver_lock());
     report_state(__LINE__, 8, 7, "Starting save of state-db to disk");
     const zelcore::ds::timer elapsed("State saving timer");
     try {
@@ -62,6 +62,9 @@ class state_saver final : public zelbase::object_refcount, public zelbase::threa
       report_state(__LINE__, 8, 3,
                    zelbase::string_with_format("Failed to update state: %s", e.what()));
     }
+    // The lock goes before the closing report, so a save asked for on hearing "Done" is no
+    // overlap.
+    hold.unlock();
     report_state(__LINE__, 8, 7,
                  zelbase::string_with_format("Done with save of state-db to disk in %f seconds",
                                              elapsed.print(true)));
