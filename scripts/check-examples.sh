@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Compiles every ```cpp block of README.md and docs/*.md as a client would, against the headers
-# given by the compiler flags after the scratch directory: check-examples.sh DIR FLAGS...
+# Compiles every ```cpp block of README.md and docs/*.md, and every program of examples/, as a
+# client would, against the headers given by the compiler flags after the scratch directory:
+# check-examples.sh DIR FLAGS...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 out=$1
@@ -14,7 +15,7 @@ for doc in README.md docs/*.md; do
     /^```$/ && inside { inside = 0; close(file); next }
     inside { print > file }' "$doc"
 done
-for example in "$out"/*.cpp; do
+for example in "$out"/*.cpp examples/*.cpp; do
   [ -e "$example" ] || continue
   g++ -std=c++17 -Wall -Wextra -Werror -fsyntax-only "$@" "$example"
   count=$((count + 1))

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the default build into a scratch prefix (then moves it, as a user may), and checks it
 # as a user would, with no LD_LIBRARY_PATH: a client built through the CMake package and through
-# pkg-config runs, the C++ examples of README.md and docs/ compile, the installed zelsim starts,
-# and the libraries export only their public API.
+# pkg-config runs, the C++ examples of README.md and docs/ and the programs of examples/ compile,
+# the installed zelsim starts, and the libraries export only their public API.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 unset LD_LIBRARY_PATH
