@@ -4,6 +4,7 @@
 
 #include "support/capture_sink.h"
 #include "support/raised_message.h"
+#include "support/raw_peer.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/state_connection_test_support.h"
 #include "zelnet/codec.h"
@@ -68,6 +69,44 @@ TEST_F(StateConnectionTest, RequestNewStateSyncLoadsTheSnapshotBeforeReturning) 
   EXPECT_TRUE(replica().has_workflow_in_state("WOFL-1"));
   // Kinds the snapshot does not hold keep their content.
   EXPECT_TRUE(replica().has_item(state_item_task, "t1"));
+}
+
+TEST(StateConnectionSnapshotOrder, AChangeSentRightAfterTheSnapshotIsAppliedAfterIt) {
+  // A master that sends the snapshot and, in the same write, a change made after it: the change
+  // must not be applied first and then be wiped out by the older snapshot.
+  zeltest::raw_peer master([](int fd) {
+    zeltest::read_exactly(fd, zelnet::zelp::encode_hello_frame(2).size());
+    zeltest::write_all(fd, zelnet::zelp::encode_hello_frame(2));
+    zelnet::zelp::frame_decoder request;
+    std::string_view payload;
+    while (!request.next(payload)) {
+      const std::string bytes = zeltest::read_exactly(fd, 1);
+      if (bytes.empty()) return;
+      request.feed(bytes.data(), bytes.size());
+    }
+    packet reply(packet::type_reply,
+                 zelnet::zelp::decode_packet(payload.data(), payload.size()).get_name());
+    reply.get_properties().set_properties_value("state", small_snapshot());
+    zeltest::write_all(
+        fd, zelnet::zelp::encode_packet_frame(reply) +
+                zelnet::zelp::encode_packet_frame(notification(
+                    "cluster.api.state.set-item", item_fields(5, "j9", one_field("a", 9)))));
+    zeltest::read_exactly(fd, 1);
+  });
+  zelcore::plugin_db plugins;
+  recording_state_handler handler;
+  probe_state_connection conn(&handler, 0, &plugins);
+  handler.replica = conn.get_state();
+  ASSERT_EQ(conn.connect("127.0.0.1", master.port(), 5), zelcapi::connection_ok);
+  handler.calls.clear();
+  conn.request_new_state_sync();
+  EXPECT_EQ(handler.calls, lines{"new-state " + small_snapshot().describe()});
+  for (int i = 0; i < 100 && handler.calls.size() < 2; ++i) conn.wait(10);
+  ASSERT_EQ(handler.calls.size(), 2u);
+  EXPECT_EQ(handler.calls[1], "set 5 j9 live " + one_field("a", 9).describe());
+  EXPECT_TRUE(conn.get_state()->has_item(state_item_job, "j9"));
+  EXPECT_TRUE(conn.get_state()->has_item(state_item_job, "j2"));
+  conn.disconnect("done", false);
 }
 
 TEST_F(StateConnectionTest, RequestNewStateDeliversTheSnapshotInsideTheNextWaits) {

@@ -268,7 +268,12 @@ class ZELCORE_EXPORT properties final : public property {
   // The child as stored; null when absent.
   property_ptr get_property(const std::string& key) const;
   const std::string& get_string_value(const std::string& key) const;
+  // With a default: a reference to the value, or to `def` when the key is absent; raises
+  // zelbase::es::arg when the value is not a string.
   const std::string& get_string_value(const std::string& key, const std::string& def) const;
+  // A temporary default ("" or "n/a") gives a copy, so that binding the result to a reference
+  // never outlives the temporary.
+  std::string get_string_value(const std::string& key, std::string&& def) const;
   std::int64_t get_int_value(const std::string& key) const;
   std::int64_t get_int_value(const std::string& key, std::int64_t def) const;
   bool get_bool_value(const std::string& key) const;
