@@ -149,10 +149,12 @@ TEST(Program, BadFlagValuesGiveAClearError) {
                                                        {"--rate fast", "--rate"},
                                                        {"--jobs 0", "--jobs"},
                                                        {"--seed abc", "--seed"},
-                                                       {"--history-keep -1", "--history-keep"}};
+                                                       {"--history-keep -1", "--history-keep"},
+                                                       {"--no-such-flag", "--no-such-flag"}};
   for (const auto& [args, flag] : cases) {
     std::string output;
-    EXPECT_NE(run_program(args, output), 0) << args;
+    EXPECT_EQ(run_program(args, output), 2) << args;
+    EXPECT_NE(output.find("(see zelsim --help)"), std::string::npos) << output;
     EXPECT_NE(output.find(flag), std::string::npos) << args << " gave:\n" << output;
     EXPECT_EQ(output.find("listening"), std::string::npos) << args;
   }

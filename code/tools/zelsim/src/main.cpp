@@ -57,7 +57,14 @@ int main(int argc, char** argv) {
                  "seconds the master keeps history (0: none)")
       ->capture_default_str();
   app.add_flag("--idle", idle, "no workload: the state keeps its nodes and templates only");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "zelsim: %s (see zelsim --help)\n", e.what());
+    return 2;
+  }
   o.workload = !idle;
 
   for (const auto& u : users) {
