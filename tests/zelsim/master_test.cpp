@@ -103,6 +103,21 @@ TEST(Master, NotificationsReachLoggedInClientsOnly) {
   EXPECT_EQ(out_h.notifications, 0u);
 }
 
+TEST(Master, WarmUpMakesItsChangesBeforeTheNodesListenAndTheSameAsARun) {
+  zelsim::options warm = quiet_workload(4);
+  warm.warm_up = 600;
+  zelsim::cluster warmed(warm);
+  warmed.start();
+  EXPECT_EQ(warmed.changes_made(), 600u);
+  EXPECT_FALSE(warmed.master_snapshot().get_properties_value("jobs").empty());
+  // The warm-up is the workload's first changes, as a run of the same seed makes them.
+  zelsim::cluster ran(quiet_workload(4));
+  ran.start();
+  ran.run_workload(600);
+  ASSERT_TRUE(ran.wait_workload_paused(10s));
+  EXPECT_TRUE(warmed.master_snapshot() == ran.master_snapshot());
+}
+
 TEST(Master, StateRequestIsAnsweredWithTheMastersSnapshot) {
   zelsim::cluster sim(quiet_workload(5));
   sim.start();

@@ -25,6 +25,10 @@ void add_global_options(CLI::App& app, global_options& o) {
       ->capture_default_str();
   app.add_option("--seed", o.seed, "with --simulate: workload seed (same seed, same changes)")
       ->capture_default_str();
+  app.add_option("--warm-up", o.warm_up,
+                 "with --simulate: changes made before the cluster opens, so that it starts busy")
+      ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{100000000}))
+      ->capture_default_str();
 }
 
 void add_json_flag(CLI::App& command, global_options& o) {

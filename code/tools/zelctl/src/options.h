@@ -41,6 +41,7 @@ struct global_options {
   std::uint32_t rate = 200;
   std::size_t jobs = 1000;
   std::uint64_t seed = 1;
+  std::uint64_t warm_up = 5000;
 };
 
 // Adds the global flags to the program's top level.

@@ -24,6 +24,7 @@ zelsim::options simulated_options(const global_options& o) {
   s.rate = o.rate;
   s.jobs = o.jobs;
   s.seed = o.seed;
+  s.warm_up = o.warm_up;
   s.workload = true;
   return s;
 }

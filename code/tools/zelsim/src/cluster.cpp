@@ -410,6 +410,17 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     return static_cast<unsigned>(std::clamp<std::int64_t>(wait.count(), 0, 100));
   }
 
+  // One change of the warm-up; false when the model refused it (the warm-up ends there).
+  bool warm_up_step() {
+    try {
+      work->step();
+      return true;
+    } catch (const zelbase::es::base& e) {
+      std::fprintf(stderr, "zelsim: warm-up stopped: %s\n", e.message().c_str());
+      return false;
+    }
+  }
+
   void make_change() {
     try {
       work->step();
@@ -512,6 +523,9 @@ cluster::~cluster() { stop(); }
 void cluster::start() {
   impl& m = *impl_;
   if (m.running) return;
+  // No client is logged in yet: the changes reach the master's state only.
+  for (std::uint64_t made = 0; made < m.opts.warm_up && m.warm_up_step(); ++made) ++m.changes;
+  m.opts.warm_up = 0;
   try {
     for (auto& n : m.nodes) {
       const std::string port = m.opts.port == 0 ? "0" : std::to_string(m.opts.port + n->number - 1);

@@ -51,6 +51,10 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--seed", o.seed, "workload seed: the same seed gives the same changes")
       ->capture_default_str();
+  app.add_option("--warm-up", o.warm_up,
+                 "changes made at once before the nodes listen, so that the cluster starts busy")
+      ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{100000000}))
+      ->capture_default_str();
   app.add_option("--start-time", o.start_time,
                  "the workload's clock at its start, seconds since 1970 (0: now)");
   app.add_option("--history-keep", o.history_keep_time,

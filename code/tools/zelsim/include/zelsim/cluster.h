@@ -45,6 +45,8 @@ struct options {
   std::uint64_t seed = 1;
   // Whether start() lets the workload run; else it waits for run_workload.
   bool workload = false;
+  // Changes that start() makes at once, before the nodes listen: a cluster that starts busy.
+  std::uint64_t warm_up = 0;
   // The workload's clock starts here (seconds since 1970); 0: the wall clock at construction.
   std::uint32_t start_time = 0;
   // How long the master keeps history in memory, in seconds (0: none; history requests then
