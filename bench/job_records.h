@@ -40,4 +40,14 @@ inline zelcore::properties job_record(int n) {
   return p;
 }
 
+// The first `records` job records keyed by their "id", as a snapshot holds them under "jobs".
+inline zelcore::properties jobs_by_id(int records) {
+  zelcore::properties all(false);
+  for (int n = 0; n < records; ++n) {
+    zelcore::properties record = job_record(n);
+    all.set_properties_value(record.get_string_value("id"), record);
+  }
+  return all;
+}
+
 }  // namespace zelbench

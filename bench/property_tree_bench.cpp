@@ -27,14 +27,7 @@ using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
 
-properties snapshot() {
-  properties all(false);
-  for (int n = 0; n < snapshot_records; ++n) {
-    properties record = job_record(n);
-    all.set_properties_value(record.get_string_value("id"), record);
-  }
-  return all;
-}
+properties snapshot() { return zelbench::jobs_by_id(snapshot_records); }
 
 const std::string& record_bytes() {
   static const std::string bytes = zelcore::encode_property(job_record(42));
