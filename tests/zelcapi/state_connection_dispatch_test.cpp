@@ -2,6 +2,9 @@
 // type, status and disconnection forwarding, and a connection without a replica.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
+
 #include <algorithm>
 
 #include "support/capture_sink.h"
@@ -145,9 +148,10 @@ TEST_F(StateConnectionTest, RequestsFromTheClusterGoToHandleWithItsResult) {
 
 TEST(StateConnectionDispatch, AnAnswerLeftByHandleGoesBackToTheCluster) {
   test_cluster sim(1, 1);
-  zelcore::properties seen;
+  // Written on the cluster's thread, read on this one.
+  std::atomic<std::int64_t> seen{0};
   sim.on("answer", [&seen](zelsim::request_context&, const packet& request, packet&) {
-    seen = request.get_properties();
+    seen = request.get_properties().get_int_value("n", -1);
     return false;
   });
   struct answering_handler : recording_state_handler {
@@ -159,8 +163,8 @@ TEST(StateConnectionDispatch, AnAnswerLeftByHandleGoesBackToTheCluster) {
   probe_state_connection c(&answering);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
   sim.broadcast(packet(packet::type_request, "question", one_field("n", 3)));
-  for (int i = 0; i < 500 && seen.empty(); ++i) c.wait(10);
-  EXPECT_EQ(seen.get_int_value("n", 0), 3);
+  for (int i = 0; i < 500 && seen == 0; ++i) c.wait(10);
+  EXPECT_EQ(seen, 3);
 }
 
 TEST_F(StateConnectionTest, NotificationsOutsideTheStateGoToHandleWithItsResult) {

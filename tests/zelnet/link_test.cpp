@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -137,11 +138,15 @@ TEST(Link, LargeSendIsWrittenAcrossPartialWrites) {
   const packet big = numbered(1, 32 << 20);
   const std::string expected = encode_packet_frame(big);
   std::string received;
+  std::atomic<bool> sent{false};
   {
-    raw_peer peer([&received, size = expected.size()](int fd) {
+    raw_peer peer([&received, &sent, size = expected.size()](int fd) {
       accept_hello(fd);
-      // Read slowly at first so that the sender meets a full socket buffer.
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      // Nothing is read until send() has returned (or a failed test gave up): the sender must
+      // meet a full socket buffer.
+      const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      while (!sent && std::chrono::steady_clock::now() < give_up)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
       received = read_exactly(fd, size);
     });
     zelnet::ioctrl c(16000);
@@ -149,7 +154,8 @@ TEST(Link, LargeSendIsWrittenAcrossPartialWrites) {
     connect_link(c, link, peer);
     link.send(big);
     EXPECT_TRUE(link.wants_write());
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    sent = true;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (link.wants_write() && std::chrono::steady_clock::now() < deadline) c.wait(10);
     EXPECT_FALSE(link.wants_write());
     c.clear();

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -123,7 +124,10 @@ class mirror {
     // The final save waits for one still running: that is no error there.
     zelcore::set_report_sink([this](const zelcore::report_record& r) {
       const bool waited_for = finishing_ && r.message.rfind("Previous save", 0) == 0;
-      if (r.record_severity <= zelbase::severity_error && !waited_for) {
+      // Changes that arrive between the login and the snapshot are applied to the replica that
+      // the snapshot then replaces: their failures (records it lacks) mean nothing.
+      const bool replaced = taking_snapshot_ && r.category != "State";
+      if (r.record_severity <= zelbase::severity_error && !waited_for && !replaced) {
         std::fprintf(stderr, "zelctl: mirror: %s\n", r.message.c_str());
       }
     });
@@ -179,7 +183,9 @@ class mirror {
   // password) ends the mirror.
   bool reach_cluster(double& backoff) {
     try {
+      taking_snapshot_ = true;
       const login_result where = load_snapshot(connection_, target_);
+      taking_snapshot_ = false;
       ++connects_;
       log(std::string(connects_ > 1 ? "reconnected" : "connected") + " to " + where.master_id +
           " at " + where.host + ":" + where.port + "; snapshot " +
@@ -188,6 +194,7 @@ class mirror {
     } catch (const login_refused&) {
       throw;
     } catch (const failure& e) {
+      taking_snapshot_ = false;
       if (e.code() != exit_connection) throw;
       end_status_line();
       log(std::string(e.what()) + "; retrying in " + std::to_string(backoff).substr(0, 4) + " s");
@@ -295,7 +302,9 @@ class mirror {
   steady::time_point start_{};
   std::uint64_t connects_ = 0;
   bool status_shown_ = false;
-  bool finishing_ = false;
+  // Read by the report sink, which the saver's thread calls too.
+  std::atomic<bool> finishing_{false};
+  std::atomic<bool> taking_snapshot_{false};
   steady::time_point rate_since_ = steady::now();
   std::uint64_t rate_changes_ = 0;
   double rate_ = 0;
