@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <msgpack.hpp>
@@ -186,38 +187,71 @@ void BM_copy_record_nlohmann(benchmark::State& s) {
   }
 }
 
-BENCHMARK(BM_decode_record_zelcore);
-BENCHMARK(BM_decode_record_nlohmann);
-BENCHMARK(BM_decode_record_msgpack);
-BENCHMARK(BM_decode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_decode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_decode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_encode_record_zelcore);
-BENCHMARK(BM_encode_record_nlohmann);
-BENCHMARK(BM_encode_record_msgpack);
-BENCHMARK(BM_encode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_encode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_encode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_merge_zelcore);
-BENCHMARK(BM_merge_nlohmann);
-BENCHMARK(BM_copy_record_zelcore);
-BENCHMARK(BM_copy_record_nlohmann);
+// A copy followed by one leaf change, the work of a record that is copied to be updated: the
+// change detaches the copy (copy-on-write), as nlohmann's copy has already paid for.
+void BM_copy_change_record_zelcore(benchmark::State& s) {
+  const properties record = job_record(42);
+  std::int64_t status = 0;
+  for (auto _ : s) {
+    properties copy = record;
+    copy.set_int_value("status", ++status & 7);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+void BM_copy_change_record_nlohmann(benchmark::State& s) {
+  const nlohmann::json record = nlohmann::json::from_msgpack(record_bytes());
+  std::int64_t status = 0;
+  for (auto _ : s) {
+    nlohmann::json copy = record;
+    copy["status"] = ++status & 7;
+    benchmark::DoNotOptimize(copy);
+  }
+}
+
+// The smallest of the repetitions: the run that the machine's other work disturbed least.
+double fastest(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
+
+#define ZEL_BENCH(f) BENCHMARK(f)->ComputeStatistics("min", fastest)
+ZEL_BENCH(BM_decode_record_zelcore);
+ZEL_BENCH(BM_decode_record_nlohmann);
+ZEL_BENCH(BM_decode_record_msgpack);
+ZEL_BENCH(BM_decode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_decode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_decode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_encode_record_zelcore);
+ZEL_BENCH(BM_encode_record_nlohmann);
+ZEL_BENCH(BM_encode_record_msgpack);
+ZEL_BENCH(BM_encode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_encode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_encode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+ZEL_BENCH(BM_merge_zelcore);
+ZEL_BENCH(BM_merge_nlohmann);
+ZEL_BENCH(BM_copy_record_zelcore);
+ZEL_BENCH(BM_copy_record_nlohmann);
+ZEL_BENCH(BM_copy_change_record_zelcore);
+ZEL_BENCH(BM_copy_change_record_nlohmann);
+#undef ZEL_BENCH
 
 // Collects each benchmark's CPU time per iteration for the ratio table (CPU time, so that
-// other work on the machine does not skew one side). With --benchmark_repetitions, the median
-// of the repetitions is used, which a passing disturbance does not move.
+// other work on the machine does not skew one side): the fastest repetition, which judges the
+// targets, and the median beside it. A single run gives both as its one time.
 class ratio_reporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
       if (run.error_occurred) continue;
-      const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && run.run_type != Run::RT_Iteration) continue;
+      const double seconds =
+          run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
       const std::string name = run.run_name.str();
-      if (!median && medians_.count(name) != 0) continue;
-      if (median) medians_.insert(name);
-      seconds_[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+      if (run.run_type == Run::RT_Iteration) {
+        if (aggregated_.count(name) != 0) continue;
+        min_[name] = seconds;
+        median_[name] = seconds;
+      } else if (run.aggregate_name == "min" || run.aggregate_name == "median") {
+        aggregated_.insert(name);
+        (run.aggregate_name == "min" ? min_ : median_)[name] = seconds;
+      }
     }
   }
 
@@ -225,30 +259,58 @@ class ratio_reporter : public benchmark::ConsoleReporter {
   void print_speedup(const char* what, const std::string& ours, const std::string& peer,
                      double times) const {
     if (!has(ours) || !has(peer)) return;
-    const double ratio = seconds_.at(peer) / seconds_.at(ours);
-    std::printf("%-44s %8.2fx  (target >= %.2fx)  %s\n", what, ratio, times,
-                ratio >= times ? "met" : "NOT MET");
+    const double ratio = min_.at(peer) / min_.at(ours);
+    std::printf("%-44s %8.2fx  (target >= %.2fx)  %-7s  median %.2fx\n", what, ratio, times,
+                ratio >= times ? "met" : "NOT MET", median_.at(peer) / median_.at(ours));
   }
   // "ours runs at N% of peer's rate" (target: at least `fraction`).
   void print_rate(const char* what, const std::string& ours, const std::string& peer,
                   double fraction) const {
     if (!has(ours) || !has(peer)) return;
-    const double ratio = seconds_.at(peer) / seconds_.at(ours);
-    std::printf("%-44s %7.0f%%   (target >= %.0f%%)   %s\n", what, ratio * 100, fraction * 100,
-                ratio >= fraction ? "met" : "NOT MET");
+    const double ratio = min_.at(peer) / min_.at(ours);
+    std::printf("%-44s %7.0f%%   (target >= %.0f%%)   %-7s  median %.0f%%\n", what, ratio * 100,
+                fraction * 100, ratio >= fraction ? "met" : "NOT MET",
+                median_.at(peer) / median_.at(ours) * 100);
+  }
+  // An information line without a target.
+  void print_info(const char* what, const std::string& ours, const std::string& peer) const {
+    if (!has(ours) || !has(peer)) return;
+    std::printf("%-44s %8.2fx  (no target)          median %.2fx\n", what,
+                min_.at(peer) / min_.at(ours), median_.at(peer) / median_.at(ours));
   }
 
  private:
-  bool has(const std::string& name) const { return seconds_.count(name) != 0; }
-  std::map<std::string, double> seconds_;
-  std::set<std::string> medians_;
+  bool has(const std::string& name) const { return min_.count(name) != 0; }
+  std::map<std::string, double> min_;
+  std::map<std::string, double> median_;
+  std::set<std::string> aggregated_;
 };
 
-// Heap bytes that a store of decoded records takes, per field, beside the encoded size. Run on
-// a thread of its own, whose block cache starts empty: every block the store takes then comes
-// from the allocator and is counted.
-void print_store_memory() {
-  const std::string& bytes = record_bytes();
+// Heap in use: the allocator's small blocks and the large ones it maps on their own.
+std::size_t heap_in_use() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+// Heap bytes held while `hold` keeps what `build` returns, on a thread of its own, whose block
+// cache starts empty: every block then comes from the allocator and is counted.
+template <class Build>
+std::size_t heap_held(Build build) {
+  std::size_t held = 0;
+  std::thread([&] {
+    const std::size_t before = heap_in_use();
+    const auto kept = build();
+    held = heap_in_use() - before;
+  }).join();
+  return held;
+}
+
+// Memory per stored field of the same 100,000 records held four ways: a store of records
+// decoded one by one (as notifications fill it), the snapshot decoded at once (the arena),
+// msgpack::unpack's zone holding the snapshot, and nlohmann::json holding it. Prints the
+// encoded size beside them and whether the tree meets its target (at most 40 bytes per field
+// and below the other two stores).
+void print_memory() {
   std::vector<std::string> encoded;
   encoded.reserve(snapshot_records);
   std::size_t encoded_total = 0;
@@ -256,27 +318,51 @@ void print_store_memory() {
     encoded.push_back(zelcore::encode_property(job_record(n)));
     encoded_total += encoded.back().size();
   }
-  const std::size_t before = mallinfo2().uordblks;
-  {
-    std::map<std::string, properties> store;
+  const std::string& all = snapshot_bytes();
+  const double fields = static_cast<double>(snapshot_records) * 20;
+  const auto per_field = [fields](std::size_t bytes) {
+    return static_cast<double>(bytes) / fields;
+  };
+
+  const double store = per_field(heap_held([&] {
+    std::map<std::string, properties> records;
     for (const std::string& e : encoded) {
       properties record = zelcore::decode_properties(e.data(), e.size());
-      store.emplace(record.get_string_value("id"), std::move(record));
+      records.emplace(record.get_string_value("id"), std::move(record));
     }
-    const std::size_t after = mallinfo2().uordblks;
-    const double fields = static_cast<double>(snapshot_records) * 20;
-    std::printf(
-        "store of %d 20-field records: %.1f bytes/field in memory, %.1f bytes/field "
-        "as MessagePack (one record: %zu bytes)\n",
-        snapshot_records, static_cast<double>(after - before) / fields,
-        static_cast<double>(encoded_total) / fields, bytes.size());
-  }
+    return records;
+  }));
+  const double snapshot =
+      per_field(heap_held([&] { return zelcore::decode_properties(all.data(), all.size()); }));
+  const double zone = per_field(heap_held([&] { return msgpack::unpack(all.data(), all.size()); }));
+  const double json = per_field(heap_held([&] { return nlohmann::json::from_msgpack(all); }));
+
+  std::printf(
+      "store of %d 20-field records: %.1f bytes/field in memory, %.1f bytes/field "
+      "as MessagePack (one record: %zu bytes)\n",
+      snapshot_records, store, per_field(encoded_total), record_bytes().size());
+  std::printf("snapshot of the same records decoded at once: %.1f bytes/field in memory\n",
+              snapshot);
+  std::printf("msgpack::unpack's zone holding the snapshot: %.1f bytes/field in memory\n", zone);
+  std::printf("nlohmann::json holding the snapshot: %.1f bytes/field in memory\n", json);
+  const double ours = std::max(store, snapshot);
+  std::printf("%-44s %6.1f B   (target <= 40 B, below %.1f and %.1f)   %s\n",
+              "memory per field vs msgpack zone, nlohmann", ours, zone, json,
+              ours <= 40 && ours < zone && ours < json ? "met" : "NOT MET");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
+  // A plain run repeats each benchmark and interleaves the repetitions of all of them, so that
+  // the machine's drift touches both sides of a pair alike; flags given on the command line
+  // come after these and take precedence.
+  std::vector<char*> args(argv, argv + argc);
+  char repetitions[] = "--benchmark_repetitions=5";
+  char interleave[] = "--benchmark_enable_random_interleaving=true";
+  args.insert(args.begin() + 1, {repetitions, interleave});
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
   ratio_reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\n");
@@ -295,7 +381,7 @@ int main(int argc, char** argv) {
       {"decode snapshot vs nlohmann::from_msgpack", "BM_decode_snapshot_zelcore",
        "BM_decode_snapshot_nlohmann", 5, false},
       {"decode snapshot vs msgpack::unpack", "BM_decode_snapshot_zelcore",
-       "BM_decode_snapshot_msgpack", 0.25, true},
+       "BM_decode_snapshot_msgpack", 0.4, true},
       {"encode record vs nlohmann::to_msgpack", "BM_encode_record_zelcore",
        "BM_encode_record_nlohmann", 3, false},
       {"encode record vs msgpack::pack", "BM_encode_record_zelcore", "BM_encode_record_msgpack",
@@ -305,8 +391,8 @@ int main(int argc, char** argv) {
       {"encode snapshot vs msgpack::pack", "BM_encode_snapshot_zelcore",
        "BM_encode_snapshot_msgpack", 0.5, true},
       {"3-leaf merge vs nlohmann::merge_patch", "BM_merge_zelcore", "BM_merge_nlohmann", 2, false},
-      {"copy of a record vs nlohmann::json copy", "BM_copy_record_zelcore",
-       "BM_copy_record_nlohmann", 5, false},
+      {"copy + change vs nlohmann::json copy + change", "BM_copy_change_record_zelcore",
+       "BM_copy_change_record_nlohmann", 5, false},
   };
   for (const target& t : targets) {
     if (t.as_rate)
@@ -314,7 +400,9 @@ int main(int argc, char** argv) {
     else
       reporter.print_speedup(t.what, t.ours, t.peer, t.at_least);
   }
-  std::thread(print_store_memory).join();
+  reporter.print_info("bare copy of a record vs nlohmann::json copy", "BM_copy_record_zelcore",
+                      "BM_copy_record_nlohmann");
+  print_memory();
   benchmark::Shutdown();
   return 0;
 }

@@ -67,6 +67,12 @@ inline bool entry_is(const property_entry& e, const std::string& key,
 
 // The process-wide constant for a small integer, or null outside their range.
 const property* shared_int(std::int64_t value);
+// The process-wide constant for a string of at most one byte, or null for a longer one.
+const property* shared_string(const char* data, std::size_t size);
+// The process-wide empty list and empty tree: a received container without elements costs
+// its holder a pointer, not an object.
+const property* shared_empty_list();
+const property* shared_empty_properties();
 
 // Writes a property and everything below it with one packer (no virtual call per value).
 void pack_property(const property& value, zelbase::encoder_network& encoder);

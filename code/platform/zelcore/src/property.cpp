@@ -188,6 +188,29 @@ const property* shared_int(std::int64_t value) {
   return value >= small_int_min && value <= small_int_max ? small_ints()[value - small_int_min]
                                                           : nullptr;
 }
+
+const property* shared_string(const char* data, std::size_t size) {
+  if (size > 1) return nullptr;
+  // Index 0 is the empty string, 1 + b the one-byte string b.
+  static const property* const* table = [] {
+    auto* t = new const property*[257];
+    t[0] = immortal(new property_string(std::string()));
+    for (int b = 0; b < 256; ++b)
+      t[1 + b] = immortal(new property_string(std::string(1, static_cast<char>(b))));
+    return t;
+  }();
+  return table[size == 0 ? 0 : 1 + static_cast<unsigned char>(data[0])];
+}
+
+const property* shared_empty_list() {
+  static const property* const empty = immortal(new property_list());
+  return empty;
+}
+
+const property* shared_empty_properties() {
+  static const property* const empty = immortal(new properties());
+  return empty;
+}
 }  // namespace detail
 
 property_ptr make_int(std::int64_t value) {
@@ -202,6 +225,8 @@ property_ptr make_bool(bool value) {
 }
 
 property_ptr make_string(std::string value) {
+  if (const property* shared = detail::shared_string(value.data(), value.size()))
+    return property_ptr(shared);
   return zelbase::make_refcount<property_string>(std::move(value));
 }
 

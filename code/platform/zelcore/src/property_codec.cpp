@@ -29,6 +29,7 @@ class tree_reader {
         next_(begin_),
         end_(begin_ + size),
         pair_budget_(size / 2),
+        element_budget_(size),
         max_depth_(std::min(max_depth, deepest)) {
     if (size >= arena_threshold) arena_.emplace();
   }
@@ -143,6 +144,7 @@ class tree_reader {
 
   property_ptr read_string(std::size_t size) {
     const char* bytes = take(size);
+    if (const property* shared = detail::shared_string(bytes, size)) return property_ptr(shared);
     return make<property_string>(bytes, size);
   }
 
@@ -153,17 +155,24 @@ class tree_reader {
 
   property_ptr read_list(std::uint32_t count, std::size_t depth) {
     open_container(depth);
-    zelbase::ptr_refcount<property_list> list = make<property_list>();
+    if (count == 0) return property_ptr(detail::shared_empty_list());
+    property_list::list_type elements;
+    // An element takes at least a byte: all the lists of one input together reserve at most
+    // one slot per input byte, whatever their counts claim.
+    const std::size_t reserve = std::min<std::size_t>(count, element_budget_);
+    element_budget_ -= reserve;
+    elements.reserve(reserve);
     for (std::uint32_t i = 0; i < count; ++i) {
       property_ptr element = read_value(depth + 1);
       if (!element) raise_decode("nil is not allowed in a list");
-      list->push_back(std::move(element));
+      elements.push_back(std::move(element));
     }
-    return list;
+    return make<property_list>(std::move(elements));
   }
 
   property_ptr read_map(std::uint32_t count, std::size_t depth) {
     open_container(depth);
+    if (count == 0) return property_ptr(detail::shared_empty_properties());
     zelbase::ptr_refcount<properties> tree = make<properties>();
     properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
                                             : detail::properties_builder::entries(*tree);
@@ -189,6 +198,8 @@ class tree_reader {
       entries.erase(std::remove_if(entries.begin(), entries.end(),
                                    [](const properties::entry& e) { return !e.second; }),
                     entries.end());
+    // Repeated keys and nil values leave room that the tree would hold for its whole life.
+    if (entries.size() < entries.capacity() / 2) entries.shrink_to_fit();
     return tree;
   }
 
@@ -218,7 +229,8 @@ class tree_reader {
   const unsigned char* const begin_;
   const unsigned char* next_;
   const unsigned char* const end_;
-  std::size_t pair_budget_;  // map pairs that may still be reserved
+  std::size_t pair_budget_;     // map pairs that may still be reserved
+  std::size_t element_budget_;  // list elements that may still be reserved
   const std::size_t max_depth_;
 };
 

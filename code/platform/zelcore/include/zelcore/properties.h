@@ -133,9 +133,11 @@ class ZELCORE_EXPORT property_string final
   property_string(const char* data, std::size_t size) : property_scalar(data, size) {}
 };
 
+// The elements are held in one contiguous array (a pointer each), so that a decoded list costs
+// no more than its input; a caller may rely on iteration in order, size() and indexing.
 class ZELCORE_EXPORT property_list final : public property {
  public:
-  using list_type = std::list<property_ptr>;
+  using list_type = std::vector<property_ptr>;
 
   property_list() noexcept : property(kind_list) {}
   explicit property_list(list_type values) noexcept
