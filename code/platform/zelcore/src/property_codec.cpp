@@ -9,6 +9,7 @@
 
 #include "arena.h"
 #include "properties_body.h"
+#include "property_keys.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 
@@ -174,8 +175,9 @@ class tree_reader {
     open_container(depth);
     if (count == 0) return property_ptr(detail::shared_empty_properties());
     zelbase::ptr_refcount<properties> tree = make<properties>();
-    properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
-                                            : detail::properties_builder::entries(*tree);
+    detail::properties_builder::slots& entries =
+        arena_ ? detail::properties_builder::entries(*tree, *arena_)
+               : detail::properties_builder::entries(*tree);
     // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
     // counts, even nested ones, cannot together reserve more than that.
     const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
@@ -196,7 +198,7 @@ class tree_reader {
     if (!sorted) detail::properties_builder::normalise(entries);
     if (has_nil)  // after normalising, so that a later nil also removes an earlier value
       entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                   [](const properties::entry& e) { return !e.second; }),
+                                   [](const detail::slot& e) { return !e.second; }),
                     entries.end());
     // Repeated keys and nil values leave room that the tree would hold for its whole life.
     if (entries.size() < entries.capacity() / 2) entries.shrink_to_fit();
@@ -205,7 +207,7 @@ class tree_reader {
 
   // Appends an entry for the key that comes next; anything but a string is refused (once it has
   // been read whole, so that truncation and unsupported types are named first).
-  void read_key(properties::container& entries, std::size_t depth) {
+  void read_key(detail::properties_builder::slots& entries, std::size_t depth) {
     const unsigned char type = static_cast<unsigned char>(*take(1));
     std::size_t size;
     if ((type & 0xe0) == 0xa0) {
@@ -221,7 +223,9 @@ class tree_reader {
       }
       raise_decode("a map key is not a string");
     }
-    entries.emplace_back(take(size), size);
+    const char* key = take(size);
+    const std::uint64_t order = property_entry::order_of(key, size);
+    entries.push_back({order, detail::key_lookup(key, size, order), property_ptr()});
   }
 
   // Declared first: it must outlive every object built while it is released.
@@ -292,10 +296,12 @@ class tree_writer {
   }
 
   void write_tree(const properties& tree) {
-    const properties::container* entries = properties_builder::entries_of(tree);
+    const properties_builder::slots* entries = properties_builder::entries_of(tree);
     next_ = put_header(room(header_room), entries ? entries->size() : 0, 0x80, 0xde);
     if (!entries) return;
-    for (const auto& [key, child] : *entries) {
+    for (const slot& e : *entries) {
+      const std::string& key = e.first();
+      const property_ptr& child = e.second;
       if (!child) {  // a null slot travels as nil, which decodes as an absent key
         next_ = put_byte(put_string(room(header_room + key.size() + 1), key), 0xc0);
       } else if (child->kind() == property::kind_list ||
