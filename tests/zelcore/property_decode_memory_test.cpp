@@ -119,10 +119,11 @@ namespace {
 
 constexpr std::size_t payload_bytes = std::size_t{4} << 20;
 
-// A top-level array32 of `count` copies of `element`.
-std::string array_of(const std::string& element, std::size_t count) {
+// A top-level array32 of `count` copies of `element`, which holds `values` values.
+std::string array_of(const std::string& element, std::size_t count, std::size_t values = 1) {
   std::string in("\xdd", 1);
-  for (int shift = 24; shift >= 0; shift -= 8) in += static_cast<char>((count >> shift) & 0xff);
+  for (int shift = 24; shift >= 0; shift -= 8)
+    in += static_cast<char>((count * values >> shift) & 0xff);
   in.reserve(in.size() + element.size() * count);
   for (std::size_t i = 0; i < count; ++i) in += element;
   return in;
@@ -209,6 +210,29 @@ TEST(PropertyDecodeMemory, OneByteStringsTakeAtMostTheBoundPerInputByte) {
   make_constants();
   std::string in = array_of(std::string("\xa1x", 2), payload_bytes / 2);
   for (std::size_t i = 6; i < in.size(); i += 2) in[i] = static_cast<char>(i / 2);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, NegativeIntegersOfOneAndTwoBytesTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\xe0\xd0\x80", 3), payload_bytes / 3, 2);
+  for (std::size_t i = 7; i < in.size(); i += 3) in[i] = static_cast<char>(0x80 + i % 0x60);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, TwoAndThreeByteStringsTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\xa2xy\xa3xyz", 7), payload_bytes / 7, 2);
+  // Every two-byte string there is, and as many different three-byte ones.
+  for (std::size_t i = 5, n = 0; i < in.size(); i += 7, ++n) {
+    in[i + 1] = static_cast<char>(n);
+    in[i + 2] = static_cast<char>(n >> 8);
+    in[i + 4] = static_cast<char>(n);
+    in[i + 5] = static_cast<char>(n >> 8);
+    in[i + 6] = static_cast<char>(n >> 16);
+  }
   EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
 }
 

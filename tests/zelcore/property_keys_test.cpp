@@ -146,9 +146,9 @@ TEST(PropertyKeys, TreesOutliveTheThreadAndTheArenaThatBuiltThem) {
 }
 
 TEST(PropertyKeys, SharedIntegersEndAtTheirBoundaries) {
-  // -16 and 1023 are the process's constants; the values just outside are objects of their
+  // -128 and 1023 are the process's constants; the values just outside are objects of their
   // own. Both read back the same way.
-  for (const std::int64_t v : {std::int64_t{-17}, std::int64_t{-16}, std::int64_t{1023},
+  for (const std::int64_t v : {std::int64_t{-129}, std::int64_t{-128}, std::int64_t{1023},
                                std::int64_t{1024}, INT64_MIN, INT64_MAX}) {
     properties p(false);
     p.set_int_value("v", v);
@@ -156,13 +156,13 @@ TEST(PropertyKeys, SharedIntegersEndAtTheirBoundaries) {
     const properties back = zelcore::decode_properties(bytes.data(), bytes.size());
     EXPECT_EQ(back.get_int_value("v"), v);
   }
-  EXPECT_EQ(make_int(-16).get(), make_int(-16).get());
+  EXPECT_EQ(make_int(-128).get(), make_int(-128).get());
   EXPECT_EQ(make_int(1023).get(), make_int(1023).get());
-  EXPECT_NE(make_int(-17).get(), make_int(-17).get());
+  EXPECT_NE(make_int(-129).get(), make_int(-129).get());
   EXPECT_NE(make_int(1024).get(), make_int(1024).get());
 }
 
-TEST(PropertyKeys, SharedStringsEndAtOneByte) {
+TEST(PropertyKeys, SharedStringsEndAtTwoBytes) {
   for (int b = 0; b < 256; ++b) {
     const std::string text(1, static_cast<char>(b));
     const std::string bytes = zelcore::encode_property(*zelcore::make_string(text));
@@ -172,9 +172,13 @@ TEST(PropertyKeys, SharedStringsEndAtOneByte) {
   }
   EXPECT_EQ(zelcore::make_string("").get(), zelcore::make_string(std::string()).get());
   EXPECT_EQ(static_cast<const zelcore::property_string&>(*zelcore::make_string("")).value(), "");
+  // Two-byte strings are constants too, made at their first use; three bytes are not.
   const property_ptr two = zelcore::make_string("ab");
-  EXPECT_NE(two.get(), zelcore::make_string("ab").get());
+  EXPECT_EQ(two.get(), zelcore::make_string("ab").get());
   EXPECT_EQ(static_cast<const zelcore::property_string&>(*two).value(), "ab");
+  const property_ptr three = zelcore::make_string("abc");
+  EXPECT_NE(three.get(), zelcore::make_string("abc").get());
+  EXPECT_EQ(static_cast<const zelcore::property_string&>(*three).value(), "abc");
 }
 
 TEST(PropertyKeys, ASnapshotCutAtEveryByteRaisesTheDecodersError) {
@@ -186,4 +190,24 @@ TEST(PropertyKeys, ASnapshotCutAtEveryByteRaisesTheDecodersError) {
                                           : "cannot decode property: input truncated at byte ";
     ASSERT_EQ(message.rfind(expected, 0), 0u) << "cut at " << cut << ": " << message;
   }
+}
+
+TEST(PropertyKeys, ThreadsMakingTheSameTwoByteStringsGetOneConstant) {
+  constexpr int threads = 4;
+  std::vector<std::vector<const zelcore::property*>> made(threads);
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([t, &made] {
+      for (int b = 0; b < 256; ++b) {
+        const std::string text{'\x7f', static_cast<char>(b)};
+        made[static_cast<std::size_t>(t)].push_back(zelcore::make_string(text).get());
+      }
+    });
+  }
+  for (std::thread& w : workers) w.join();
+  for (int t = 1; t < threads; ++t) EXPECT_EQ(made[0], made[static_cast<std::size_t>(t)]);
+  for (int b = 0; b < 256; ++b)
+    EXPECT_EQ(
+        static_cast<const zelcore::property_string&>(*made[0][static_cast<std::size_t>(b)]).value(),
+        (std::string{'\x7f', static_cast<char>(b)}));
 }

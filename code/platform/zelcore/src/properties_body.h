@@ -64,7 +64,7 @@ inline bool entry_is(const slot& e, const std::string& key, std::uint64_t order)
 
 // The process-wide constant for a small integer, or null outside their range.
 const property* shared_int(std::int64_t value);
-// The process-wide constant for a string of at most one byte, or null for a longer one.
+// The process-wide constant for a string of at most two bytes, or null for a longer one.
 const property* shared_string(const char* data, std::size_t size);
 // The process-wide empty list and empty tree: a received container without elements costs
 // its holder a pointer, not an object.

@@ -9,9 +9,9 @@
 // child); keys are shared by all trees through a process-wide table, safe on any thread, and
 // read as `const std::string&`. Iteration yields property_item (the key and the child by
 // reference, valid while the tree is unchanged). The decoder shares one empty tree, one empty
-// list and the strings of at most one byte; flat input (empty containers, scalars, short
-// strings, maps of short keys) holds at most 16 bytes of heap per input byte, nested input an
-// object per level (at most 48 bytes per input byte through maps, 80 through lists).
+// list, the integers from -128 to 1023 and the strings of at most two bytes; flat input (empty
+// containers, scalars, strings, maps) holds about 16 bytes of heap per input byte at most, nested
+// input an object per level (at most 48 bytes per input byte through maps, 80 through lists).
 //
 // Property references name a property inside a tree in the form of JSON Pointer (RFC 6901):
 // "/a/b" is key b inside key a; "~1" stands for "/" and "~0" for "~" inside a key. The leaves of a
@@ -444,7 +444,8 @@ class ZELCORE_EXPORT properties final : public property {
   zelbase::ptr_refcount<detail::properties_body> body_;
 };
 
-// Shared constant children for common values (no allocation for bools and small integers).
+// Shared constant children for common values (no allocation for bools, integers from -128 to
+// 1023 and strings of at most two bytes).
 ZELCORE_EXPORT property_ptr make_int(std::int64_t value);
 ZELCORE_EXPORT property_ptr make_bool(bool value);
 ZELCORE_EXPORT property_ptr make_string(std::string value);
