@@ -3,27 +3,30 @@
 // - packets received through run() into a counting handler vs. a raw read-and-decode loop of
 //   the same byte stream.
 // Each benchmark reports its median round trip (median_ns) or its packet rate (items/s, on
-// wall-clock time).
+// wall-clock time); the program then prints each pair's ratio against its target. A reply or
+// streamed packet that does not arrive ends the benchmark with an error.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
+#include <cstdio>
 #include <vector>
 
+#include "loopback.h"
+#include "zelbase/exceptions.h"
 #include "zelcapi/connection.h"
 #include "zelnet/codec.h"
-#include "zelnet/socket.h"
 #include "zelsim/cluster.h"
 
 namespace {
 
+using zelbench::median;
+using zelbench::raw_connect;
+using zelbench::raw_server;
+using zelbench::read_and_decode;
+using zelbench::read_frame;
+using zelbench::write_all;
 using zelnet::zelp::packet;
 using clock_type = std::chrono::steady_clock;
 
@@ -45,78 +48,25 @@ packet notification(int i) {
   return p;
 }
 
-bool write_all(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
+// The figures of each side, for the ratios printed at the end: median round trips in
+// nanoseconds, and wall-clock seconds per pass of the stream.
+double echo_zelsim_median_ns = 0;
+double echo_raw_median_ns = 0;
+std::vector<double> receive_run_seconds;
+std::vector<double> receive_raw_seconds;
 
-bool read_all(int fd, char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::recv(fd, data, size, 0);
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-// Reads one frame into `frame` (length included).
-bool read_frame(int fd, std::string& frame) {
-  frame.resize(4);
-  if (!read_all(fd, &frame[0], 4)) return false;
-  const auto* b = reinterpret_cast<const unsigned char*>(frame.data());
-  const std::size_t length = (std::size_t{b[0]} << 24) | (b[1] << 16) | (b[2] << 8) | b[3];
-  frame.resize(4 + length);
-  return read_all(fd, &frame[4], length);
-}
-
-// A blocking TCP server on a free loopback port that serves one client with `body`.
-class raw_server {
- public:
-  explicit raw_server(std::function<void(int)> body) {
-    listener_.listen("127.0.0.1", "0");
-    thread_ = std::thread([this, body] {
-      pollfd p{listener_.get_file().descriptor(), POLLIN, 0};
-      ::poll(&p, 1, 10000);
-      zelbase::file f = listener_.accept();
-      if (!f.is_open()) return;
-      fcntl(f.descriptor(), F_SETFL, 0);
-      const int on = 1;
-      setsockopt(f.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-      body(f.descriptor());
-      f.close();
-    });
-  }
-  ~raw_server() { thread_.join(); }
-  std::string port() const { return std::to_string(listener_.port()); }
-
- private:
-  zelnet::socket_listener listener_;
-  std::thread thread_;
-};
-
-// A blocking raw client socket.
-int raw_connect(const std::string& port) {
-  zelnet::socket_connector connector;
-  connector.create_connect("127.0.0.1", port, zelnet::socket_kind_tcp);
-  const int fd = connector.get_file().descriptor();
-  pollfd p{fd, POLLOUT, 0};
-  ::poll(&p, 1, 5000);
-  fcntl(fd, F_SETFL, 0);
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  return fd;
-}
-
-void set_median(benchmark::State& state, std::vector<double>& samples) {
+void set_median(benchmark::State& state, const std::vector<double>& samples, double& out) {
   if (samples.empty()) return;
-  std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
-  state.counters["median_ns"] = samples[samples.size() / 2];
+  out = median(samples);
+  state.counters["median_ns"] = out;
+}
+
+// A reply is whole when it is the echo of the request: a reply or request named "echo" with the
+// request's properties.
+bool is_echo(const packet& reply, const packet& request) {
+  return reply.get_name() == request.get_name() &&
+         reply.get_properties().get_string_value("job", "") ==
+             request.get_properties().get_string_value("job");
 }
 
 double nanoseconds_since(clock_type::time_point start) {
@@ -138,15 +88,25 @@ void BM_send_sync_echo_zelsim(benchmark::State& state) {
   std::vector<double> samples;
   for (auto _ : state) {
     const auto start = clock_type::now();
-    benchmark::DoNotOptimize(&c.send_sync(request, 5));
-    samples.push_back(nanoseconds_since(start));
+    try {
+      const packet& reply = c.send_sync(request, 5);
+      samples.push_back(nanoseconds_since(start));
+      if (reply.get_type() != packet::type_reply || !is_echo(reply, request)) {
+        state.SkipWithError("a reply that is not the echo of the request");
+        break;
+      }
+    } catch (const zelbase::es::base& e) {
+      state.SkipWithError(e.what());
+      break;
+    }
   }
-  set_median(state, samples);
+  set_median(state, samples, echo_zelsim_median_ns);
 }
 BENCHMARK(BM_send_sync_echo_zelsim)->Iterations(20000);
 
 void BM_send_sync_echo_raw(benchmark::State& state) {
-  const std::string frame = zelnet::zelp::encode_packet_frame(echo_request());
+  const packet request = echo_request();
+  const std::string frame = zelnet::zelp::encode_packet_frame(request);
   raw_server server([](int fd) {
     std::string in;
     while (read_frame(fd, in) && write_all(fd, in.data(), in.size())) {
@@ -157,12 +117,20 @@ void BM_send_sync_echo_raw(benchmark::State& state) {
   std::vector<double> samples;
   for (auto _ : state) {
     const auto start = clock_type::now();
-    write_all(fd, frame.data(), frame.size());
-    read_frame(fd, reply);
+    if (!write_all(fd, frame.data(), frame.size()) || !read_frame(fd, reply)) {
+      state.SkipWithError("the raw echo failed");
+      break;
+    }
+    // Decoded as the library decodes a reply, so that both sides do the same work.
+    const packet decoded = zelnet::zelp::decode_packet(reply.data() + 4, reply.size() - 4);
     samples.push_back(nanoseconds_since(start));
+    if (!is_echo(decoded, request)) {
+      state.SkipWithError("a reply that is not the echo of the request");
+      break;
+    }
   }
   ::close(fd);
-  set_median(state, samples);
+  set_median(state, samples, echo_raw_median_ns);
 }
 BENCHMARK(BM_send_sync_echo_raw)->Iterations(20000);
 
@@ -190,6 +158,8 @@ class counting_handler : public zelcapi::handler {
     stop = ++count == stream_packets;
     return true;
   }
+  // A lost link ends the pass; the count then tells that the stream did not arrive whole.
+  void disconnected(const std::string&, bool) override { stop = true; }
   int count = 0;
   volatile bool stop = false;
 };
@@ -207,8 +177,14 @@ void BM_receive_run(benchmark::State& state) {
   for (auto _ : state) {
     h.count = 0;
     h.stop = false;
+    const auto start = clock_type::now();
     c.send_no_wait(go);
     c.run(h.stop);
+    receive_run_seconds.push_back(nanoseconds_since(start) / 1e9);
+    if (h.count != stream_packets) {
+      state.SkipWithError("the stream did not arrive whole");
+      break;
+    }
   }
   state.SetItemsProcessed(state.iterations() * stream_packets);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(stream.size()));
@@ -225,20 +201,17 @@ void BM_receive_raw_decode(benchmark::State& state) {
   std::string answer;
   read_frame(fd, answer);
   const std::string go = zelnet::zelp::encode_packet_frame(packet(2, "go"));
-  std::vector<char> buffer(16000);
   for (auto _ : state) {
-    write_all(fd, go.data(), go.size());
-    zelnet::zelp::frame_decoder decoder;
-    int count = 0;
-    while (count < stream_packets) {
-      const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-      if (n <= 0) break;
-      decoder.feed(buffer.data(), static_cast<std::size_t>(n));
-      std::string_view payload;
-      while (decoder.next(payload)) {
-        benchmark::DoNotOptimize(zelnet::zelp::decode_packet(payload.data(), payload.size()));
-        ++count;
-      }
+    const auto start = clock_type::now();
+    if (!write_all(fd, go.data(), go.size())) {
+      state.SkipWithError("cannot ask for the stream");
+      break;
+    }
+    const int count = read_and_decode(fd, stream_packets);
+    receive_raw_seconds.push_back(nanoseconds_since(start) / 1e9);
+    if (count != stream_packets) {
+      state.SkipWithError("the stream did not arrive whole");
+      break;
     }
   }
   ::close(fd);
@@ -247,6 +220,38 @@ void BM_receive_raw_decode(benchmark::State& state) {
 }
 BENCHMARK(BM_receive_raw_decode)->Iterations(50)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// One line per pair: "<what> vs <peer>  <ratio>  (target ...)  met|NOT MET".
+void print_target(const char* what, double ratio, const char* relation, double target, bool met) {
+  std::printf("%-52s %5.2f  (target %s %.2f)  %s\n", what, ratio, relation, target,
+              met ? "met" : "NOT MET");
+}
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  std::printf("\n");
+  bool complete = true;
+  // A round trip through the library and zelsim takes at most 1.3 times the raw echo's.
+  constexpr double round_trip_target = 1.3;
+  if (echo_zelsim_median_ns > 0 && echo_raw_median_ns > 0) {
+    const double ratio = echo_zelsim_median_ns / echo_raw_median_ns;
+    print_target("send_sync round trip vs raw echo", ratio, "<=", round_trip_target,
+                 ratio <= round_trip_target);
+  } else {
+    complete = false;
+  }
+  // run() receives at least 60% of the raw read-and-decode rate.
+  constexpr double receive_target = 0.60;
+  if (!receive_run_seconds.empty() && !receive_raw_seconds.empty()) {
+    const double share = median(receive_raw_seconds) / median(receive_run_seconds);
+    print_target("run() receive rate vs raw read-and-decode", share, ">=", receive_target,
+                 share >= receive_target);
+  } else {
+    complete = false;
+  }
+  if (!complete) std::printf("a pair did not run whole: no ratio for it\n");
+  benchmark::Shutdown();
+  return complete ? 0 : 1;
+}

@@ -9,50 +9,22 @@
 #include <map>
 #include <msgpack.hpp>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "job_records.h"
+#include "ratio_reporter.h"
 #include "zelcore/properties.h"
 
 namespace {
 
-using zelcore::make_bool;
+using zelbench::job_record;
+using zelbench::ratio_reporter;
+using zelbench::snapshot_records;
 using zelcore::make_int;
 using zelcore::make_string;
 using zelcore::properties;
-
-constexpr int snapshot_records = 100000;
-
-// A job record as the master sends it: 20 fields of the usual kinds.
-properties job_record(int n) {
-  properties p(false);
-  const std::string id = "job-" + std::to_string(1000000 + n);
-  p.set_string_value("id", id);
-  p.set_string_value("submission-id", "sub-" + std::to_string(n / 10));
-  p.set_string_value("source-id", "src-" + std::to_string(n % 7));
-  p.set_string_value("name", "render frame " + std::to_string(n));
-  p.set_string_value("user", "operator");
-  p.set_string_value("node-id", "node-" + std::to_string(n % 64));
-  p.set_string_value("slot-id", "slot-" + std::to_string(n % 512));
-  p.set_string_value("command", "/opt/render/bin/render --frame " + std::to_string(n));
-  p.set_int_value("status", n % 6);
-  p.set_int_value("priority", 500 + n % 100);
-  p.set_int_value("submit-time", 1763700000 + n);
-  p.set_int_value("start-time", 1763700100 + n);
-  p.set_int_value("end-time", 0);
-  p.set_int_value("exit-code", 0);
-  p.set_int_value("attempts", 1);
-  p.set_int_value("max-attempts", 3);
-  p.set_int_value("memory", 4294967296LL + n);
-  p.set_bool_value("killed", false);
-  p.set_bool_value("restartable", true);
-  p.set_properties_value("progress", properties{{"done", make_int(n % 100)},
-                                                {"total", make_int(100)},
-                                                {"phase", make_string("rendering")}});
-  return p;
-}
 
 properties snapshot() {
   properties all(false);
@@ -208,83 +180,24 @@ void BM_copy_change_record_nlohmann(benchmark::State& s) {
   }
 }
 
-// The smallest of the repetitions: the run that the machine's other work disturbed least.
-double fastest(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
-
-#define ZEL_BENCH(f) BENCHMARK(f)->ComputeStatistics("min", fastest)
-ZEL_BENCH(BM_decode_record_zelcore);
-ZEL_BENCH(BM_decode_record_nlohmann);
-ZEL_BENCH(BM_decode_record_msgpack);
-ZEL_BENCH(BM_decode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_decode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_decode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_encode_record_zelcore);
-ZEL_BENCH(BM_encode_record_nlohmann);
-ZEL_BENCH(BM_encode_record_msgpack);
-ZEL_BENCH(BM_encode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_encode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_encode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
-ZEL_BENCH(BM_merge_zelcore);
-ZEL_BENCH(BM_merge_nlohmann);
-ZEL_BENCH(BM_copy_record_zelcore);
-ZEL_BENCH(BM_copy_record_nlohmann);
-ZEL_BENCH(BM_copy_change_record_zelcore);
-ZEL_BENCH(BM_copy_change_record_nlohmann);
-#undef ZEL_BENCH
-
-// Collects each benchmark's CPU time per iteration for the ratio table (CPU time, so that
-// other work on the machine does not skew one side): the fastest repetition, which judges the
-// targets, and the median beside it. A single run gives both as its one time.
-class ratio_reporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      const double seconds =
-          run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-      const std::string name = run.run_name.str();
-      if (run.run_type == Run::RT_Iteration) {
-        if (aggregated_.count(name) != 0) continue;
-        min_[name] = seconds;
-        median_[name] = seconds;
-      } else if (run.aggregate_name == "min" || run.aggregate_name == "median") {
-        aggregated_.insert(name);
-        (run.aggregate_name == "min" ? min_ : median_)[name] = seconds;
-      }
-    }
-  }
-
-  // "ours is N times faster than peer" (target: at least `times`).
-  void print_speedup(const char* what, const std::string& ours, const std::string& peer,
-                     double times) const {
-    if (!has(ours) || !has(peer)) return;
-    const double ratio = min_.at(peer) / min_.at(ours);
-    std::printf("%-44s %8.2fx  (target >= %.2fx)  %-7s  median %.2fx\n", what, ratio, times,
-                ratio >= times ? "met" : "NOT MET", median_.at(peer) / median_.at(ours));
-  }
-  // "ours runs at N% of peer's rate" (target: at least `fraction`).
-  void print_rate(const char* what, const std::string& ours, const std::string& peer,
-                  double fraction) const {
-    if (!has(ours) || !has(peer)) return;
-    const double ratio = min_.at(peer) / min_.at(ours);
-    std::printf("%-44s %7.0f%%   (target >= %.0f%%)   %-7s  median %.0f%%\n", what, ratio * 100,
-                fraction * 100, ratio >= fraction ? "met" : "NOT MET",
-                median_.at(peer) / median_.at(ours) * 100);
-  }
-  // An information line without a target.
-  void print_info(const char* what, const std::string& ours, const std::string& peer) const {
-    if (!has(ours) || !has(peer)) return;
-    std::printf("%-44s %8.2fx  (no target)          median %.2fx\n", what,
-                min_.at(peer) / min_.at(ours), median_.at(peer) / median_.at(ours));
-  }
-
- private:
-  bool has(const std::string& name) const { return min_.count(name) != 0; }
-  std::map<std::string, double> min_;
-  std::map<std::string, double> median_;
-  std::set<std::string> aggregated_;
-};
+BENCHMARK(BM_decode_record_zelcore);
+BENCHMARK(BM_decode_record_nlohmann);
+BENCHMARK(BM_decode_record_msgpack);
+BENCHMARK(BM_decode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_decode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_decode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_record_zelcore);
+BENCHMARK(BM_encode_record_nlohmann);
+BENCHMARK(BM_encode_record_msgpack);
+BENCHMARK(BM_encode_snapshot_zelcore)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_snapshot_nlohmann)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_encode_snapshot_msgpack)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_merge_zelcore);
+BENCHMARK(BM_merge_nlohmann);
+BENCHMARK(BM_copy_record_zelcore);
+BENCHMARK(BM_copy_record_nlohmann);
+BENCHMARK(BM_copy_change_record_zelcore);
+BENCHMARK(BM_copy_change_record_nlohmann);
 
 // Heap in use: the allocator's small blocks and the large ones it maps on their own.
 std::size_t heap_in_use() {
@@ -346,7 +259,7 @@ void print_memory() {
   std::printf("msgpack::unpack's zone holding the snapshot: %.1f bytes/field in memory\n", zone);
   std::printf("nlohmann::json holding the snapshot: %.1f bytes/field in memory\n", json);
   const double ours = std::max(store, snapshot);
-  std::printf("%-44s %6.1f B   (target <= 40 B, below %.1f and %.1f)   %s\n",
+  std::printf("%-48s %6.1f B   (target <= 40 B, below %.1f and %.1f)   %s\n",
               "memory per field vs msgpack zone, nlohmann", ours, zone, json,
               ours <= 40 && ours < zone && ours < json ? "met" : "NOT MET");
 }
@@ -354,26 +267,12 @@ void print_memory() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A plain run repeats each benchmark and interleaves the repetitions of all of them, so that
-  // the machine's drift touches both sides of a pair alike; flags given on the command line
-  // come after these and take precedence.
-  std::vector<char*> args(argv, argv + argc);
-  char repetitions[] = "--benchmark_repetitions=5";
-  char interleave[] = "--benchmark_enable_random_interleaving=true";
-  args.insert(args.begin() + 1, {repetitions, interleave});
-  int count = static_cast<int>(args.size());
-  benchmark::Initialize(&count, args.data());
-  ratio_reporter reporter;
+  // A plain run repeats each benchmark five times and interleaves the repetitions.
+  zelbench::initialize_repeated(&argc, argv, 5);
+  ratio_reporter reporter(ratio_reporter::cpu_time);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\n");
-  struct target {
-    const char* what;
-    const char* ours;
-    const char* peer;
-    double at_least;
-    bool as_rate;  // printed as a percentage of the peer's rate, else as a speed-up
-  };
-  const target targets[] = {
+  reporter.print_targets({
       {"decode record vs nlohmann::from_msgpack", "BM_decode_record_zelcore",
        "BM_decode_record_nlohmann", 5, false},
       {"decode record vs msgpack::unpack", "BM_decode_record_zelcore", "BM_decode_record_msgpack",
@@ -393,13 +292,7 @@ int main(int argc, char** argv) {
       {"3-leaf merge vs nlohmann::merge_patch", "BM_merge_zelcore", "BM_merge_nlohmann", 2, false},
       {"copy + change vs nlohmann::json copy + change", "BM_copy_change_record_zelcore",
        "BM_copy_change_record_nlohmann", 5, false},
-  };
-  for (const target& t : targets) {
-    if (t.as_rate)
-      reporter.print_rate(t.what, t.ours, t.peer, t.at_least);
-    else
-      reporter.print_speedup(t.what, t.ours, t.peer, t.at_least);
-  }
+  });
   reporter.print_info("bare copy of a record vs nlohmann::json copy", "BM_copy_record_zelcore",
                       "BM_copy_record_nlohmann");
   print_memory();

@@ -1,9 +1,11 @@
-# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi) and zelcapi.pc.
+# Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi and
+# zelcapi::zelcapi_sqlite) and the pkg-config files zelcapi.pc and zelcapi_sqlite.pc.
 include(CMakePackageConfigHelpers)
 
 install(EXPORT zelcapi-targets
   NAMESPACE zelcapi::
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi
+  COMPONENT dev)
 configure_package_config_file(cmake/zelcapi-config.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
@@ -12,8 +14,22 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config-vers
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/zelcapi-config-version.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zelcapi
+  COMPONENT dev)
 
-configure_file(cmake/zelcapi.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelcapi.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelcapi.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# The .pc file finds its prefix from its own place, so that an installed tree can be moved.
+file(RELATIVE_PATH ZEL_PC_PREFIX_FROM_PCDIR
+  "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" ZEL_PC_PREFIX_FROM_PCDIR "${ZEL_PC_PREFIX_FROM_PCDIR}")
+set(zel_system_libdirs
+  ${CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES} ${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES})
+list(REMOVE_DUPLICATES zel_system_libdirs)
+foreach(zel_pc zelcapi zelcapi_sqlite)
+  configure_file(cmake/${zel_pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc @ONLY)
+  install(CODE "
+    set(zel_pc_file \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc\")
+    set(zel_libdir \"${CMAKE_INSTALL_LIBDIR}\")
+    set(zel_system_libdirs \"${zel_system_libdirs}\")"
+    COMPONENT dev)
+  install(SCRIPT cmake/ZelInstallPkgConfig.cmake COMPONENT dev)
+endforeach()

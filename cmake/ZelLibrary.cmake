@@ -1,6 +1,7 @@
 # zel_add_library(NAME SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
 # Builds one shared library of the project: SONAME, hidden symbols, a generated export header
-# <NAME/export.h>, headers under include/, and an install rule in the zelcapi package.
+# <NAME/export.h>, headers under include/, an $ORIGIN run path, an install rule in the
+# zelcapi package and a Debian runtime package of its own.
 include(GenerateExportHeader)
 
 set(ZEL_EXPORTED_TARGETS "" CACHE INTERNAL "")
@@ -23,11 +24,15 @@ function(zel_add_library name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON)
+    VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH "${ZEL_LIBRARY_INSTALL_RPATH}")
+  # The shared object goes to the library's own runtime package (cmake/ZelPackage.cmake), the
+  # link name and the headers to the development package.
   install(TARGETS ${name} EXPORT zelcapi-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${name} NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${name})
   install(DIRECTORY include/ ${CMAKE_CURRENT_BINARY_DIR}/include/
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+  set_property(GLOBAL APPEND PROPERTY ZEL_LIBRARIES ${name})
 endfunction()

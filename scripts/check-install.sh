@@ -1,17 +1,42 @@
 #!/usr/bin/env bash
-# Installs the default build into a scratch prefix and builds a client project against it,
-# once through the CMake package and once through pkg-config.
+# Installs the default build into a scratch prefix (then moves it, as a user may), and checks it
+# as a user would, with no LD_LIBRARY_PATH: a client built through the CMake package and through
+# pkg-config runs, the C++ examples of README.md and docs/ and the programs of examples/ compile,
+# the installed zelsim starts, and the libraries export only their public API.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-prefix=$(mktemp -d)
-trap 'rm -rf "$prefix"' EXIT
-cmake --install build/default --prefix "$prefix" >/dev/null
-cmake -S tests/install -B "$prefix/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$prefix/consumer" >/dev/null
-LD_LIBRARY_PATH="$prefix/lib" "$prefix/consumer/consumer"
-PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 tests/install/consumer.cpp \
-  $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs zelcapi) -o "$prefix/pc-consumer"
-LD_LIBRARY_PATH="$prefix/lib" "$prefix/pc-consumer"
-if ls "$prefix/include" | grep -qv -E '^(zelbase|zelcore|zelnet|zelworkflow|zelcapi|zelsim)$'; then
-  echo "unexpected installed headers:"; ls "$prefix/include"; exit 1
-fi
+unset LD_LIBRARY_PATH
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cmake --install build/default --prefix "$scratch/staged" >/dev/null
+mv "$scratch/staged" "$scratch/prefix"
+prefix=$scratch/prefix
+libdir=$prefix/lib
+
+"$prefix/bin/zelsim" --help >/dev/null
+echo "installed zelsim --help: ok"
+"$prefix/bin/zelctl" --help >/dev/null
+echo "installed zelctl --help: ok"
+
+cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$scratch/consumer" >/dev/null
+"$scratch/consumer/consumer"
+"$scratch/consumer/consumer_sqlite"
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+read -ra pc_flags <<<"$(pkg-config --cflags --libs zelcapi)"
+g++ -std=c++17 tests/install/consumer.cpp "${pc_flags[@]}" -o "$scratch/pc-consumer"
+"$scratch/pc-consumer"
+read -ra pc_sqlite_flags <<<"$(pkg-config --cflags --libs zelcapi_sqlite)"
+g++ -std=c++17 tests/install/consumer_sqlite.cpp "${pc_sqlite_flags[@]}" -o "$scratch/pc-consumer-sqlite"
+"$scratch/pc-consumer-sqlite"
+
+scripts/check-examples.sh "$scratch/examples" -I"$prefix/include"
+scripts/check-symbols.sh "$libdir"/lib*.so.*.*.*
+
+# Installed headers: one directory per installed library, nothing else.
+for dir in "$prefix/include"/*; do
+  if [ ! -e "$libdir/lib$(basename "$dir").so" ]; then
+    echo "installed headers of no installed library: $dir"; exit 1
+  fi
+done

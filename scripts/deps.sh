@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and benchmarking need, if any is missing.
+# Installs the Debian packages that building, testing, benchmarking and packaging need, if any
+# is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config clang-format
-  libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
-  libgtest-dev libgmock-dev libbenchmark-dev)
+  libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev sqlite3 nlohmann-json3-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev dpkg-dev file lintian)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -158,6 +158,18 @@ TEST(Properties, AccessorsWithDefaultGiveTheValueWhenPresent) {
   EXPECT_FALSE(p.get_bool_value("bool", false) == false);
 }
 
+TEST(Properties, TemporaryStringDefaultOutlivesTheCall) {
+  const properties p = sample();
+  // Bound to a reference, the way a caller naturally writes it: the default must still be
+  // there after the full expression (AddressSanitizer reports the read otherwise).
+  const std::string& missing = p.get_string_value("none", std::string(40, 'd'));
+  const std::string& present = p.get_string_value("string", "");
+  EXPECT_EQ(missing, std::string(40, 'd'));
+  EXPECT_EQ(present, "text");
+  const std::string named = "named";
+  EXPECT_EQ(&p.get_string_value("none", named), &named);
+}
+
 TEST(Properties, MissingKeyRaisesAnErrorNamingTheKey) {
   const properties p = sample();
   EXPECT_EQ(error_text([&] { p.get_int_value("absent"); }), "property 'absent' is missing");

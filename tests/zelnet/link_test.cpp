@@ -106,8 +106,35 @@ TEST(Link, ManyPacketsInOneWriteAndOnePacketOverManyReads) {
   c.clear();
 }
 
+TEST(Link, PacketsAfterTheOneThatEndsTheWaitWaitForTheNextWait) {
+  raw_peer peer([](int fd) {
+    accept_hello(fd);
+    // After the client's go (so that none of them comes with the hello), in one write, so that
+    // all three arrive in the same read.
+    read_exactly(fd, encode_packet_frame(numbered(99)).size());
+    write_all(fd, encode_packet_frame(numbered(0)) + encode_packet_frame(numbered(1)) +
+                      encode_packet_frame(numbered(2)));
+    read_exactly(fd, 1);
+  });
+  zelnet::ioctrl c(16000);
+  collecting_link link(c, 1);
+  connect_link(c, link, peer);
+  link.send(numbered(99));
+  ASSERT_TRUE(c.wait(5000));
+  // The waiter sees its packet before anything that the peer sent after it.
+  ASSERT_EQ(link.packets.size(), 1u);
+  EXPECT_TRUE(link.has_pending_input());
+  EXPECT_FALSE(c.wait(200));
+  ASSERT_EQ(link.packets.size(), 3u);
+  EXPECT_EQ(link.packets[2].get_properties().get_int_value("i"), 2);
+  EXPECT_FALSE(link.has_pending_input());
+  c.clear();
+}
+
 TEST(Link, LargeSendIsWrittenAcrossPartialWrites) {
-  const packet big = numbered(1, 8 << 20);
+  // Far larger than what the kernel's socket buffers on both ends of a loopback connection can
+  // hold (they grow to a few MiB each), so that the first write can only be partial.
+  const packet big = numbered(1, 32 << 20);
   const std::string expected = encode_packet_frame(big);
   std::string received;
   {

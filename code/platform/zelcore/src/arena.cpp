@@ -65,3 +65,9 @@ void* arena::allocate(std::size_t size) {
 void* block_allocate(std::size_t size, arena& in) { return in.allocate(size); }
 
 }  // namespace zelcore::detail
+
+namespace zelcore {
+
+void* property::operator new(std::size_t size, detail::arena& in) { return in.allocate(size); }
+
+}  // namespace zelcore

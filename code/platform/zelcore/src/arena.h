@@ -20,6 +20,13 @@ constexpr std::size_t block_prefix_bytes = sizeof(arena_chunk*);
 // Gives back one object's share of its chunk (any thread).
 void arena_release(arena_chunk* chunk) noexcept;
 
+class arena;
+// Tree objects come from a pool block (thread-local free lists) or from an arena; either way
+// any thread may free them.
+void* block_allocate(std::size_t size);
+void* block_allocate(std::size_t size, arena& in);
+void block_free(void* p, std::size_t size) noexcept;
+
 // Used by one thread while it builds; the objects it gave out may be freed on any thread.
 class arena {
  public:

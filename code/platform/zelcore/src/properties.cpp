@@ -202,6 +202,11 @@ const std::string& properties::get_string_value(const std::string& key,
   return child ? child->value() : def;
 }
 
+std::string properties::get_string_value(const std::string& key, std::string&& def) const {
+  const auto* child = child_of_kind<property_string>(*this, key, kind_string);
+  return child ? child->value() : std::move(def);
+}
+
 std::int64_t properties::get_int_value(const std::string& key) const {
   return required_child<property_int>(*this, key, kind_int).value();
 }

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "arena.h"
 #include "zelcore/properties.h"
 
 namespace zelcore::detail {

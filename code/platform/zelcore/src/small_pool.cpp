@@ -116,3 +116,11 @@ void block_free(void* p, std::size_t size) noexcept {
 }
 
 }  // namespace zelcore::detail
+
+namespace zelcore {
+
+void* property::operator new(std::size_t size) { return detail::block_allocate(size); }
+void property::operator delete(void* p, std::size_t size) noexcept { detail::block_free(p, size); }
+void property::operator delete(void* p, detail::arena&) noexcept { detail::block_free(p, 0); }
+
+}  // namespace zelcore

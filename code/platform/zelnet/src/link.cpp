@@ -63,8 +63,10 @@ bool link::has_pending_input() const { return unfinished_; }
 bool link::resume(zelbase::file& f, unsigned, ioctrl& c) { return handle_frames(f, c); }
 
 bool link::handle_frames(zelbase::file& f, ioctrl& c) {
-  // Stays set when a callback raises: the frames after it are handled at the next wait or run,
-  // or by a wait inside a callback, without waiting for more bytes.
+  // Stays set when a callback raises or ends the caller's wait: the frames after it are handled
+  // at the next wait or run, or by a wait inside a callback, without waiting for more bytes.
+  // Stopping after a packet whose callback aborted the wait lets the caller act on the packet it
+  // waited for (a sync reply) before any packet that the peer sent after it.
   unfinished_ = true;
   while (!closing_) {
     std::string_view frame;
@@ -91,6 +93,7 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
       return true;
     }
     if (!out.get_name().empty()) send(out);
+    if (c.aborted()) return flush();
   }
   unfinished_ = false;
   return flush();

@@ -1,4 +1,5 @@
-// The simulated cluster: nodes, their links and the built-in request handlers.
+// The simulated cluster: nodes, their links, the built-in request handlers and the loop that
+// serves them and drives the master's workload.
 #include "zelsim/cluster.h"
 
 #include <fcntl.h>
@@ -6,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <future>
@@ -13,6 +15,8 @@
 #include <sstream>
 #include <thread>
 
+#include "master_state.h"
+#include "workload.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 #include "zelcore/identifiers.h"
@@ -26,6 +30,8 @@ namespace {
 
 constexpr const char* source_file = "code\\tools\\zelsim\\src\\cluster";
 constexpr std::int64_t api_not_ready = 12;
+// At most this many workload changes between two looks at the sockets.
+constexpr std::uint64_t workload_batch = 256;
 
 using zelnet::zelp::packet;
 using steady = std::chrono::steady_clock;
@@ -53,7 +59,7 @@ void read_accounts_file(const std::string& path, options& o) {
   }
 }
 
-struct cluster::impl {
+struct ZELSIM_NO_EXPORT cluster::impl {
   struct node;
 
   // One client link of a node.
@@ -61,6 +67,8 @@ struct cluster::impl {
    public:
     session(impl& owner, node& n) : server_link(owner.loop, n.version), owner_(owner), node_(n) {}
     node& get_node() const { return node_; }
+    // Set when the link completed a login: it gets the master's notifications from then on.
+    bool logged_in = false;
 
    protected:
     std::size_t handle(std::string_view frame, zelbase::encoder_network& out) override {
@@ -73,7 +81,10 @@ struct cluster::impl {
       return size;
     }
     bool packet_received(const packet& in, packet& out) override {
-      if (!node_.stalled) owner_.dispatch(node_, in, out);
+      if (node_.stalled) return true;
+      owner_.current = this;
+      owner_.dispatch(node_, in, out);
+      owner_.current = nullptr;
       return true;
     }
 
@@ -102,11 +113,13 @@ struct cluster::impl {
   class waker final : public zelnet::ioctrl::hdlr {
    public:
     explicit waker(impl& owner) : owner_(owner) {}
-    bool readable(zelbase::file& f, unsigned, zelnet::ioctrl&) override {
+    bool readable(zelbase::file& f, unsigned, zelnet::ioctrl& c) override {
       char drain[64];
       while (::read(f.descriptor(), drain, sizeof drain) > 0) {
       }
       owner_.run_calls();
+      // A call may have started the workload: look at it now, not after the current wait.
+      c.abort();
       return true;
     }
 
@@ -134,6 +147,10 @@ struct cluster::impl {
       f.close();
     }
     void erase_listener(zelbase::file&, hdlr&, unsigned) override {}
+    // Serves the sockets and, in between, makes the workload's changes that are due.
+    void run(const volatile bool& stop) override {
+      while (!stop) wait(owner_.drive_workload());
+    }
 
    private:
     impl& owner_;
@@ -262,6 +279,7 @@ struct cluster::impl {
     }
     add_cluster_view(n, props);
     props.set_string_value("client-id", zelcore::string_uuid(false));
+    if (current != nullptr) current->logged_in = true;
     log(n, "login of '" + name + "' accepted");
     return true;
   }
@@ -295,6 +313,15 @@ struct cluster::impl {
     handlers["cluster.client.login"] = std::bind(&impl::client_login, this, _1, _2, _3);
     handlers["admin.login"] = std::bind(&impl::admin_login, this, _1, _2, _3);
     handlers["cluster.client.cluster-status"] = std::bind(&impl::cluster_status, this, _1, _2, _3);
+    handlers["cluster.api.state.request"] = [this](request_context&, const packet&, packet& reply) {
+      cluster_state->answer_state_request(reply.get_properties());
+      return true;
+    };
+    handlers["cluster.api.history.request"] = [this](request_context&, const packet& in,
+                                                     packet& reply) {
+      cluster_state->answer_history_request(in.get_properties(), reply.get_properties());
+      return true;
+    };
     // Answers with the request's own properties: the round trip of the benchmark.
     handlers["echo"] = [](request_context&, const packet& in, packet& reply) {
       reply = packet(packet::type_reply, in.get_name(), in.get_properties());
@@ -347,6 +374,77 @@ struct cluster::impl {
     for (const zelbase::file& f : files) loop.forget(f);
   }
 
+  // Sends a notification of the master's state to every logged-in link.
+  void notify(const packet& p) {
+    if (observer) observer(p);
+    ++notifications;
+    for (auto& n : nodes) {
+      for (auto& [raw, s] : n->sessions) {
+        if (s->logged_in && s->is_established()) s->send(p);
+      }
+    }
+  }
+
+  // Makes the workload's changes that are due (at most a batch) and returns how long the loop
+  // may wait for sockets before the next one is due, in milliseconds.
+  unsigned drive_workload() {
+    const steady::time_point now = steady::now();
+    if (now >= next_clean) {
+      cluster_state->clean_history();
+      next_clean = now + std::chrono::seconds(1);
+    }
+    if (!workload_running) return 100;
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::microseconds>(now - run_since).count();
+    const std::uint64_t due = opts.rate == 0
+                                  ? run_made + workload_batch
+                                  : static_cast<std::uint64_t>(elapsed) * opts.rate / 1000000 + 1;
+    for (std::uint64_t batch = 0; workload_running && run_made < due && batch < workload_batch;
+         ++batch) {
+      make_change();
+    }
+    if (!workload_running) return 100;
+    if (opts.rate == 0 || run_made < due) return 0;
+    const auto next = std::chrono::microseconds(run_made * 1000000 / opts.rate);
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - (now - run_since));
+    return static_cast<unsigned>(std::clamp<std::int64_t>(wait.count(), 0, 100));
+  }
+
+  void make_change() {
+    try {
+      work->step();
+    } catch (const zelbase::es::base& e) {
+      // A change the model refused: the workload stops rather than the cluster.
+      std::fprintf(stderr, "zelsim: workload paused: %s\n", e.message().c_str());
+      set_paused();
+      return;
+    }
+    ++changes;
+    ++run_made;
+    if (limited && --changes_left == 0) set_paused();
+  }
+
+  void set_running(bool limit, std::uint64_t count) {
+    {
+      std::lock_guard<std::mutex> hold(paused_lock);
+      paused = false;
+    }
+    workload_running = true;
+    limited = limit;
+    changes_left = count;
+    run_since = steady::now();
+    run_made = 0;
+  }
+
+  void set_paused() {
+    workload_running = false;
+    {
+      std::lock_guard<std::mutex> hold(paused_lock);
+      paused = true;
+    }
+    paused_changed.notify_all();
+  }
+
   cluster& self;
   options opts;
   controller loop;
@@ -354,6 +452,24 @@ struct cluster::impl {
   std::size_t master = 1;
   bool missing_master = false;
   std::map<std::string, request_handler> handlers;
+  // The link whose packet is being dispatched.
+  session* current = nullptr;
+  std::unique_ptr<zelsim::master_state> cluster_state;
+  std::unique_ptr<workload> work;
+  std::function<void(const packet&)> observer;
+  std::uint64_t changes = 0;
+  std::uint64_t notifications = 0;
+  // The workload's run: on or paused, limited to `changes_left` more changes, paced from
+  // `run_since` on, `run_made` changes into it.
+  bool workload_running = false;
+  bool limited = false;
+  std::uint64_t changes_left = 0;
+  steady::time_point run_since;
+  std::uint64_t run_made = 0;
+  steady::time_point next_clean;
+  std::mutex paused_lock;
+  std::condition_variable paused_changed;
+  bool paused = true;
   std::unique_ptr<waker> waking;
   int wake_pipe[2] = {-1, -1};
   zelbase::file wake_file;
@@ -380,6 +496,14 @@ cluster::cluster(options o) : impl_(std::make_unique<impl>(*this, std::move(o)))
     n->id = zelbase::string_with_format("node-%zu", i);
     m.nodes.push_back(std::move(n));
   }
+  m.cluster_state = std::make_unique<zelsim::master_state>(m.opts.history_keep_time,
+                                                           [&m](const packet& p) { m.notify(p); });
+  std::vector<std::string> ids;
+  for (const auto& n : m.nodes) ids.push_back(n->id);
+  m.work = std::make_unique<workload>(*m.cluster_state, m.opts, ids);
+  // The nodes and templates entered at construction reached no client: they count as no
+  // notification sent.
+  m.notifications = 0;
   m.install_handlers();
 }
 
@@ -407,6 +531,7 @@ void cluster::start() {
   m.waking = std::make_unique<impl::waker>(m);
   m.loop.insert_listener(m.wake_file, *m.waking, 0);
   m.stopping = false;
+  if (m.opts.workload) m.set_running(false, 0);
   m.running = true;
   m.thread = std::thread([&m] {
     m.loop_thread = std::this_thread::get_id();
@@ -526,6 +651,61 @@ void cluster::stop_node(std::size_t node) {
     m.loop.forget(n.listener.get_file());
     n.listener.close();
     m.log(n, "stopped");
+  });
+}
+
+void cluster::run_workload() {
+  impl& m = *impl_;
+  m.call([&m] { m.set_running(false, 0); });
+}
+
+void cluster::run_workload(std::uint64_t changes) {
+  impl& m = *impl_;
+  if (changes == 0) return;
+  m.call([&m, changes] { m.set_running(true, changes); });
+}
+
+void cluster::pause_workload() {
+  impl& m = *impl_;
+  m.call([&m] { m.set_paused(); });
+}
+
+bool cluster::wait_workload_paused(std::chrono::milliseconds timeout) {
+  impl& m = *impl_;
+  std::unique_lock<std::mutex> hold(m.paused_lock);
+  return m.paused_changed.wait_for(hold, timeout, [&m] { return m.paused; });
+}
+
+std::uint64_t cluster::changes_made() {
+  impl& m = *impl_;
+  return m.call([&m] { return m.changes; });
+}
+
+std::uint64_t cluster::notifications_sent() {
+  impl& m = *impl_;
+  return m.call([&m] { return m.notifications; });
+}
+
+void cluster::on_notification(std::function<void(const packet&)> observer) {
+  impl& m = *impl_;
+  m.call([&m, &observer] { m.observer = std::move(observer); });
+}
+
+zelcore::properties cluster::master_snapshot() {
+  impl& m = *impl_;
+  return m.call([&m] {
+    zelcore::properties out;
+    m.cluster_state->get_state(out);
+    return out;
+  });
+}
+
+zelcore::properties cluster::master_history() {
+  impl& m = *impl_;
+  return m.call([&m] {
+    zelcore::properties out;
+    m.cluster_state->get_history(out);
+    return out;
   });
 }
 

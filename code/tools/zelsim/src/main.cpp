@@ -1,4 +1,5 @@
-// The zelsim program: a simulated cluster on consecutive loopback ports until SIGINT/SIGTERM.
+// The zelsim program: a simulated cluster on consecutive loopback ports, its master's state
+// changed by a seeded workload, until SIGINT/SIGTERM.
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -23,18 +24,41 @@ bool add_account(const std::string& text, std::map<std::string, std::string>& ac
 
 int main(int argc, char** argv) {
   zelsim::options o;
+  // The account a new user logs in with; --user adds others or gives it another password.
+  o.users = {{"demo", "demo"}};
+  o.workload = true;
+  o.rate = 10;
+  bool idle = false;
   std::vector<std::string> users, admins;
   std::string accounts_file;
-  CLI::App app{"zelsim: a simulated cluster on loopback"};
+  CLI::App app{
+      "zelsim: a simulated cluster on loopback. Log in as user \"demo\" with password \"demo\"."};
   app.add_option("--nodes", o.nodes, "number of nodes")->check(CLI::Range(1, 64));
   app.add_option("--master", o.master, "node number (1..nodes) of the master");
   app.add_option("--port", o.port, "port of node 1; the others follow (0: free ports)");
   app.add_option("--host", o.host, "address to listen on");
-  app.add_option("--user", users, "a user account NAME:PASSWORD (repeatable)");
+  app.add_option("--user", users,
+                 "a user account NAME:PASSWORD (repeatable); the user demo:demo is always there "
+                 "unless given another password");
   app.add_option("--admin", admins, "an admin account NAME:PASSWORD (repeatable)");
   app.add_option("--accounts", accounts_file,
                  "file of 'user NAME PASSWORD' and 'admin NAME PASSWORD' lines");
+  app.add_option("--rate", o.rate, "workload changes per second (0: as fast as possible)")
+      ->check(CLI::Range(0u, 1000000u))
+      ->capture_default_str();
+  app.add_option("--jobs", o.jobs, "live jobs the workload keeps at most")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{10000000}))
+      ->capture_default_str();
+  app.add_option("--seed", o.seed, "workload seed: the same seed gives the same changes")
+      ->capture_default_str();
+  app.add_option("--start-time", o.start_time,
+                 "the workload's clock at its start, seconds since 1970 (0: now)");
+  app.add_option("--history-keep", o.history_keep_time,
+                 "seconds the master keeps history (0: none)")
+      ->capture_default_str();
+  app.add_flag("--idle", idle, "no workload: the state keeps its nodes and templates only");
   CLI11_PARSE(app, argc, argv);
+  o.workload = !idle;
 
   for (const auto& u : users) {
     if (!add_account(u, o.users)) {

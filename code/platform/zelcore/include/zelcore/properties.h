@@ -47,12 +47,7 @@ class properties;
 using property_ptr = zelbase::ptr_refcount<const property>;
 
 namespace detail {
-// Tree objects come from a pool block (thread-local free lists) or from an arena, the
-// contiguous memory in which a decoder builds a whole tree; either way any thread may free them.
 class arena;
-ZELCORE_EXPORT void* block_allocate(std::size_t size);
-ZELCORE_EXPORT void* block_allocate(std::size_t size, arena& in);
-ZELCORE_EXPORT void block_free(void* p, std::size_t size) noexcept;
 }  // namespace detail
 
 class ZELCORE_EXPORT property : public zelbase::object_refcount {
@@ -67,12 +62,13 @@ class ZELCORE_EXPORT property : public zelbase::object_refcount {
 
   ~property() override;
 
-  static void* operator new(std::size_t size) { return detail::block_allocate(size); }
-  static void* operator new(std::size_t size, detail::arena& in) {
-    return detail::block_allocate(size, in);
-  }
-  static void operator delete(void* p, std::size_t size) noexcept { detail::block_free(p, size); }
-  static void operator delete(void* p, detail::arena&) noexcept { detail::block_free(p, 0); }
+  // Tree objects come from a pool block (thread-local free lists) or, inside the library, from
+  // an arena, the contiguous memory in which a decoder builds a whole tree; either way any
+  // thread may free them.
+  static void* operator new(std::size_t size);
+  ZELCORE_NO_EXPORT static void* operator new(std::size_t size, detail::arena& in);
+  static void operator delete(void* p, std::size_t size) noexcept;
+  ZELCORE_NO_EXPORT static void operator delete(void* p, detail::arena& in) noexcept;
 
   // Held by the object (not a virtual call): the encoder and the merge ask it of every value.
   property_kind kind() const noexcept { return kind_; }
@@ -401,7 +397,12 @@ class ZELCORE_EXPORT properties final : public property {
   // The child as stored; null when absent.
   property_ptr get_property(const std::string& key) const;
   const std::string& get_string_value(const std::string& key) const;
+  // With a default: a reference to the value, or to `def` when the key is absent; raises
+  // zelbase::es::arg when the value is not a string.
   const std::string& get_string_value(const std::string& key, const std::string& def) const;
+  // A temporary default ("" or "n/a") gives a copy, so that binding the result to a reference
+  // never outlives the temporary.
+  std::string get_string_value(const std::string& key, std::string&& def) const;
   std::int64_t get_int_value(const std::string& key) const;
   std::int64_t get_int_value(const std::string& key, std::int64_t def) const;
   bool get_bool_value(const std::string& key) const;

@@ -51,6 +51,9 @@ class ZELNET_EXPORT frame_decoder {
   // The size of the frame in progress (header included) once its header is in, else 0.
   std::size_t expected() const noexcept;
   std::size_t limit() const noexcept { return limit_; }
+  // Changes the limit; it applies to the frame whose header is read next, and to one whose
+  // header is in but whose payload is not complete yet.
+  void set_limit(std::size_t limit) noexcept { limit_ = limit; }
   // Bytes of memory the decoder holds for its buffer.
   std::size_t reserved() const noexcept { return buffer_.capacity(); }
 

@@ -69,6 +69,8 @@ class ZELNET_EXPORT ioctrl {
   bool wait(unsigned ms);
   // Ends the current wait() with true; may be called from a handler inside that wait.
   void abort() noexcept { aborted_ = true; }
+  // True from abort() until the wait it ends returns (or the run's next tick).
+  bool aborted() const noexcept { return aborted_; }
   // Stops watching every file, calling erase (or erase_listener) for each.
   void clear();
   // Stops watching `f` (when watched), calling erase (or erase_listener) for it.

@@ -29,6 +29,10 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   const std::string& get_host() const noexcept { return host_; }
   ioctrl& get_controller() const noexcept { return controller_; }
   bool is_established() const noexcept { return established_; }
+  // The payload limit of received frames; a change applies from the next frame on (and to the
+  // frame in progress when its payload is still incomplete).
+  std::size_t frame_limit() const noexcept { return decoder_.limit(); }
+  void set_frame_limit(std::size_t limit) noexcept { decoder_.set_limit(limit); }
   // Why the link dropped itself (a protocol or socket error); empty while nothing failed and
   // when the peer closed cleanly between frames.
   const std::string& failure() const noexcept { return failure_; }

@@ -2,6 +2,10 @@
 // a cluster. Each node listens on its own port and answers the client requests through a
 // registry of request handlers (one per packet name), which later features extend; a
 // fault-injection API makes nodes not ready, stalled, version-refusing, closing or garbling.
+// The master keeps a state (clients, nodes, submissions, sources, slots, jobs, tasks, workflows,
+// workflow results, history) that a seeded workload changes; every change goes to the logged-in
+// clients as a "cluster.api.state." notification, and the master answers state and history
+// requests. docs/zelsim.md describes the workload.
 //
 // Threads: the nodes run on one thread of their own, started by start(). Every public
 // operation may be called from any thread; the ones that touch nodes run on that thread and
@@ -34,6 +38,18 @@ struct options {
   std::map<std::string, std::string> admins;
   // One line per event on stderr.
   bool log = true;
+  // The workload: changes per second (0: as fast as possible), the number of live jobs it keeps
+  // at most, and its seed. The same seed and start time give the same changes.
+  std::uint32_t rate = 100;
+  std::size_t jobs = 1000;
+  std::uint64_t seed = 1;
+  // Whether start() lets the workload run; else it waits for run_workload.
+  bool workload = false;
+  // The workload's clock starts here (seconds since 1970); 0: the wall clock at construction.
+  std::uint32_t start_time = 0;
+  // How long the master keeps history in memory, in seconds (0: none; history requests then
+  // get an error).
+  std::uint32_t history_keep_time = 600;
 };
 
 // Reads "user NAME PASSWORD" and "admin NAME PASSWORD" lines ('#' starts a comment) into
@@ -98,6 +114,26 @@ class ZELSIM_EXPORT cluster {
   void send_raw(std::size_t node, const std::string& bytes, bool then_close);
   // The node stops listening and closes its links, as a dead node.
   void stop_node(std::size_t node);
+
+  // The master's state and its workload. The workload runs on the nodes' thread (after start())
+  // between the serving of requests.
+  // Lets the workload run at options.rate until pause_workload.
+  void run_workload();
+  // Lets the workload make exactly `changes` more changes, then pause.
+  void run_workload(std::uint64_t changes);
+  void pause_workload();
+  // Waits until the workload is paused; false when `timeout` passed first.
+  bool wait_workload_paused(std::chrono::milliseconds timeout);
+  // Changes made and notifications sent (counted once, whatever the number of clients).
+  std::uint64_t changes_made();
+  std::uint64_t notifications_sent();
+  // Called on the nodes' thread with each notification, before it is sent; replaces the
+  // previous observer (an empty function removes it).
+  void on_notification(std::function<void(const zelnet::zelp::packet&)> observer);
+  // The master's snapshot (as zelcapi::state::get_state) and its history's; the history
+  // raises es::uspec when no history is kept.
+  zelcore::properties master_snapshot();
+  zelcore::properties master_history();
 
  private:
   struct impl;

@@ -1,5 +1,6 @@
 // The connection: connect and disconnect, login with redirect to the cluster master, and the
 // request/reply exchange over the connection's one link.
+#include <algorithm>
 #include <climits>
 #include <new>
 
@@ -21,6 +22,7 @@ constexpr unsigned default_timeout = 15;
 constexpr unsigned not_ready_retry_seconds = 2;
 constexpr std::int64_t interface_version = 3;
 constexpr std::int64_t api_not_ready = 12;
+constexpr const char* status_request_name = "cluster.client.cluster-status";
 
 using zelnet::zelp::packet;
 
@@ -74,8 +76,10 @@ void handler::disconnected(const std::string& reason, bool reconnecting) {
 
 bool handler::handle(const packet&, packet&) { return true; }
 
-connection_impl::connection_impl(connection& owner, handler* h)
-    : client_link(owner), owner_(&owner), handler_(h) {}
+connection_impl::connection_impl(connection& owner, handler* h, std::size_t frame_limit)
+    : client_link(owner, zelnet::zelp::protocol_version, frame_limit),
+      owner_(&owner),
+      handler_(h) {}
 
 connection_impl::~connection_impl() = default;
 
@@ -107,7 +111,10 @@ connection::connection(handler* h)
       reconnecting_(false),
       manual_(false),
       version_mismatch_(false),
-      server_version_(0) {}
+      server_version_(0),
+      frame_limit_(zelnet::zelp::default_frame_limit),
+      login_frame_limit_(zelnet::zelp::default_frame_limit),
+      logged_in_(false) {}
 
 connection::~connection() {
   try {
@@ -128,7 +135,8 @@ result_code connection::connect(const std::string& host, const std::string& port
   port_ = port;
   // The reason, flag and manual mark that a disconnect without a link stored are kept: they
   // describe the end of the next link unless an erase resets them first.
-  link_.reset(new (std::nothrow) connection_impl(*this, handler_));
+  logged_in_ = false;
+  link_.reset(new (std::nothrow) connection_impl(*this, handler_, _link_frame_limit()));
   version_mismatch_ = false;
   server_version_ = 0;
   if (!link_) return connection_failed;
@@ -235,6 +243,29 @@ void connection::set_handler(handler* h) {
   if (link_) link_->set_handler(h);
 }
 
+void connection::set_frame_limit(std::size_t bytes) {
+  frame_limit_ = bytes;
+  if (link_) link_->set_frame_limit(_link_frame_limit());
+}
+
+std::size_t connection::get_frame_limit() const { return frame_limit_; }
+
+void connection::set_login_frame_limit(std::size_t bytes) {
+  login_frame_limit_ = bytes;
+  if (link_) link_->set_frame_limit(_link_frame_limit());
+}
+
+std::size_t connection::get_login_frame_limit() const { return login_frame_limit_; }
+
+std::size_t connection::_link_frame_limit() const {
+  return logged_in_ ? frame_limit_ : std::min(frame_limit_, login_frame_limit_);
+}
+
+void connection::_logged_in() {
+  logged_in_ = true;
+  if (link_) link_->set_frame_limit(frame_limit_);
+}
+
 bool connection::_send_and_wait(const packet& p, unsigned timeout) {
   link_->set_waiting_sync_reply(true);
   sync_packet_ = p;
@@ -296,6 +327,8 @@ const packet& connection::login_sync(const packet& request, unsigned timeout) {
          zelbase::string_with_format("l_master_id: %s. p_props.get_string_value(node_id): %s.",
                                      master_id.c_str(), node_id.c_str()));
   if (node_id == master_id) {
+    // A status request follows the login's path but logs nobody in.
+    if (request.get_name() != status_request_name) _logged_in();
     _status(login_ok, master_id, true);
     return sync_packet_;
   }
@@ -356,6 +389,7 @@ const packet& connection::admin_login_sync(const std::string& username, const st
   if (sync_packet_.get_type() != packet::type_reply) {
     report_and_raise(__LINE__, 4, "connection error");
   }
+  if (!sync_packet_.get_properties().is_present("error")) _logged_in();
   return sync_packet_;
 }
 
@@ -384,7 +418,7 @@ const packet& connection::get_sync_packet() const { return sync_packet_; }
 void connection::set_sync_packet(const packet& p) { sync_packet_ = p; }
 
 const packet& connection::get_cluster_status() {
-  packet request(packet::type_request, "cluster.client.cluster-status");
+  packet request(packet::type_request, status_request_name);
   request.get_properties().set_int_value("interface-version", interface_version);
   return login_sync(request, timeout_);
 }

@@ -2,6 +2,7 @@
 // connection's sync slot and every other packet to the handler.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "zelcapi/connection.h"
@@ -11,7 +12,8 @@ namespace zelcapi {
 
 class connection_impl final : public zelnet::zelp::client_link {
  public:
-  connection_impl(connection& owner, handler* h);
+  // `frame_limit` bounds the payload of received frames (changed later with set_frame_limit).
+  connection_impl(connection& owner, handler* h, std::size_t frame_limit);
   ~connection_impl() override;
 
   void set_handler(handler* h) noexcept { handler_ = h; }

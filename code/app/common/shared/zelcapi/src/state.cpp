@@ -1,6 +1,9 @@
 // The state replica: item stores, workflow results and their notifications.
 #include "zelcapi/state.h"
 
+#include <typeinfo>
+#include <utility>
+
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 #include "zelbase/time.h"
@@ -15,6 +18,32 @@ const char* const item_type_texts[] = {"client", "node", "submission", "source",
                                        "slot",   "job",  "task"};
 const char* const db_item_type_texts[] = {"client", "node", "submission", "source",
                                           "slot",   "job",  "task",       "workflow"};
+
+// The snapshot key of each item kind, in the order of state_item_type.
+const char* const snapshot_keys[] = {"clients", "nodes", "submissions", "sources",
+                                     "slots",   "jobs",  "tasks"};
+
+// The standard bad-cast error, with a text that says which child of a snapshot was refused.
+class snapshot_bad_cast final : public std::bad_cast {
+ public:
+  explicit snapshot_bad_cast(std::string text) : text_(std::move(text)) {}
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
+template <class Kind>
+const Kind& child_as(const zelcore::property& child, const char* what, const std::string& key) {
+  if (const auto* p = dynamic_cast<const Kind*>(&child)) return *p;
+  throw snapshot_bad_cast(zelbase::string_with_format("state snapshot: %s '%s' is a %s", what,
+                                                      key.c_str(),
+                                                      zelcore::property_kind_c_str(child.kind())));
+}
+
+constexpr state_item_type all_item_types[] = {
+    state_item_client, state_item_node, state_item_submission, state_item_source,
+    state_item_slot,   state_item_job,  state_item_task};
 
 }  // namespace
 
@@ -51,7 +80,7 @@ state::state(const zelcore::plugin_db& plugins, state_notification_receiver* rec
     history_ = std::make_unique<state>(plugins, nullptr, nullptr, nullptr, 0);
 }
 
-state::~state() = default;
+state::~state() { _wait_for_own_save(); }
 
 state::item_map& state::get_items_non_const(state_item_type type) {
   switch (type) {
@@ -156,6 +185,85 @@ void state::get_workflow_results(zelcore::properties& out) const {
     zelcore::properties encoded(false);
     result.encode(encoded);
     out.set_properties_value(id, encoded);
+  }
+}
+
+void state::get_state(zelcore::properties& out) const {
+  for (const state_item_type type : all_item_types) {
+    zelcore::properties items(false);
+    get_items(type, items);
+    out.set_properties_value(snapshot_keys[type], items);
+  }
+  zelcore::properties results(false);
+  get_workflow_results(results);
+  out.set_properties_value("workflow-results", results);
+  zelcore::properties workflows(false);
+  encode_workflow_infos(workflows_, workflows);
+  out.set_properties_value("workflows", workflows);
+  out["workflow-seq-nr"] =
+      zelcore::make_int(static_cast<std::int64_t>(workflow_manager_.get_current_sequence_number()));
+}
+
+void state::get_items(state_item_type type, zelcore::properties& out) const {
+  for (const auto& [id, record] : get_items(type)) out.set_properties_value(id, record);
+}
+
+void state::get_workflows(zelcore::properties& out) const {
+  encode_workflow_infos(workflows_, out);
+}
+
+void state::encode_workflow_infos(const workflow_map& workflows, zelcore::properties& out) const {
+  for (const auto& [id, workflow] : workflows) {
+    zelcore::properties encoded(false);
+    workflow->encode_workflow_info(encoded);
+    out.set_properties_value(id, encoded);
+  }
+}
+
+void state::set_state(const zelcore::properties& snapshot) {
+  for (const auto& [key, child] : snapshot) {
+    if (!child) continue;
+    if (key == "workflow-results") {
+      set_workflow_results_state(child_as<zelcore::properties>(*child, "key", key));
+    } else if (key == "workflows") {
+      set_workflows_state(child_as<zelcore::properties>(*child, "key", key));
+    } else if (key == "workflow-seq-nr") {
+      workflow_manager_.set_current_sequence_number(
+          static_cast<std::uint64_t>(child_as<zelcore::property_int>(*child, "key", key).value()));
+    } else {
+      for (const state_item_type type : all_item_types) {
+        if (key != snapshot_keys[type]) continue;
+        set_state(type, child_as<zelcore::properties>(*child, "key", key));
+        break;
+      }
+    }
+  }
+}
+
+void state::set_state(state_item_type type, const zelcore::properties& items) {
+  item_map& store = get_items_non_const(type);
+  store.clear();
+  for (const auto& [id, record] : items) {
+    if (!record) continue;
+    store.emplace_hint(store.end(), id, child_as<zelcore::properties>(*record, "item", id));
+  }
+}
+
+void state::set_workflow_results_state(const zelcore::properties& results) {
+  workflow_results_.clear();
+  for (const auto& [id, result] : results) {
+    if (!result) continue;
+    workflow_results_.emplace_hint(
+        workflow_results_.end(), id,
+        workflow_result_info(child_as<zelcore::properties>(*result, "workflow result", id)));
+  }
+}
+
+void state::set_workflows_state(const zelcore::properties& workflows) {
+  workflows_.clear();
+  for (const auto& [id, workflow] : workflows) {
+    const auto* tree = dynamic_cast<const zelcore::properties*>(workflow.get());
+    if (tree) add_workflow(id, *tree);
   }
 }
 

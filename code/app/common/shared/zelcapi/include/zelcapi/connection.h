@@ -6,6 +6,7 @@
 // get_cluster_status, wait or run. A connection is used by one thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -92,6 +93,16 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   unsigned server_version() const;
   // Replaces the handler (may be null), also for the live link.
   void set_handler(handler* h);
+  // The largest frame payload in bytes that the link accepts once a login has succeeded
+  // (default 64 MiB; a frame announces at most 4 GiB - 1). A larger frame drops the link, which
+  // the handler hears as a disconnection; the reason goes to the "zelcapi::connection:error"
+  // debug print. Applies to the live link at once when it is logged in.
+  void set_frame_limit(std::size_t bytes);
+  std::size_t get_frame_limit() const;
+  // The limit of a link until its login has succeeded (default 64 MiB): a peer that has not
+  // logged the client in cannot make it buffer more. The smaller of the two limits applies.
+  void set_login_frame_limit(std::size_t bytes);
+  std::size_t get_login_frame_limit() const;
 
   // Logs in and follows the cluster: retries a node that is not ready (2 seconds apart, the
   // time-out one second shorter each time) and reconnects to the master a node names. Returns
@@ -144,6 +155,10 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   bool _status(result_code code, const std::string& text, bool flag);
   // Writes a client-side give-up into the sync packet and returns it.
   const zelnet::zelp::packet& _give_up(result_code code);
+  // The frame limit that fits the link's login state: the full one once logged in.
+  std::size_t _link_frame_limit() const;
+  // The login succeeded: the full frame limit applies to the link from now on.
+  void _logged_in();
 
   handler* handler_;
   std::string host_;
@@ -156,6 +171,9 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   bool manual_;
   bool version_mismatch_;
   std::uint32_t server_version_;
+  std::size_t frame_limit_;
+  std::size_t login_frame_limit_;
+  bool logged_in_;
 };
 
 }  // namespace zelcapi

@@ -198,6 +198,7 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   state(const zelcore::plugin_db& plugins, state_notification_receiver* receiver,
         state_db* states = nullptr, history_db* histories = nullptr,
         std::uint32_t history_keep_time = 0);
+  // Waits for a save still writing to this state's state_db.
   ~state() override;
   state(const state&) = delete;
   state& operator=(const state&) = delete;
@@ -356,7 +357,9 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   void add_workflow(const std::string& workflow_id, const workflow_ptr& workflow);
 
  private:
-  void _erase_history_item(state_item_type type, const std::string& id);
+  // Joins a save still writing to this state's state_db, so that the application may free the
+  // state_db once the state is gone.
+  void _wait_for_own_save() noexcept;
 
   item_map clients_;
   item_map nodes_;

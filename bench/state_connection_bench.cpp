@@ -1,0 +1,184 @@
+// The state connection applying a stream of "cluster.api.state.update-item" notifications inside
+// run(), against a raw read-and-decode loop of the same byte stream over loopback. A writer
+// thread streams 1,000,000 notifications for 100,000 jobs each time the reader asks; the program
+// prints the state connection's share of the raw rate, its notifications per second and the
+// resident memory per job of the replica.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "loopback.h"
+#include "zelcapi/state_connection.h"
+#include "zelnet/codec.h"
+
+namespace {
+
+using zelbench::median;
+using zelbench::raw_connect;
+using zelbench::raw_server;
+using zelbench::read_and_decode;
+using zelbench::read_frame;
+using zelbench::write_all;
+using zelnet::zelp::packet;
+using clock_type = std::chrono::steady_clock;
+
+constexpr int stream_notifications = 1000000;
+constexpr int stream_jobs = 100000;
+constexpr double target_share = 0.60;
+
+packet update_item(int i) {
+  const int job = i % stream_jobs;
+  zelcore::properties state;
+  state.set_int_value("status", i % 7);
+  state.set_int_value("progress", i % 101);
+  state.set_string_value("host", "node-" + std::to_string(job % 64));
+  zelcore::properties fields;
+  fields.set_int_value("item-type", zelcapi::state_item_job);
+  fields.set_string_value("state-id", "JOB-" + std::to_string(1000000 + job));
+  fields.set_properties_value("state", state);
+  return packet(packet::type_notification, "cluster.api.state.update-item", fields);
+}
+
+const std::string& notification_stream() {
+  static const std::string stream = [] {
+    std::string s;
+    for (int i = 0; i < stream_notifications; ++i)
+      s += zelnet::zelp::encode_packet_frame(update_item(i));
+    return s;
+  }();
+  return stream;
+}
+
+// The writer: answers the client's hello, then writes the whole stream each time the client
+// sends a frame. `failed` is set when a write fails.
+void write_streams(int fd, volatile bool& failed) {
+  std::string frame;
+  if (!read_frame(fd, frame)) return;
+  const std::string hello = zelnet::zelp::encode_hello_frame(zelnet::zelp::protocol_version);
+  if (!write_all(fd, hello.data(), hello.size())) return;
+  const std::string& stream = notification_stream();
+  while (read_frame(fd, frame)) {
+    if (!write_all(fd, stream.data(), stream.size())) {
+      failed = true;
+      return;
+    }
+  }
+}
+
+// Counts the applied updates and stops run() after the last one of a stream.
+class counting_handler : public zelcapi::state_handler {
+ public:
+  bool state_item_updated(zelcapi::state_item_type, const std::string&,
+                          const zelcore::properties&) override {
+    stop = ++count == stream_notifications;
+    return true;
+  }
+  void disconnected(const std::string&, bool) override { stop = true; }
+  int count = 0;
+  volatile bool stop = false;
+};
+
+long resident_bytes() {
+  std::ifstream statm("/proc/self/statm");
+  long pages = 0, resident = 0;
+  statm >> pages >> resident;
+  return resident * ::sysconf(_SC_PAGESIZE);
+}
+
+// Wall-clock seconds of each pass, per side, for the ratio printed at the end.
+std::vector<double> state_connection_seconds;
+std::vector<double> raw_seconds;
+double replica_bytes_per_job = 0;
+
+double seconds_since(clock_type::time_point start) {
+  return std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+void BM_state_connection_run(benchmark::State& state) {
+  notification_stream();
+  volatile bool write_failed = false;
+  raw_server writer([&write_failed](int fd) { write_streams(fd, write_failed); });
+  counting_handler h;
+  zelcore::plugin_db plugins;
+  const long before = resident_bytes();
+  zelcapi::state_connection c(&h, 0, &plugins);
+  if (c.connect("127.0.0.1", writer.port(), 5) != zelcapi::connection_ok) {
+    state.SkipWithError("cannot connect to the writer");
+    return;
+  }
+  const packet go(packet::type_request, "go");
+  for (auto _ : state) {
+    h.count = 0;
+    h.stop = false;
+    const auto start = clock_type::now();
+    c.send_no_wait(go);
+    c.run(h.stop);
+    state_connection_seconds.push_back(seconds_since(start));
+    if (h.count != stream_notifications || write_failed) {
+      state.SkipWithError("the stream did not arrive whole");
+      break;
+    }
+  }
+  const std::size_t jobs = c.get_state()->get_items(zelcapi::state_item_job).size();
+  if (jobs != stream_jobs) state.SkipWithError("the replica does not hold every job");
+  replica_bytes_per_job = static_cast<double>(resident_bytes() - before) / stream_jobs;
+  state.SetItemsProcessed(state.iterations() * stream_notifications);
+  c.disconnect("done", false);
+}
+BENCHMARK(BM_state_connection_run)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_raw_read_and_decode(benchmark::State& state) {
+  volatile bool write_failed = false;
+  raw_server writer([&write_failed](int fd) { write_streams(fd, write_failed); });
+  const int fd = raw_connect(writer.port());
+  const std::string hello = zelnet::zelp::encode_hello_frame(zelnet::zelp::protocol_version);
+  std::string answer;
+  if (!write_all(fd, hello.data(), hello.size()) || !read_frame(fd, answer)) {
+    state.SkipWithError("no hello from the writer");
+    ::close(fd);
+    return;
+  }
+  const std::string go = zelnet::zelp::encode_packet_frame(packet(packet::type_request, "go"));
+  for (auto _ : state) {
+    const auto start = clock_type::now();
+    if (!write_all(fd, go.data(), go.size())) break;
+    const int count = read_and_decode(fd, stream_notifications);
+    raw_seconds.push_back(seconds_since(start));
+    if (count != stream_notifications || write_failed) {
+      state.SkipWithError("the stream did not arrive whole");
+      break;
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations() * stream_notifications);
+}
+BENCHMARK(BM_raw_read_and_decode)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  if (state_connection_seconds.empty() || raw_seconds.empty()) {
+    std::printf("the two sides did not both run: no ratio\n");
+    benchmark::Shutdown();
+    return 1;
+  }
+  const double ours = stream_notifications / median(state_connection_seconds);
+  const double raw = stream_notifications / median(raw_seconds);
+  const double share = ours / raw;
+  std::printf("\n%-52s %5.2f  (target >= %.2f)  %s\n",
+              "state_connection run vs raw read-and-decode", share, target_share,
+              share >= target_share ? "met" : "NOT MET");
+  std::printf("state_connection: %.0f notifications/s, raw: %.0f notifications/s\n", ours, raw);
+  std::printf("replica: %.0f resident bytes per job (%d jobs)\n", replica_bytes_per_job,
+              stream_jobs);
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,167 @@
+// Persistence of a state: the saver thread that writes a copy of the state to its state_db
+// under a process-wide lock, and the load of a state from a state_db.
+#include <exception>
+#include <mutex>
+
+#include <boost/make_shared.hpp>
+
+#include "zelbase/exceptions.h"
+#include "zelbase/refcount.h"
+#include "zelbase/strings.h"
+#include "zelbase/sync.h"
+#include "zelcapi/state.h"
+#include "zelcore/report.h"
+
+namespace zelcapi {
+
+namespace {
+
+constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\state";
+
+void report_state(unsigned line, zelcore::kind k, zelbase::severity s, const std::string& text) {
+  zelcore::report(source_file, line, "State", k, s, text);
+}
+
+// What a save writes, taken from the state when the save starts. Records share their trees
+// with the state (copy on write); workflows are copied, since the state changes its workflow
+// objects in place while the saver may be encoding them.
+struct state_copy {
+  state::item_map items[7];
+  state::workflow_map workflows;
+  workflow_result_map results;
+  std::uint64_t sequence_number = 0;
+};
+
+// Held by a saver thread for the whole of its write: saves of all states run one at a time.
+zelbase::mutex& saver_lock() {
+  static zelbase::mutex lock;
+  return lock;
+}
+
+class state_saver final : public zelbase::object_refcount, public zelbase::thread_base {
+ public:
+  state_saver(state_db& db, std::unique_ptr<state_copy> copy) : db_(db), copy_(std::move(copy)) {
+    thread_.start(*this);
+  }
+  ~state_saver() override {
+    try {
+      thread_.join();
+    } catch (...) {  // a raising body was already reported as far as it could be
+    }
+  }
+
+  bool writes_to(const state_db* db) const noexcept { return &db_ == db; }
+
+  void run() override {
+    std::unique_lock<zelbase::mutex> hold(saver_lock());
+    report_state(__LINE__, 8, 7, "Starting save of state-db to disk");
+    const zelcore::ds::timer elapsed("State saving timer");
+    try {
+      write();
+    } catch (const std::exception& e) {
+      report_state(__LINE__, 8, 3,
+                   zelbase::string_with_format("Failed to update state: %s", e.what()));
+    }
+    // The lock goes before the closing report, so a save asked for on hearing "Done" is no
+    // overlap.
+    hold.unlock();
+    report_state(__LINE__, 8, 7,
+                 zelbase::string_with_format("Done with save of state-db to disk in %f seconds",
+                                             elapsed.print(true)));
+  }
+
+ private:
+  void write() {
+    db_.begin_save();
+    for (std::uint32_t type = 0; type < 7; ++type)
+      for (const auto& [id, record] : copy_->items[type])
+        db_.store_item(static_cast<db_item_type>(type), id, record);
+    for (const auto& [id, workflow] : copy_->workflows) {
+      zelcore::properties encoded(false);
+      workflow->encode_workflow_info(encoded);
+      db_.store_item(db_item_workflow, id, encoded);
+    }
+    db_.store_workflow_results(copy_->results);
+    db_.store_workflow_sequence_number(copy_->sequence_number);
+  }
+
+  zelbase::thread thread_;
+  state_db& db_;
+  std::unique_ptr<state_copy> copy_;
+};
+
+// The most recent saver of the process; guarded by its own mutex, since states on several
+// threads may save.
+std::mutex current_saver_guard;
+zelbase::ptr_refcount<state_saver> current_saver;
+
+void replace_current_saver(zelbase::ptr_refcount<state_saver> next) {
+  zelbase::ptr_refcount<state_saver> previous;
+  {
+    std::lock_guard<std::mutex> hold(current_saver_guard);
+    previous = std::move(current_saver);
+    current_saver = std::move(next);
+  }
+  // Released outside the guard: the last release joins that saver's thread.
+}
+
+const zelcore::properties& loaded(const properties_cptr& tree, const char* what) {
+  if (!tree)
+    zelbase::es::uspec::raise(source_file, __LINE__,
+                              zelbase::string_with_format("state_db returned no %s", what));
+  return *tree;
+}
+
+}  // namespace
+
+void state::_wait_for_own_save() noexcept {
+  zelbase::ptr_refcount<state_saver> mine;
+  {
+    std::lock_guard<std::mutex> hold(current_saver_guard);
+    if (current_saver && current_saver->writes_to(state_db_)) mine = std::move(current_saver);
+  }
+}
+
+void state::save_state_to_db(bool wait) {
+  if (!state_db_) return;
+  if (!saver_lock().trylock()) {
+    report_state(__LINE__, 5, 2,
+                 "Previous save of state still active, consider raising the interval for state "
+                 "saving and/or lowering the time to keep history");
+    if (!wait) return;
+  } else {
+    saver_lock().unlock();
+  }
+  auto copy = std::make_unique<state_copy>();
+  for (std::uint32_t type = 0; type < 7; ++type)
+    copy->items[type] = get_items(static_cast<state_item_type>(type));
+  for (const auto& [id, workflow] : workflows_)
+    copy->workflows.emplace_hint(copy->workflows.end(), id,
+                                 boost::make_shared<zelworkflow::workflow_info>(*workflow));
+  copy->results = workflow_results_;
+  copy->sequence_number = workflow_seq_nr_;
+  replace_current_saver(zelbase::make_refcount<state_saver>(*state_db_, std::move(copy)));
+  if (wait) replace_current_saver(zelbase::ptr_refcount<state_saver>());
+}
+
+void state::set_and_update_from_state_db(state_db* db) {
+  replace_current_saver(zelbase::ptr_refcount<state_saver>());
+  state_db_ = db;
+  if (!db) return;
+  for (const state_item_type type :
+       {state_item_client, state_item_node, state_item_submission, state_item_source,
+        state_item_slot, state_item_job, state_item_task})
+    set_state(type, loaded(db->load_items(static_cast<db_item_type>(type)), "records"));
+  set_workflow_results_state(loaded(db->load_workflow_results(), "workflow results"));
+  workflow_seq_nr_ = db->load_workflow_sequence_number();
+  const properties_cptr workflows = db->load_items(db_item_workflow);
+  for (const auto& [id, encoded] : loaded(workflows, "workflows")) {
+    const auto* tree = dynamic_cast<const zelcore::properties*>(encoded.get());
+    if (!tree) continue;
+    auto workflow = boost::make_shared<zelworkflow::workflow_info>();
+    workflow->decode_workflow_info(*tree, *plugin_db_);
+    workflows_[id] = workflow;
+  }
+}
+
+}  // namespace zelcapi

@@ -1,0 +1,480 @@
+// The JSON text of a record: a direct writer from the property tree and a direct reader back,
+// with the escape forms for bytes that are not UTF-8 and for keys beginning with "~".
+#include "json_record.h"
+
+#include <charconv>
+#include <cstdint>
+#include <iterator>
+#include <vector>
+
+#include "zelbase/exceptions.h"
+
+namespace zelcapi::sqlite_detail {
+
+namespace {
+
+using zelcore::properties;
+using zelcore::property;
+using zelcore::property_ptr;
+
+constexpr const char* source_file = "code\\stores\\sqlite\\src\\json_record";
+constexpr char hex_digits[] = "0123456789abcdef";
+
+// The length of the valid UTF-8 sequence at p (at most `left` bytes there), 0 when invalid:
+// no overlong forms, no surrogates, nothing above U+10FFFF.
+std::size_t utf8_length(const unsigned char* p, std::size_t left) {
+  const unsigned c = p[0];
+  std::size_t n;
+  std::uint32_t code;
+  if (c < 0x80) return 1;
+  if (c >= 0xC2 && c <= 0xDF) {
+    n = 2;
+    code = c & 0x1F;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    n = 3;
+    code = c & 0x0F;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    n = 4;
+    code = c & 0x07;
+  } else {
+    return 0;
+  }
+  if (left < n) return 0;
+  for (std::size_t i = 1; i < n; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+    code = code << 6 | (p[i] & 0x3F);
+  }
+  if (n == 3 && (code < 0x800 || (code >= 0xD800 && code <= 0xDFFF))) return 0;
+  if (n == 4 && (code < 0x10000 || code > 0x10FFFF)) return 0;
+  return n;
+}
+
+class writer {
+ public:
+  explicit writer(std::string& out) : out_(out) {}
+
+  void tree(const properties& p, std::size_t depth) {
+    const std::size_t start = out_.size();
+    out_ += '{';
+    bool first = true;
+    for (const auto& [key, child] : p) {
+      if (!child) continue;
+      if (!first) out_ += ',';
+      first = false;
+      if ((!key.empty() && key[0] == '~') || !string(key)) {
+        out_.resize(start);
+        escaped_tree(p, depth);
+        return;
+      }
+      out_ += ':';
+      value(*child, depth);
+    }
+    out_ += '}';
+  }
+
+ private:
+  void escaped_tree(const properties& p, std::size_t depth) {
+    out_ += "{\"~o\":[";
+    bool first = true;
+    for (const auto& [key, child] : p) {
+      if (!child) continue;
+      if (!first) out_ += ',';
+      first = false;
+      string_or_hex(key);
+      out_ += ',';
+      value(*child, depth);
+    }
+    out_ += "]}";
+  }
+
+  // `depth` is that of the container holding the value.
+  void value(const property& v, std::size_t depth) {
+    switch (v.kind()) {
+      case property::kind_int: {
+        char digits[24];
+        const auto r = std::to_chars(digits, digits + sizeof digits,
+                                     static_cast<const zelcore::property_int&>(v).value());
+        out_.append(digits, r.ptr);
+        return;
+      }
+      case property::kind_bool:
+        out_ += static_cast<const zelcore::property_bool&>(v).value() ? "true" : "false";
+        return;
+      case property::kind_string:
+        string_or_hex(static_cast<const zelcore::property_string&>(v).value());
+        return;
+      case property::kind_list: {
+        check_depth(depth + 1);
+        out_ += '[';
+        bool first = true;
+        for (const property_ptr& element : static_cast<const zelcore::property_list&>(v).value()) {
+          if (!element) continue;
+          if (!first) out_ += ',';
+          first = false;
+          value(*element, depth + 1);
+        }
+        out_ += ']';
+        return;
+      }
+      case property::kind_properties:
+        check_depth(depth + 1);
+        tree(static_cast<const properties&>(v), depth + 1);
+        return;
+    }
+  }
+
+  static void check_depth(std::size_t depth) {
+    if (depth > json_max_depth)
+      zelbase::es::arg::raise(
+          source_file, __LINE__,
+          "record nested deeper than " + std::to_string(json_max_depth) + " levels");
+  }
+
+  void string_or_hex(const std::string& s) {
+    if (string(s)) return;
+    out_ += "{\"~x\":\"";
+    for (const unsigned char c : s) {
+      out_ += hex_digits[c >> 4];
+      out_ += hex_digits[c & 15];
+    }
+    out_ += "\"}";
+  }
+
+  // Writes s as a JSON string; false (writing nothing) when s is not valid UTF-8.
+  bool string(const std::string& s) {
+    const std::size_t start = out_.size();
+    out_ += '"';
+    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+    const auto* const end = p + s.size();
+    const auto* run = p;
+    while (p < end) {
+      const unsigned c = *p;
+      if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
+        ++p;
+        continue;
+      }
+      if (c >= 0x80) {
+        const std::size_t n = utf8_length(p, static_cast<std::size_t>(end - p));
+        if (n == 0) {
+          out_.resize(start);
+          return false;
+        }
+        p += n;
+        continue;
+      }
+      out_.append(reinterpret_cast<const char*>(run), reinterpret_cast<const char*>(p));
+      switch (c) {
+        case '"': out_ += "\\\""; break;
+        case '\\': out_ += "\\\\"; break;
+        case '\n': out_ += "\\n"; break;
+        case '\t': out_ += "\\t"; break;
+        case '\r': out_ += "\\r"; break;
+        default:
+          out_ += "\\u00";
+          out_ += hex_digits[c >> 4];
+          out_ += hex_digits[c & 15];
+      }
+      run = ++p;
+    }
+    out_.append(reinterpret_cast<const char*>(run), reinterpret_cast<const char*>(end));
+    out_ += '"';
+    return true;
+  }
+
+  std::string& out_;
+};
+
+class reader {
+ public:
+  reader(std::string_view text, std::vector<properties::container>& pending)
+      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), pending_(pending) {
+    for (properties::container& children : pending_) children.clear();
+  }
+
+  properties record() {
+    skip_space();
+    const property_ptr top = value(0);
+    skip_space();
+    if (p_ != end_) fail("text after the record");
+    if (top->kind() != property::kind_properties) fail("the record is not an object");
+    return static_cast<const properties&>(*top);
+  }
+
+ private:
+  [[noreturn]] void fail(const std::string& what) const {
+    throw malformed_json(what + " at offset " + std::to_string(p_ - begin_));
+  }
+
+  void skip_space() {
+    while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\t' || *p_ == '\r')) ++p_;
+  }
+
+  void expect(char c) {
+    skip_space();
+    if (p_ == end_ || *p_ != c) fail(std::string("'") + c + "' expected");
+    ++p_;
+  }
+
+  bool next_is(char c) {
+    skip_space();
+    return p_ < end_ && *p_ == c;
+  }
+
+  // A value inside a container of depth `depth`.
+  property_ptr value(std::size_t depth) {
+    skip_space();
+    if (p_ == end_) fail("value expected");
+    switch (*p_) {
+      case '{': ++p_; return object(depth);
+      case '[': ++p_; return list(depth);
+      case '"': ++p_; return zelcore::make_string(string());
+      case 't': return literal("true", zelcore::make_bool(true));
+      case 'f': return literal("false", zelcore::make_bool(false));
+      case 'n': fail("null is not a value of a record");
+      default: return number();
+    }
+  }
+
+  property_ptr literal(std::string_view word, property_ptr result) {
+    if (static_cast<std::size_t>(end_ - p_) < word.size() ||
+        std::string_view(p_, word.size()) != word)
+      fail("unknown literal");
+    p_ += word.size();
+    return result;
+  }
+
+  property_ptr number() {
+    const char* start = p_;
+    if (p_ < end_ && *p_ == '-') ++p_;
+    const char* digits = p_;
+    while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+    if (p_ == digits) fail("value expected");
+    if (*digits == '0' && p_ - digits > 1) fail("leading zero in a number");
+    if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) fail("not an integer");
+    std::int64_t n = 0;
+    const auto r = std::from_chars(start, p_, n);
+    if (r.ec != std::errc() || r.ptr != p_) fail("integer out of 64-bit range");
+    return zelcore::make_int(n);
+  }
+
+  property_ptr list(std::size_t depth) {
+    check_depth(depth + 1);
+    zelcore::property_list::list_type values;
+    if (!next_is(']')) {
+      for (;;) {
+        values.push_back(value(depth + 1));
+        if (next_is(']')) break;
+        expect(',');
+      }
+    }
+    ++p_;
+    return property_ptr(new zelcore::property_list(std::move(values)));
+  }
+
+  // After '{': a tree, or one of the escape forms.
+  property_ptr object(std::size_t depth) {
+    check_depth(depth + 1);
+    if (next_is('}')) {
+      ++p_;
+      return property_ptr(new properties(false));
+    }
+    expect('"');
+    std::string key = string();
+    if (!key.empty() && key[0] == '~') return escape(key, depth);
+    for (;;) {
+      expect(':');
+      property_ptr child = value(depth + 1);
+      pending(depth).emplace_back(std::move(key), std::move(child));
+      if (next_is('}')) break;
+      expect(',');
+      expect('"');
+      key = string();
+      if (!key.empty() && key[0] == '~') fail("a key beginning with '~' outside an escape form");
+    }
+    ++p_;
+    return tree_of_pending(depth);
+  }
+
+  property_ptr escape(const std::string& key, std::size_t depth) {
+    expect(':');
+    if (key == "~x") {
+      std::string bytes = hex_body();
+      expect('}');
+      return zelcore::make_string(std::move(bytes));
+    }
+    if (key != "~o") fail("unknown escape form");
+    expect('[');
+    if (!next_is(']')) {
+      for (;;) {
+        std::string child_key = escaped_key();
+        expect(',');
+        property_ptr child = value(depth + 1);
+        pending(depth).emplace_back(std::move(child_key), std::move(child));
+        if (next_is(']')) break;
+        expect(',');
+      }
+    }
+    ++p_;
+    expect('}');
+    return tree_of_pending(depth);
+  }
+
+  // The children read so far of the tree at `depth`, kept in vectors that outlive the reader,
+  // so that a tree's children take one allocation of their exact size.
+  properties::container& pending(std::size_t depth) {
+    if (pending_.size() <= depth) pending_.resize(depth + 1);
+    return pending_[depth];
+  }
+
+  property_ptr tree_of_pending(std::size_t depth) {
+    properties::container& children = pending(depth);
+    properties::container exact(std::make_move_iterator(children.begin()),
+                                std::make_move_iterator(children.end()));
+    children.clear();
+    return property_ptr(new properties(std::move(exact)));
+  }
+
+  // A key inside "~o": a string, or {"~x":"<hex>"}.
+  std::string escaped_key() {
+    skip_space();
+    if (p_ < end_ && *p_ == '"') {
+      ++p_;
+      return string();
+    }
+    expect('{');
+    expect('"');
+    if (string() != "~x") fail("key expected");
+    expect(':');
+    std::string bytes = hex_body();
+    expect('}');
+    return bytes;
+  }
+
+  std::string hex_body() {
+    expect('"');
+    const std::string digits = string();
+    if (digits.size() % 2) fail("odd number of hex digits");
+    std::string bytes;
+    bytes.reserve(digits.size() / 2);
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+      const int high = hex_value(digits[i]);
+      const int low = hex_value(digits[i + 1]);
+      if (high < 0 || low < 0) fail("bad hex digit");
+      bytes += static_cast<char>(high << 4 | low);
+    }
+    return bytes;
+  }
+
+  static int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  }
+
+  // After the opening quote; consumes the closing one.
+  std::string string() {
+    std::string out;
+    const char* run = p_;
+    for (;;) {
+      if (p_ == end_) fail("unterminated string");
+      const unsigned char c = static_cast<unsigned char>(*p_);
+      if (c == '"') break;
+      if (c < 0x20) fail("control character in a string");
+      if (c != '\\') {
+        ++p_;
+        continue;
+      }
+      out.append(run, p_);
+      ++p_;
+      if (p_ == end_) fail("unterminated string");
+      switch (*p_++) {
+        case '"': out += '"'; break;
+        case '\\': out += '\\'; break;
+        case '/': out += '/'; break;
+        case 'b': out += '\b'; break;
+        case 'f': out += '\f'; break;
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        case 'u': append_utf8(out, code_point()); break;
+        default: fail("unknown escape in a string");
+      }
+      run = p_;
+    }
+    out.append(run, p_);
+    ++p_;
+    return out;
+  }
+
+  std::uint32_t hex4() {
+    if (end_ - p_ < 4) fail("short \\u escape");
+    std::uint32_t code = 0;
+    for (int i = 0; i < 4; ++i) {
+      const int digit = hex_value(*p_++);
+      if (digit < 0) fail("bad hex digit");
+      code = code << 4 | static_cast<std::uint32_t>(digit);
+    }
+    return code;
+  }
+
+  std::uint32_t code_point() {
+    const std::uint32_t code = hex4();
+    if (code >= 0xDC00 && code <= 0xDFFF) fail("lone low surrogate");
+    if (code < 0xD800 || code > 0xDBFF) return code;
+    if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') fail("lone high surrogate");
+    p_ += 2;
+    const std::uint32_t low = hex4();
+    if (low < 0xDC00 || low > 0xDFFF) fail("lone high surrogate");
+    return 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+  }
+
+  static void append_utf8(std::string& out, std::uint32_t code) {
+    if (code < 0x80) {
+      out += static_cast<char>(code);
+    } else if (code < 0x800) {
+      out += static_cast<char>(0xC0 | code >> 6);
+      out += static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+      out += static_cast<char>(0xE0 | code >> 12);
+      out += static_cast<char>(0x80 | (code >> 6 & 0x3F));
+      out += static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | code >> 18);
+      out += static_cast<char>(0x80 | (code >> 12 & 0x3F));
+      out += static_cast<char>(0x80 | (code >> 6 & 0x3F));
+      out += static_cast<char>(0x80 | (code & 0x3F));
+    }
+  }
+
+  void check_depth(std::size_t depth) const {
+    if (depth > json_max_depth) fail("nesting deeper than " + std::to_string(json_max_depth));
+  }
+
+  const char* begin_;
+  const char* p_;
+  const char* end_;
+  std::vector<properties::container>& pending_;
+};
+
+}  // namespace
+
+bool is_utf8(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* const end = p + text.size();
+  while (p < end) {
+    const std::size_t n = utf8_length(p, static_cast<std::size_t>(end - p));
+    if (n == 0) return false;
+    p += n;
+  }
+  return true;
+}
+
+void write_json(const properties& tree, std::string& out) { writer(out).tree(tree, 1); }
+
+properties read_json(std::string_view text) {
+  thread_local std::vector<properties::container> pending;
+  return reader(text, pending).record();
+}
+
+}  // namespace zelcapi::sqlite_detail

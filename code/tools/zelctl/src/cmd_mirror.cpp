@@ -1,0 +1,328 @@
+// zelctl mirror: keeps a replica of the cluster's state and saves it into an SQLite file every
+// few seconds; loads the file first, reconnects with backoff after a lost link, and ends with a
+// final save and a summary. A live status line on a terminal, log lines otherwise.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "commands.h"
+#include "json_output.h"
+#include "kinds.h"
+#include "mirror_store.h"
+#include "stop_signal.h"
+#include "time_text.h"
+#include "zelbase/exceptions.h"
+#include "zelcapi/sqlite_db.h"
+#include "zelcapi/state_connection.h"
+#include "zelcore/report.h"
+
+namespace zelctl {
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+struct mirror_flags {
+  std::string db;
+  double duration = 0;
+  double save_interval = 5;
+  std::uint32_t history_keep = 600;
+};
+
+// Counts the changes applied to the replica and notes a lost link.
+class change_counter final : public zelcapi::state_handler {
+ public:
+  bool state_item_updated(zelcapi::state_item_type, const std::string&,
+                          const zelcore::properties&) override {
+    return count();
+  }
+  bool state_item_set(zelcapi::state_item_type, const std::string&,
+                      const zelcore::properties&) override {
+    return count();
+  }
+  bool state_item_removed(zelcapi::state_item_type, const std::string&) override { return count(); }
+  bool state_item_erased_property_ref(zelcapi::state_item_type, const std::string&,
+                                      const std::string&) override {
+    return count();
+  }
+  bool state_item_historized(zelcapi::state_item_type, const std::string&) override {
+    return count();
+  }
+  bool state_workflow_result_added(const std::string&, zelcapi::workflow_result_info) override {
+    return count();
+  }
+  bool state_workflow_result_removed(const std::string&) override { return count(); }
+  bool state_workflow_updated(const zelcore::properties&) override { return count(); }
+  void disconnected(const std::string& reason, bool) override { lost_ = reason; }
+
+  std::uint64_t changes() const noexcept { return changes_; }
+  const std::string& lost() const noexcept { return lost_; }
+
+ private:
+  bool count() {
+    ++changes_;
+    return true;
+  }
+  std::uint64_t changes_ = 0;
+  std::string lost_;
+};
+
+// The number of records per snapshot key.
+nlohmann::json item_counts(const zelcapi::state& st) {
+  nlohmann::json counts = nlohmann::json::object();
+  for (std::uint32_t type = zelcapi::state_item_client; type <= zelcapi::state_item_task; ++type) {
+    const auto t = static_cast<zelcapi::state_item_type>(type);
+    counts[snapshot_key_of(t)] = st.get_items(t).size();
+  }
+  counts["workflows"] = st.get_workflows().size();
+  counts["workflow-results"] = st.get_workflow_results().size();
+  return counts;
+}
+
+std::string counts_text(const nlohmann::json& counts) {
+  std::string text;
+  for (const auto& [key, n] : counts.items()) {
+    if (!text.empty()) text += ", ";
+    text += key + " " + std::to_string(n.get<std::uint64_t>());
+  }
+  return text;
+}
+
+std::string ms_text(double seconds) {
+  char ms[32];
+  std::snprintf(ms, sizeof ms, "%.1f ms", seconds * 1000);
+  return ms;
+}
+
+std::string save_text(const save_figures& f) {
+  if (f.saves == 0) return "no save yet";
+  return "last save " + iso_time(f.last_end) + " (" + std::to_string(f.last_records) +
+         " records, " + ms_text(f.last_seconds) + ")";
+}
+
+// The mirror's run: the replica, the file, the output.
+class mirror {
+ public:
+  mirror(const mirror_flags& flags, bool json, target& t)
+      : flags_(flags),
+        json_(json),
+        target_(t),
+        file_(open(flags.db)),
+        store_(file_),
+        connection_(&counter_, flags.history_keep, &plugins_),
+        replica_(*connection_.get_state_non_const()),
+        on_terminal_(::isatty(STDOUT_FILENO) != 0) {}
+
+  int run() {
+    install_stop_signals();
+    // The library's errors (a failed save) become log lines of the mirror.
+    // The final save waits for one still running: that is no error there.
+    zelcore::set_report_sink([this](const zelcore::report_record& r) {
+      const bool waited_for = finishing_ && r.message.rfind("Previous save", 0) == 0;
+      if (r.record_severity <= zelbase::severity_error && !waited_for) {
+        std::fprintf(stderr, "zelctl: mirror: %s\n", r.message.c_str());
+      }
+    });
+    load_file();
+    start_ = steady::now();
+    double backoff = initial_backoff;
+    while (!finished()) {
+      if (!reach_cluster(backoff)) continue;
+      backoff = initial_backoff;
+      keep_current();
+      if (!connection_.is_connected() && !finished()) {
+        end_status_line();
+        log("lost the link to the cluster (" + counter_.lost() + "); reconnecting");
+      }
+    }
+    end_status_line();
+    finishing_ = true;
+    replica_.save_state_to_db(true);
+    print_summary();
+    return exit_ok;
+  }
+
+ private:
+  static constexpr double initial_backoff = 0.5;
+  static constexpr double max_backoff = 10;
+
+  static zelcapi::sqlite_state_db open(const std::string& path) {
+    try {
+      return zelcapi::sqlite_state_db(path);
+    } catch (const zelbase::es::base& e) {
+      throw failure(exit_failure, "cannot open --db '" + path + "': " + e.message());
+    }
+  }
+
+  double elapsed() const { return std::chrono::duration<double>(steady::now() - start_).count(); }
+  bool finished() const {
+    return stop_requested() || (flags_.duration > 0 && elapsed() >= flags_.duration);
+  }
+
+  void load_file() {
+    const bool saved = file_.has_saved_state();
+    try {
+      replica_.set_and_update_from_state_db(&store_);
+    } catch (const zelbase::es::base& e) {
+      throw failure(exit_failure, "cannot load --db '" + flags_.db + "': " + e.message());
+    }
+    log(saved ? "loaded " + flags_.db + ": " + counts_text(item_counts(replica_))
+              : "new file " + flags_.db);
+  }
+
+  // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits `backoff`
+  // (doubled for the next time) and returns false. A refused login or a usage error (no
+  // password) ends the mirror.
+  bool reach_cluster(double& backoff) {
+    try {
+      const login_result where = load_snapshot(connection_, target_);
+      ++connects_;
+      log(std::string(connects_ > 1 ? "reconnected" : "connected") + " to " + where.master_id +
+          " at " + where.host + ":" + where.port + "; snapshot " +
+          counts_text(item_counts(replica_)));
+      return true;
+    } catch (const login_refused&) {
+      throw;
+    } catch (const failure& e) {
+      if (e.code() != exit_connection) throw;
+      end_status_line();
+      log(std::string(e.what()) + "; retrying in " + std::to_string(backoff).substr(0, 4) + " s");
+      const auto until = steady::now() + std::chrono::duration<double>(backoff);
+      while (!finished() && steady::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      backoff = std::min(backoff * 2, max_backoff);
+      return false;
+    }
+  }
+
+  // Applies the notifications until the link goes or the mirror ends; saves on schedule.
+  void keep_current() {
+    auto next_save = steady::now() + interval();
+    auto next_status = steady::now();
+    std::uint64_t saves_logged = store_.figures().saves;
+    while (connection_.is_connected() && !finished()) {
+      connection_.wait(100);
+      const auto now = steady::now();
+      if (now >= next_save) {
+        replica_.save_state_to_db(false);
+        replica_.clean_history();
+        next_save = now + interval();
+      }
+      const save_figures figures = store_.figures();
+      if (on_terminal_ && now >= next_status) {
+        status_line(figures);
+        next_status = now + std::chrono::milliseconds(500);
+      } else if (!on_terminal_ && figures.saves > saves_logged) {
+        log("saved " + std::to_string(figures.last_records) + " records in " +
+            ms_text(figures.last_seconds) + "; " + std::to_string(counter_.changes()) +
+            " changes applied");
+      }
+      saves_logged = figures.saves;
+    }
+  }
+
+  steady::duration interval() const {
+    return std::chrono::duration_cast<steady::duration>(
+        std::chrono::duration<double>(flags_.save_interval));
+  }
+
+  void status_line(const save_figures& figures) {
+    const auto now = steady::now();
+    const double seconds = std::chrono::duration<double>(now - rate_since_).count();
+    if (seconds >= 1) {
+      rate_ = static_cast<double>(counter_.changes() - rate_changes_) / seconds;
+      rate_since_ = now;
+      rate_changes_ = counter_.changes();
+    }
+    std::printf("\r%.0f changes/s | %s | %s\x1b[K", rate_,
+                counts_text(item_counts(replica_)).c_str(), save_text(figures).c_str());
+    std::fflush(stdout);
+    status_shown_ = true;
+  }
+
+  void end_status_line() {
+    if (!status_shown_) return;
+    std::printf("\n");
+    status_shown_ = false;
+  }
+
+  void log(const std::string& text) {
+    std::printf("%s zelctl mirror: %s\n", now_text().c_str(), text.c_str());
+    std::fflush(stdout);
+  }
+
+  void print_summary() {
+    const save_figures f = store_.figures();
+    const nlohmann::json items = item_counts(replica_);
+    if (json_) {
+      nlohmann::json summary{
+          {"file", flags_.db},     {"seconds", elapsed()}, {"changes-applied", counter_.changes()},
+          {"connects", connects_}, {"saves", f.saves},     {"items", items}};
+      if (f.saves > 0) {
+        summary["last-save"] = iso_time(f.last_end);
+        summary["last-save-seconds"] = f.last_seconds;
+        summary["last-save-records"] = f.last_records;
+      }
+      print_json(summary, true);
+      return;
+    }
+    std::printf("mirror summary\n");
+    std::printf("  file:            %s\n", flags_.db.c_str());
+    std::printf("  ran:             %.1f s, %llu connection(s)\n", elapsed(),
+                static_cast<unsigned long long>(connects_));
+    std::printf("  changes applied: %llu\n", static_cast<unsigned long long>(counter_.changes()));
+    std::printf("  saves:           %llu, %s\n", static_cast<unsigned long long>(f.saves),
+                save_text(f).c_str());
+    std::printf("  items:           %s\n", counts_text(items).c_str());
+    std::fflush(stdout);
+  }
+
+  const mirror_flags& flags_;
+  bool json_;
+  target& target_;
+  zelcapi::sqlite_state_db file_;
+  timed_state_db store_;
+  zelcore::plugin_db plugins_;
+  change_counter counter_;
+  zelcapi::state_connection connection_;
+  zelcapi::state& replica_;
+  bool on_terminal_;
+  steady::time_point start_{};
+  std::uint64_t connects_ = 0;
+  bool status_shown_ = false;
+  bool finishing_ = false;
+  steady::time_point rate_since_ = steady::now();
+  std::uint64_t rate_changes_ = 0;
+  double rate_ = 0;
+};
+
+}  // namespace
+
+command add_mirror_command(CLI::App& app, global_options& options) {
+  CLI::App* sub = app.add_subcommand(
+      "mirror", "keep a replica of the cluster's state and save it into an SQLite file");
+  auto flags = std::make_shared<mirror_flags>();
+  sub->add_option("--db", flags->db, "the SQLite file (created when missing, loaded when not)")
+      ->required();
+  sub->add_option("--duration", flags->duration, "stop after this many seconds (0: Ctrl-C)")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  sub->add_option("--save-interval", flags->save_interval, "seconds between saves")
+      ->check(CLI::Range(0.1, 86400.0))
+      ->capture_default_str();
+  sub->add_option("--history-keep", flags->history_keep,
+                  "seconds to keep historized records in the replica")
+      ->capture_default_str();
+  add_json_flag(*sub, options);
+  return {sub, [flags, &options](target& t) {
+            mirror m(*flags, options.json, t);
+            return m.run();
+          }};
+}
+
+}  // namespace zelctl

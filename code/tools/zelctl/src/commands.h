@@ -1,0 +1,26 @@
+// The subcommands of zelctl: each adds itself to the program and returns what runs it.
+#pragma once
+
+#include <functional>
+
+#include <CLI/CLI.hpp>
+
+#include "options.h"
+#include "session.h"
+
+namespace zelctl {
+
+struct command {
+  CLI::App* app;
+  // Runs the subcommand once the flags are parsed; returns the exit code.
+  std::function<int(target&)> run;
+};
+
+command add_status_command(CLI::App& app, global_options& options);
+command add_login_command(CLI::App& app, global_options& options);
+command add_state_command(CLI::App& app, global_options& options);
+command add_watch_command(CLI::App& app, global_options& options);
+command add_history_command(CLI::App& app, global_options& options);
+command add_mirror_command(CLI::App& app, global_options& options);
+
+}  // namespace zelctl

@@ -1,0 +1,56 @@
+// zelctl: the command line client of the cluster. Parses the global flags and the subcommand,
+// runs it, and turns every error into one line on stderr and a meaningful exit code.
+#include <cstdio>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "options.h"
+#include "session.h"
+#include "zelbase/exceptions.h"
+#include "zelcore/report.h"
+
+int main(int argc, char** argv) {
+  using namespace zelctl;
+  global_options options;
+  CLI::App app{
+      "zelctl: the command line client of the cluster (status, login, state, watch, "
+      "history, mirror)"};
+  app.require_subcommand(1);
+  // The global flags may also follow the subcommand: "zelctl mirror --simulate ...".
+  app.fallthrough();
+  add_global_options(app, options);
+  const std::vector<command> commands{
+      add_status_command(app, options),  add_login_command(app, options),
+      add_state_command(app, options),   add_watch_command(app, options),
+      add_history_command(app, options), add_mirror_command(app, options)};
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "zelctl: %s (see zelctl --help)\n", e.what());
+    return exit_usage;
+  }
+  // The library's own reports are for its developers: only errors reach the terminal.
+  zelcore::set_report_threshold(zelbase::severity_critical);
+  try {
+    target where(options);
+    for (const auto& c : commands) {
+      if (c.app->parsed()) return c.run(where);
+    }
+    return exit_usage;
+  } catch (const failure& e) {
+    std::fprintf(stderr, "zelctl: %s\n", e.what());
+    return e.code();
+  } catch (const zelbase::es::base& e) {
+    std::fprintf(stderr, "zelctl: %s\n", e.message().c_str());
+    return exit_failure;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zelctl: %s\n", e.what());
+    return exit_failure;
+  }
+}

@@ -1,0 +1,207 @@
+// A state saved through its saver into the stores and loaded back: whole round trips across a
+// reopened file, a failing store, and saves that overlap.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "stores/store_test_support.h"
+#include "support/capture_sink.h"
+#include "support/sample_workflows.h"
+#include "zelcapi/memory_db.h"
+#include "zelcapi/sqlite_db.h"
+#include "zelcapi/state.h"
+
+using zelcapi::db_item_job;
+using zelcapi::state;
+using zelcapi::state_db;
+using zelcapi::state_item_type;
+using zelcore::properties;
+using zeltest::job;
+
+namespace {
+
+const std::string still_active =
+    "Previous save of state still active, consider raising the interval for state saving "
+    "and/or lowering the time to keep history";
+
+// A state with records of every kind, results, workflows and a sequence number.
+void fill(state& st) {
+  zeltest::random_bytes_trees random(3);
+  for (int kind = 0; kind < 7; ++kind)
+    for (int n = 0; n < 5; ++n)
+      st.item_set(static_cast<state_item_type>(kind), "id-" + std::to_string(n),
+                  n == 4 ? random.tree(3) : job("item " + std::to_string(n), kind));
+  st.workflow_result_add("WOFL-done", zelcapi::workflow_result_info(3u, 5u));
+  for (int n = 0; n < 3; ++n)
+    st.add_workflow("",
+                    zeltest::sample_workflow(zelworkflow::workflow_info::workflow_type_spawned, 4));
+}
+
+properties snapshot_of(const state& st) {
+  properties out(false);
+  st.get_state(out);
+  return out;
+}
+
+void expect_same(const properties& got, const properties& expected) {
+  EXPECT_TRUE(got == expected) << "got " << got.describe() << "\nexpected " << expected.describe();
+}
+
+// A new state loaded from `db` holds what `st` holds.
+void expect_loads_as(state_db& db, const state& st) {
+  state loaded(st.get_plugin_db(), nullptr);
+  loaded.set_and_update_from_state_db(&db);
+  expect_same(snapshot_of(loaded), snapshot_of(st));
+}
+
+// A memory_state_db behind hooks: store_item raises while `failing` is set, begin_save waits
+// while `held` is set; the calls of each kind are counted.
+class hooked_store final : public state_db {
+ public:
+  void clear() override { inner_.clear(); }
+  zelcapi::properties_cptr load_items(zelcapi::db_item_type type) override {
+    return inner_.load_items(type);
+  }
+  zelcapi::properties_cptr load_workflow_results() override {
+    return inner_.load_workflow_results();
+  }
+  std::uint64_t load_workflow_sequence_number() override {
+    return inner_.load_workflow_sequence_number();
+  }
+  void store_item(zelcapi::db_item_type type, const std::string& id,
+                  const properties& record) override {
+    if (failing) throw std::runtime_error("disk on fire");
+    inner_.store_item(type, id, record);
+  }
+  void remove_item(zelcapi::db_item_type type, const std::string& id) override {
+    inner_.remove_item(type, id);
+  }
+  void store_workflow_results(const zelcapi::workflow_result_map& results) override {
+    ++results_stored;
+    inner_.store_workflow_results(results);
+  }
+  void store_workflow_sequence_number(std::uint64_t sequence_number) override {
+    ++saves_completed;
+    inner_.store_workflow_sequence_number(sequence_number);
+  }
+  bool load_item(zelcapi::db_item_type type, const std::string& id, properties& out) override {
+    return inner_.load_item(type, id, out);
+  }
+  bool has_saved_state() override { return inner_.has_saved_state(); }
+  void begin_save() override {
+    std::unique_lock<std::mutex> hold(lock_);
+    ++saves_begun;
+    changed_.notify_all();
+    changed_.wait(hold, [this] { return !held; });
+    inner_.begin_save();
+  }
+
+  // Lets a held begin_save go on.
+  void release() {
+    std::lock_guard<std::mutex> hold(lock_);
+    held = false;
+    changed_.notify_all();
+  }
+  void wait_for_saves_begun(int count) {
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [&] { return saves_begun >= count; });
+  }
+
+  bool failing = false;
+  bool held = false;
+  int saves_begun = 0;
+  int results_stored = 0;
+  int saves_completed = 0;
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  zelcapi::memory_state_db inner_;
+};
+
+}  // namespace
+
+TEST(StatePersistence, SqliteSaveLoadsIntoANewStateAcrossAReopen) {
+  zeltest::scratch_dir dir;
+  const std::string path = dir.file("mirror.db");
+  zelcore::plugin_db plugins;
+  properties saved(false);
+  {
+    zelcapi::sqlite_state_db db(path);
+    state st(plugins, nullptr, &db);
+    fill(st);
+    st.save_state_to_db(true);
+    saved = snapshot_of(st);
+  }
+  zelcapi::sqlite_state_db db(path);
+  state loaded(plugins, nullptr);
+  loaded.set_and_update_from_state_db(&db);
+  EXPECT_EQ(loaded.get_state_db(), &db);
+  expect_same(snapshot_of(loaded), saved);
+  EXPECT_EQ(loaded.get_workflows().size(), 3u);
+}
+
+TEST(StatePersistence, MemorySaveLoadsIntoANewState) {
+  zelcore::plugin_db plugins;
+  zelcapi::memory_state_db db;
+  state st(plugins, nullptr, &db);
+  fill(st);
+  st.save_state_to_db(true);
+  expect_loads_as(db, st);
+}
+
+TEST(StatePersistence, FailingStoreIsReportedAndTheNextSaveSucceeds) {
+  zeltest::capture_sink sink;
+  zelcore::plugin_db plugins;
+  hooked_store db;
+  state st(plugins, nullptr, &db);
+  fill(st);
+  db.failing = true;
+  st.save_state_to_db(true);
+  EXPECT_EQ(db.results_stored, 0);
+  EXPECT_EQ(db.saves_completed, 0);
+  EXPECT_FALSE(db.has_saved_state());
+  bool reported = false;
+  for (const zelcore::report_record& r : sink.reports())
+    reported |= r.message == "Failed to update state: disk on fire" && r.category == "State";
+  EXPECT_TRUE(reported);
+
+  db.failing = false;
+  st.save_state_to_db(true);
+  EXPECT_EQ(db.saves_completed, 1);
+  expect_loads_as(db, st);
+}
+
+TEST(StatePersistence, OverlappingSaveIsSkippedWithoutWaitAndRunsAfterWithWait) {
+  zeltest::capture_sink sink;
+  zelcore::plugin_db plugins;
+  hooked_store db;
+  state st(plugins, nullptr, &db);
+  st.item_set(zelcapi::state_item_job, "j1", job("first", 1));
+  db.held = true;
+  st.save_state_to_db(false);
+  db.wait_for_saves_begun(1);
+
+  st.item_set(zelcapi::state_item_job, "j2", job("second", 2));
+  sink.clear();
+  st.save_state_to_db(false);
+  EXPECT_EQ(sink.messages(), std::vector<std::string>{still_active});
+  EXPECT_EQ(db.saves_begun, 1);
+
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    db.release();
+  });
+  sink.clear();
+  st.save_state_to_db(true);
+  releaser.join();
+  ASSERT_FALSE(sink.messages().empty());
+  EXPECT_EQ(sink.messages().front(), still_active);
+  EXPECT_EQ(db.saves_begun, 2);
+  EXPECT_EQ(db.saves_completed, 2);
+  EXPECT_EQ(db.load_items(db_item_job)->size(), 2u);
+}

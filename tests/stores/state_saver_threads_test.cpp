@@ -1,0 +1,59 @@
+// The saver thread writing copies of a state while the owning thread keeps changing it (built on
+// its own so that the ThreadSanitizer preset can run just this binary).
+#include <gtest/gtest.h>
+
+#include "stores/store_test_support.h"
+#include "support/capture_sink.h"
+#include "support/sample_workflows.h"
+#include "zelcapi/memory_db.h"
+#include "zelcapi/sqlite_db.h"
+#include "zelcapi/state.h"
+
+using zelcapi::state;
+using zelcore::make_int;
+using zelcore::properties;
+
+namespace {
+
+void change_while_saving(state& st, zelcapi::state_db& db) {
+  for (int round = 0; round < 200; ++round) {
+    for (int n = 0; n < 20; ++n)
+      st.item_update(zelcapi::state_item_job, "j" + std::to_string(n),
+                     properties{{"round", make_int(round)}, {"n", make_int(n)}});
+    st.item_remove(zelcapi::state_item_task, "t" + std::to_string(round - 1));
+    st.item_set(zelcapi::state_item_task, "t" + std::to_string(round), zeltest::job("t", round));
+    st.workflow_result_add("WOFL-" + std::to_string(round % 7),
+                           zelcapi::workflow_result_info(static_cast<std::uint32_t>(round)));
+    if (round % 25 == 0)
+      st.add_workflow(
+          "", zeltest::sample_workflow(zelworkflow::workflow_info::workflow_type_spawned, 3));
+    st.save_state_to_db(false);
+  }
+  st.save_state_to_db(true);
+  zelcore::plugin_db plugins;
+  state loaded(plugins, nullptr);
+  loaded.set_and_update_from_state_db(&db);
+  properties expected(false), got(false);
+  st.get_state(expected);
+  loaded.get_state(got);
+  EXPECT_TRUE(got == expected);
+}
+
+}  // namespace
+
+TEST(StateSaverThreads, OwnerChangesTheStateWhileTheSaverWritesToMemory) {
+  zeltest::capture_sink sink;
+  zelcore::plugin_db plugins;
+  zelcapi::memory_state_db db;
+  state st(plugins, nullptr, &db);
+  change_while_saving(st, db);
+}
+
+TEST(StateSaverThreads, OwnerChangesTheStateWhileTheSaverWritesToSqlite) {
+  zeltest::capture_sink sink;
+  zeltest::scratch_dir dir;
+  zelcore::plugin_db plugins;
+  zelcapi::sqlite_state_db db(dir.file("mirror.db"));
+  state st(plugins, nullptr, &db);
+  change_while_saving(st, db);
+}

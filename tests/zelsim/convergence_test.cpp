@@ -1,0 +1,144 @@
+// A replica that applies the master's notifications to its own state, each by the state
+// operation its name stands for, ends equal to the master: state and history.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <string>
+
+#include "zelbase/time.h"
+#include "zelcapi/connection.h"
+#include "zelcapi/state.h"
+#include "zelcore/plugin_db.h"
+#include "zelsim/cluster.h"
+
+namespace {
+
+using zelcore::properties;
+using zelnet::zelp::packet;
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t keep_time = 3600;
+
+// Applies every "cluster.api.state." notification to `replica`.
+class replica_handler : public zelcapi::handler {
+ public:
+  explicit replica_handler(zelcapi::state& replica) : replica_(replica) {}
+
+  bool handle(const packet& in, packet&) override {
+    if (in.get_type() != packet::type_notification) return true;
+    apply(in.get_name().substr(prefix.size()), in.get_properties());
+    ++applied;
+    ++seen[in.get_name()];
+    return true;
+  }
+
+  const std::string prefix = "cluster.api.state.";
+  std::uint64_t applied = 0;
+  std::map<std::string, int> seen;
+
+ private:
+  void apply(const std::string& name, const properties& f) {
+    const auto type = [&f] {
+      return static_cast<zelcapi::state_item_type>(f.get_int_value("item-type"));
+    };
+    const auto id = [&f] { return f.get_string_value("state-id"); };
+    if (name == "update-item") {
+      replica_.item_update(type(), id(), f.get_properties_value("state"));
+    } else if (name == "set-item") {
+      replica_.item_set(type(), id(), f.get_properties_value("state"));
+    } else if (name == "remove-item") {
+      replica_.item_remove(type(), id());
+    } else if (name == "erase-property-ref") {
+      replica_.item_erase_property_ref(type(), id(), f.get_string_value("property-ref"));
+    } else if (name == "historize-item") {
+      replica_.item_historize(type(), id());
+    } else if (name == "update-workflow-result") {
+      replica_.workflow_result_add(id(),
+                                   zelcapi::workflow_result_info(f.get_properties_value("result")));
+    } else if (name == "remove-workflow-result") {
+      replica_.workflow_result_remove(id());
+    } else if (name == "update-workflow") {
+      replica_.update_workflow(f.get_properties_value("command"));
+    } else if (name != "add-workflow" && name != "remove-workflow") {
+      ADD_FAILURE() << "unknown notification " << prefix << name;
+    }
+  }
+
+  zelcapi::state& replica_;
+};
+
+// The first key path at which two trees differ, for the failure message.
+std::string first_difference(const properties& a, const properties& b, const std::string& at) {
+  for (const auto& [key, value] : a) {
+    const zelcore::property_ptr other = b.get_property(key);
+    if (!other) return at + "/" + key + " (missing on the right)";
+    if (*value == *other) continue;
+    if (value->kind() == zelcore::property::kind_properties &&
+        other->kind() == zelcore::property::kind_properties) {
+      return first_difference(static_cast<const properties&>(*value),
+                              static_cast<const properties&>(*other), at + "/" + key);
+    }
+    return at + "/" + key + ": " + value->describe() + " vs " + other->describe();
+  }
+  return at + " (keys missing on the left)";
+}
+
+// Holds the wall clock still (the removal time that both sides stamp into a workflow).
+struct still_clock {
+  still_clock() {
+    zelbase::set_time_clock([] { return 1700003600u; });
+  }
+  ~still_clock() { zelbase::set_time_clock({}); }
+};
+
+TEST(Convergence, ReplicaFedByNotificationsEqualsTheMasterAfterTenThousandChanges) {
+  still_clock clock;
+  zelsim::options o;
+  o.log = false;
+  o.users = {{"alice", "secret"}};
+  o.rate = 0;
+  o.jobs = 300;
+  o.seed = 42;
+  o.start_time = 1700000000;
+  o.history_keep_time = keep_time;
+  zelsim::cluster sim(o);
+  sim.start();
+
+  zelcore::plugin_db plugins;
+  zelcapi::state replica(plugins, nullptr, nullptr, nullptr, keep_time);
+  replica_handler h(replica);
+  zelcapi::connection c(&h);
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(2)), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+  const packet& snapshot =
+      c.send_sync(packet(packet::type_request, "cluster.api.state.request"), 5);
+  replica.set_state(snapshot.get_properties().get_properties_value("state"));
+
+  sim.run_workload(10000);
+  ASSERT_TRUE(sim.wait_workload_paused(60s));
+  const std::uint64_t sent = sim.notifications_sent();
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (h.applied < sent && std::chrono::steady_clock::now() < deadline) c.wait(20);
+  ASSERT_EQ(h.applied, sent);
+  for (const char* name : {"set-item", "update-item", "remove-item", "erase-property-ref",
+                           "historize-item", "update-workflow-result", "remove-workflow-result",
+                           "update-workflow", "add-workflow", "remove-workflow"}) {
+    EXPECT_GT(h.seen[h.prefix + name], 0) << name << " never came";
+  }
+
+  properties mine, master = sim.master_snapshot();
+  replica.get_state(mine);
+  EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+  EXPECT_FALSE(master.get_properties_value("jobs").empty());
+  EXPECT_GT(master.get_int_value("workflow-seq-nr"), 0);
+
+  properties my_history, master_history = sim.master_history();
+  replica.get_history(my_history);
+  EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
+  EXPECT_FALSE(master_history.get_properties_value("jobs").empty());
+  EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
+}
+
+}  // namespace
