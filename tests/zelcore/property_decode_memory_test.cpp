@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 #include <random>
+#include <thread>
 
 #include "zelbase/exceptions.h"
 #include "zelcore/properties.h"
@@ -112,4 +113,148 @@ TEST(PropertyDecodeMemory, RandomForgedHeadersStayWithinABoundOfTheInputSize) {
     // per one-byte element): linear in the input, whatever the counts claim.
     ASSERT_LT(peak, 64 * in.size() + 4096) << "round " << round << ": " << in.size() << " bytes";
   }
+}
+
+namespace {
+
+constexpr std::size_t payload_bytes = std::size_t{4} << 20;
+
+// A top-level array32 of `count` copies of `element`, which holds `values` values.
+std::string array_of(const std::string& element, std::size_t count, std::size_t values = 1) {
+  std::string in("\xdd", 1);
+  for (int shift = 24; shift >= 0; shift -= 8)
+    in += static_cast<char>((count * values >> shift) & 0xff);
+  in.reserve(in.size() + element.size() * count);
+  for (std::size_t i = 0; i < count; ++i) in += element;
+  return in;
+}
+
+// Heap in use: the allocator's small blocks and the large ones it maps on their own.
+std::size_t heap_in_use() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+// A payload of values nested to the depth limit: `level` opens each level (under the top-level
+// array), and a small integer ends each nest.
+std::string nests_of(const std::string& level) {
+  std::string nest;
+  for (std::size_t depth = 1; depth < zelcore::default_decode_max_depth; ++depth) nest += level;
+  nest += '\0';
+  return array_of(nest, payload_bytes / nest.size());
+}
+
+// Whether mallinfo2 sees this process's allocations (the sanitizers bring allocators of their
+// own, which it does not count).
+bool mallinfo_counts() {
+  const std::size_t before = heap_in_use();
+  void* volatile p = std::malloc(1 << 20);
+  const bool counted = heap_in_use() >= before + (1 << 20);
+  std::free(p);
+  return counted;
+}
+
+// Bytes of heap that the decoded tree of `in` holds while it lives, measured with mallinfo2 on
+// a thread of its own (whose block cache starts empty, so that every block is counted).
+double heap_per_input_byte(const std::string& in) {
+  double per_byte = 0;
+  std::thread([&] {
+    const std::size_t before = heap_in_use();
+    const zelcore::property_ptr tree = zelcore::decode_property(in.data(), in.size());
+    const std::size_t after = heap_in_use();
+    per_byte = static_cast<double>(after - before) / static_cast<double>(in.size());
+  }).join();
+  return per_byte;
+}
+
+// The shared constants are made at their first use; that once-per-process cost is not the
+// input's.
+void make_constants() { zelcore::decode_property("\x94\x80\x90\x01\xa1x", 6); }
+
+#define SKIP_UNLESS_MALLINFO_COUNTS() \
+  if (!mallinfo_counts()) GTEST_SKIP() << "mallinfo2 does not see this allocator"
+
+// Flat input: a value costs at most this per byte it takes.
+constexpr double bound_per_byte = 16;
+// Nested input costs an object per level and its array of children: a map level (3 bytes) at
+// most 48 bytes per input byte, a list level (1 byte) at most 80.
+constexpr double nested_map_bound_per_byte = 48;
+constexpr double nested_list_bound_per_byte = 80;
+
+}  // namespace
+
+TEST(PropertyDecodeMemory, EmptyMapsTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  const std::string in = array_of(std::string("\x80", 1), payload_bytes);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, EmptyListsTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  const std::string in = array_of(std::string("\x90", 1), payload_bytes);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, SmallIntegersTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\x00", 1), payload_bytes);
+  for (std::size_t i = 5; i < in.size(); ++i) in[i] = static_cast<char>(i % 128);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, OneByteStringsTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\xa1x", 2), payload_bytes / 2);
+  for (std::size_t i = 6; i < in.size(); i += 2) in[i] = static_cast<char>(i / 2);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, NegativeIntegersOfOneAndTwoBytesTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\xe0\xd0\x80", 3), payload_bytes / 3, 2);
+  for (std::size_t i = 7; i < in.size(); i += 3) in[i] = static_cast<char>(0x80 + i % 0x60);
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, TwoAndThreeByteStringsTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string in = array_of(std::string("\xa2xy\xa3xyz", 7), payload_bytes / 7, 2);
+  // Every two-byte string there is, and as many different three-byte ones.
+  for (std::size_t i = 5, n = 0; i < in.size(); i += 7, ++n) {
+    in[i + 1] = static_cast<char>(n);
+    in[i + 2] = static_cast<char>(n >> 8);
+    in[i + 4] = static_cast<char>(n);
+    in[i + 5] = static_cast<char>(n >> 8);
+    in[i + 6] = static_cast<char>(n >> 16);
+  }
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, MapsOfOneByteKeysTakeAtMostTheBoundPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  std::string map("\x8f", 1);
+  for (char key = 'a'; key < 'a' + 15; ++key) map += std::string("\xa1", 1) + key + '\0';
+  const std::string in = array_of(map, payload_bytes / map.size());
+  EXPECT_LE(heap_per_input_byte(in), bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, MapsNestedToTheDepthLimitTakeAtMostTheirLevelsCostPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  const std::string in = nests_of("\x81\xa1k");
+  EXPECT_LE(heap_per_input_byte(in), nested_map_bound_per_byte);
+}
+
+TEST(PropertyDecodeMemory, ListsNestedToTheDepthLimitTakeAtMostTheirLevelsCostPerInputByte) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  make_constants();
+  const std::string in = nests_of("\x91");
+  EXPECT_LE(heap_per_input_byte(in), nested_list_bound_per_byte);
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <vector>
 
 #include "support/raised_message.h"
 #include "zelbase/exceptions.h"
@@ -202,3 +203,23 @@ TEST(Packet, BounceKeyAndAccessors) {
 }
 
 }  // namespace
+
+TEST(FrameDecoder, AStreamCutAtEveryOffsetAndFedInTwoPiecesGivesTheSamePackets) {
+  std::string stream;
+  for (int i = 0; i < 12; ++i) stream += encode_packet_frame(sample(i));
+  for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+    frame_decoder d;
+    std::vector<std::string> names;
+    std::string_view payload;
+    d.feed(stream.data(), cut);
+    while (d.next(payload))
+      names.push_back(decode_packet(payload.data(), payload.size()).get_name());
+    d.feed(stream.data() + cut, stream.size() - cut);
+    while (d.next(payload))
+      names.push_back(decode_packet(payload.data(), payload.size()).get_name());
+    ASSERT_EQ(names.size(), 12u) << "cut at " << cut;
+    for (int i = 0; i < 12; ++i)
+      ASSERT_EQ(names[static_cast<std::size_t>(i)], "name-" + std::to_string(i));
+    EXPECT_EQ(d.buffered(), 0u);
+  }
+}

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "properties_body.h"
+#include "property_keys.h"
 #include "property_text.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
@@ -12,14 +13,15 @@ namespace {
 
 constexpr const char* source_file = "code\\platform\\zelcore\\src\\properties";
 
-const properties::container& no_entries() {
-  static const properties::container empty;
+using slots = std::vector<detail::slot>;
+
+const slots& no_entries() {
+  static const slots empty;
   return empty;
 }
 
 // Position of the first entry not before `key`, whose order is `order`.
-std::size_t position_of(const properties::container& all, const std::string& key,
-                        std::uint64_t order) {
+std::size_t position_of(const slots& all, const std::string& key, std::uint64_t order) {
   return static_cast<std::size_t>(
       detail::entry_lower_bound(all.data(), all.data() + all.size(), key, order) - all.data());
 }
@@ -58,15 +60,15 @@ const T& required_child(const properties& tree, const std::string& key,
 }  // namespace
 
 namespace detail {
-void properties_builder::normalise(properties::container& entries) {
-  std::stable_sort(
-      entries.begin(), entries.end(),
-      [](const properties::entry& a, const properties::entry& b) { return a.first < b.first; });
-  // Keep the last of equal keys: walk backwards and keep first occurrences.
+void properties_builder::normalise(slots& entries) {
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const slot& a, const slot& b) { return a.first() < b.first(); });
+  // Keep the last of equal keys: walk backwards and keep first occurrences. Equal keys share
+  // their node.
   auto out = entries.end();
   for (auto it = entries.end(); it != entries.begin();) {
     --it;
-    if (out != entries.end() && out->first == it->first) continue;
+    if (out != entries.end() && out->key.node() == it->key.node()) continue;
     --out;
     if (out != it) *out = std::move(*it);
   }
@@ -82,23 +84,33 @@ properties::properties(properties&& other) noexcept
 properties::properties(const std::map<std::string, std::string>& strings)
     : property(kind_properties) {
   if (strings.empty()) return;
-  container& out = mutable_entries();
+  slots& out = mutable_entries();
   out.reserve(strings.size());
-  for (const auto& [key, text] : strings) out.emplace_back(key, make_string(text));
+  for (const auto& [key, text] : strings) {
+    const std::uint64_t order = property_entry::order_of(key);
+    out.push_back({order, detail::key_lookup(key, order), make_string(text)});
+  }
 }
+
+namespace {
+template <class Entries>
+void store_children(slots& out, Entries& children) {
+  out.reserve(children.size());
+  for (auto& child : children)
+    out.push_back(
+        {child.order(), detail::key_lookup(child.first, child.order()), std::move(child.second)});
+  detail::properties_builder::normalise(out);
+}
+}  // namespace
 
 properties::properties(std::initializer_list<entry> children) : property(kind_properties) {
   if (children.size() == 0) return;
-  container& out = mutable_entries();
-  out.assign(children.begin(), children.end());
-  detail::properties_builder::normalise(out);
+  store_children(mutable_entries(), children);
 }
 
 properties::properties(container children) : property(kind_properties) {
   if (children.empty()) return;
-  container& out = mutable_entries();
-  out = std::move(children);
-  detail::properties_builder::normalise(out);
+  store_children(mutable_entries(), children);
 }
 
 properties::~properties() = default;
@@ -113,11 +125,11 @@ properties& properties::operator=(properties&& other) noexcept {
   return *this;
 }
 
-const properties::container& properties::entries() const noexcept {
+const properties::slots& properties::entries() const noexcept {
   return body_ ? body_->entries : no_entries();
 }
 
-properties::container& properties::mutable_entries() {
+properties::slots& properties::mutable_entries() {
   if (!body_) {
     body_ = zelbase::make_refcount<detail::properties_body>();
   } else if (body_->refcount() > 1) {
@@ -128,28 +140,35 @@ properties::container& properties::mutable_entries() {
   return body_->entries;
 }
 
-properties::const_iterator properties::begin() const noexcept { return entries().begin(); }
-properties::const_iterator properties::end() const noexcept { return entries().end(); }
+properties::const_iterator properties::begin() const noexcept {
+  return const_iterator(entries().data());
+}
+properties::const_iterator properties::end() const noexcept {
+  const slots& all = entries();
+  return const_iterator(all.data() + all.size());
+}
 std::size_t properties::size() const noexcept { return entries().size(); }
 void properties::clear() noexcept { body_.reset(); }
 
 properties::const_iterator properties::find(const std::string& key) const noexcept {
-  const container& all = entries();
+  const slots& all = entries();
   const std::uint64_t order = property_entry::order_of(key);
-  const auto it = all.begin() + static_cast<std::ptrdiff_t>(position_of(all, key, order));
-  return it != all.end() && detail::entry_is(*it, key, order) ? it : all.end();
+  const detail::slot* const last = all.data() + all.size();
+  const detail::slot* const it = all.data() + position_of(all, key, order);
+  return const_iterator(it != last && detail::entry_is(*it, key, order) ? it : last);
 }
 
-properties::container::iterator properties::slot(const std::string& key) {
-  container& all = mutable_entries();
+properties::slots::iterator properties::slot(const std::string& key) {
+  slots& all = mutable_entries();
   // Trees are mostly built in key order: try the end first.
   const std::uint64_t order = property_entry::order_of(key);
   if (all.empty() || detail::entry_before(all.back(), key, order)) {
-    all.emplace_back(key, property_ptr());
+    all.push_back({order, detail::key_lookup(key, order), property_ptr()});
     return all.end() - 1;
   }
   auto it = all.begin() + static_cast<std::ptrdiff_t>(position_of(all, key, order));
-  if (!detail::entry_is(*it, key, order)) it = all.emplace(it, key, property_ptr());
+  if (!detail::entry_is(*it, key, order))
+    it = all.insert(it, {order, detail::key_lookup(key, order), property_ptr()});
   return it;
 }
 
@@ -157,7 +176,7 @@ property_ptr& properties::operator[](const std::string& key) { return slot(key)-
 
 bool properties::erase(const std::string& key) {
   if (find(key) == end()) return false;
-  container& all = mutable_entries();
+  slots& all = mutable_entries();
   all.erase(all.begin() +
             static_cast<std::ptrdiff_t>(position_of(all, key, property_entry::order_of(key))));
   return true;
@@ -243,11 +262,13 @@ void properties::encode(zelbase::encoder_network& encoder) const {
 
 zelbase::ptr_refcount<property> properties::clone() const {
   auto copy = zelbase::make_refcount<properties>();
-  const container& all = entries();
+  const slots& all = entries();
   if (all.empty()) return copy;
-  container& out = copy->mutable_entries();
+  slots& out = copy->mutable_entries();
   out.reserve(all.size());
-  for (const auto& [key, value] : all) out.emplace_back(key, value ? value->clone() : nullptr);
+  // The keys are shared by all trees: only the children are copied.
+  for (const detail::slot& e : all)
+    out.push_back({e.order, e.key, e.second ? property_ptr(e.second->clone()) : property_ptr()});
   return copy;
 }
 
@@ -256,7 +277,7 @@ std::string properties::to_string() const { return describe(); }
 std::string properties::describe() const {
   std::string out = "{";
   bool first = true;
-  for (const auto& [key, value] : entries()) {
+  for (const auto& [key, value] : *this) {
     if (!value) continue;
     if (!first) out += ",";
     first = false;
@@ -271,7 +292,7 @@ std::string properties::describe() const {
 namespace {
 // The entries that hold a child (null slots are absent keys).
 template <class F>
-bool for_each_pair(const properties::container& a, const properties::container& b, F&& f) {
+bool for_each_pair(const slots& a, const slots& b, F&& f) {
   auto ia = a.begin(), ib = b.begin();
   for (;;) {
     while (ia != a.end() && !ia->second) ++ia;
@@ -290,12 +311,13 @@ bool properties::operator==(const property& other) const {
   const auto& theirs = static_cast<const properties&>(other);
   if (body_ == theirs.body_) return true;
   bool equal = true;
-  for_each_pair(entries(), theirs.entries(), [&](const entry* a, const entry* b) {
+  for_each_pair(entries(), theirs.entries(), [&](const detail::slot* a, const detail::slot* b) {
     if (!a || !b) {
       equal = !a && !b;
       return false;
     }
-    equal = a->first == b->first && *a->second == *b->second;
+    // Equal keys held by trees share their node.
+    equal = a->key.node() == b->key.node() && *a->second == *b->second;
     return equal;
   });
   return equal;
@@ -305,12 +327,12 @@ bool properties::operator<(const property& other) const {
   if (other.kind() != kind_properties) return kind_properties < other.kind();
   const auto& theirs = static_cast<const properties&>(other);
   bool less = false;
-  for_each_pair(entries(), theirs.entries(), [&](const entry* a, const entry* b) {
+  for_each_pair(entries(), theirs.entries(), [&](const detail::slot* a, const detail::slot* b) {
     if (!a || !b) {
       less = !a && b;
       return false;
     }
-    if (a->first != b->first) {
+    if (a->key.node() != b->key.node()) {
       less = detail::entry_less(*a, *b);
       return false;
     }

@@ -1,4 +1,5 @@
 // The scalar and list property kinds, and the shared constants for common values.
+#include <atomic>
 #include <cstdio>
 
 #include "properties_body.h"
@@ -169,7 +170,8 @@ const property* immortal(T* p) {
   return p;
 }
 
-constexpr std::int64_t small_int_min = -16;
+// Down to -128: every integer that takes one or two bytes of input is a constant.
+constexpr std::int64_t small_int_min = -128;
 constexpr std::int64_t small_int_max = 1023;
 
 const property* const* small_ints() {
@@ -188,6 +190,42 @@ const property* shared_int(std::int64_t value) {
   return value >= small_int_min && value <= small_int_max ? small_ints()[value - small_int_min]
                                                           : nullptr;
 }
+
+const property* shared_string(const char* data, std::size_t size) {
+  if (size > 2) return nullptr;
+  if (size < 2) {
+    // Index 0 is the empty string, 1 + b the one-byte string b.
+    static const property* const* table = [] {
+      auto* t = new const property*[257];
+      t[0] = immortal(new property_string(std::string()));
+      for (int b = 0; b < 256; ++b)
+        t[1 + b] = immortal(new property_string(std::string(1, static_cast<char>(b))));
+      return t;
+    }();
+    return table[size == 0 ? 0 : 1 + static_cast<unsigned char>(data[0])];
+  }
+  // Two-byte strings are made at their first use (a string object for 3 bytes of input would
+  // exceed the decoder's memory bound); racing threads keep the first one made.
+  static std::atomic<const property*> pairs[1 << 16];
+  std::atomic<const property*>& slot =
+      pairs[static_cast<unsigned char>(data[0]) << 8 | static_cast<unsigned char>(data[1])];
+  const property* shared = slot.load(std::memory_order_acquire);
+  if (shared) return shared;
+  const property* made = immortal(new property_string(data, 2));
+  if (slot.compare_exchange_strong(shared, made, std::memory_order_acq_rel)) return made;
+  delete made;  // never shared
+  return shared;
+}
+
+const property* shared_empty_list() {
+  static const property* const empty = immortal(new property_list());
+  return empty;
+}
+
+const property* shared_empty_properties() {
+  static const property* const empty = immortal(new properties());
+  return empty;
+}
 }  // namespace detail
 
 property_ptr make_int(std::int64_t value) {
@@ -202,6 +240,8 @@ property_ptr make_bool(bool value) {
 }
 
 property_ptr make_string(std::string value) {
+  if (const property* shared = detail::shared_string(value.data(), value.size()))
+    return property_ptr(shared);
   return zelbase::make_refcount<property_string>(std::move(value));
 }
 

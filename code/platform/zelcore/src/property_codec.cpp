@@ -9,6 +9,7 @@
 
 #include "arena.h"
 #include "properties_body.h"
+#include "property_keys.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 
@@ -29,6 +30,7 @@ class tree_reader {
         next_(begin_),
         end_(begin_ + size),
         pair_budget_(size / 2),
+        element_budget_(size),
         max_depth_(std::min(max_depth, deepest)) {
     if (size >= arena_threshold) arena_.emplace();
   }
@@ -143,6 +145,7 @@ class tree_reader {
 
   property_ptr read_string(std::size_t size) {
     const char* bytes = take(size);
+    if (const property* shared = detail::shared_string(bytes, size)) return property_ptr(shared);
     return make<property_string>(bytes, size);
   }
 
@@ -153,20 +156,28 @@ class tree_reader {
 
   property_ptr read_list(std::uint32_t count, std::size_t depth) {
     open_container(depth);
-    zelbase::ptr_refcount<property_list> list = make<property_list>();
+    if (count == 0) return property_ptr(detail::shared_empty_list());
+    property_list::list_type elements;
+    // An element takes at least a byte: all the lists of one input together reserve at most
+    // one slot per input byte, whatever their counts claim.
+    const std::size_t reserve = std::min<std::size_t>(count, element_budget_);
+    element_budget_ -= reserve;
+    elements.reserve(reserve);
     for (std::uint32_t i = 0; i < count; ++i) {
       property_ptr element = read_value(depth + 1);
       if (!element) raise_decode("nil is not allowed in a list");
-      list->push_back(std::move(element));
+      elements.push_back(std::move(element));
     }
-    return list;
+    return make<property_list>(std::move(elements));
   }
 
   property_ptr read_map(std::uint32_t count, std::size_t depth) {
     open_container(depth);
+    if (count == 0) return property_ptr(detail::shared_empty_properties());
     zelbase::ptr_refcount<properties> tree = make<properties>();
-    properties::container& entries = arena_ ? detail::properties_builder::entries(*tree, *arena_)
-                                            : detail::properties_builder::entries(*tree);
+    detail::properties_builder::slots& entries =
+        arena_ ? detail::properties_builder::entries(*tree, *arena_)
+               : detail::properties_builder::entries(*tree);
     // Each pair takes at least two bytes, so the whole input holds at most size / 2 pairs: forged
     // counts, even nested ones, cannot together reserve more than that.
     const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
@@ -187,14 +198,16 @@ class tree_reader {
     if (!sorted) detail::properties_builder::normalise(entries);
     if (has_nil)  // after normalising, so that a later nil also removes an earlier value
       entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                   [](const properties::entry& e) { return !e.second; }),
+                                   [](const detail::slot& e) { return !e.second; }),
                     entries.end());
+    // Repeated keys and nil values leave room that the tree would hold for its whole life.
+    if (entries.size() < entries.capacity() / 2) entries.shrink_to_fit();
     return tree;
   }
 
   // Appends an entry for the key that comes next; anything but a string is refused (once it has
   // been read whole, so that truncation and unsupported types are named first).
-  void read_key(properties::container& entries, std::size_t depth) {
+  void read_key(detail::properties_builder::slots& entries, std::size_t depth) {
     const unsigned char type = static_cast<unsigned char>(*take(1));
     std::size_t size;
     if ((type & 0xe0) == 0xa0) {
@@ -210,7 +223,9 @@ class tree_reader {
       }
       raise_decode("a map key is not a string");
     }
-    entries.emplace_back(take(size), size);
+    const char* key = take(size);
+    const std::uint64_t order = property_entry::order_of(key, size);
+    entries.push_back({order, detail::key_lookup(key, size, order), property_ptr()});
   }
 
   // Declared first: it must outlive every object built while it is released.
@@ -218,7 +233,8 @@ class tree_reader {
   const unsigned char* const begin_;
   const unsigned char* next_;
   const unsigned char* const end_;
-  std::size_t pair_budget_;  // map pairs that may still be reserved
+  std::size_t pair_budget_;     // map pairs that may still be reserved
+  std::size_t element_budget_;  // list elements that may still be reserved
   const std::size_t max_depth_;
 };
 
@@ -280,10 +296,12 @@ class tree_writer {
   }
 
   void write_tree(const properties& tree) {
-    const properties::container* entries = properties_builder::entries_of(tree);
+    const properties_builder::slots* entries = properties_builder::entries_of(tree);
     next_ = put_header(room(header_room), entries ? entries->size() : 0, 0x80, 0xde);
     if (!entries) return;
-    for (const auto& [key, child] : *entries) {
+    for (const slot& e : *entries) {
+      const std::string& key = e.first();
+      const property_ptr& child = e.second;
       if (!child) {  // a null slot travels as nil, which decodes as an absent key
         next_ = put_byte(put_string(room(header_room + key.size() + 1), key), 0xc0);
       } else if (child->kind() == property::kind_list ||

@@ -156,25 +156,27 @@ void properties::merge_leaves(const properties& update) {
   // found, first among the next few entries by their orders alone (an update's keys are usually
   // close together in a record), then by halving. This tree is detached only when the update
   // has a leaf.
-  container* all = nullptr;
+  slots* all = nullptr;
   std::size_t from = 0;
-  for (const entry& change : update.body_->entries) {
+  for (const detail::slot& change : update.body_->entries) {
     const property_ptr& value = change.second;
     if (!value) continue;
     const properties* nested = as_tree(value);
     if (nested && !has_leaf(*nested)) continue;
     if (!all) all = &mutable_entries();
-    const entry* const last = all->data() + all->size();
-    const entry* found = all->data() + from;
-    const entry* const near = found + std::min<std::ptrdiff_t>(16, last - found);
-    while (found != near && found->order() < change.order()) ++found;
+    const std::string& key = change.first();
+    const detail::slot* const last = all->data() + all->size();
+    const detail::slot* found = all->data() + from;
+    const detail::slot* const near = found + std::min<std::ptrdiff_t>(16, last - found);
+    while (found != near && found->order < change.order) ++found;
     found = found == near && near != last
-                ? detail::entry_lower_bound(found, last, change.first, change.order())
-                : detail::entry_past_same_order_before(found, last, change.first, change.order());
+                ? detail::entry_lower_bound(found, last, key, change.order)
+                : detail::entry_past_same_order_before(found, last, key, change.order);
     auto it = all->begin() + (found - all->data());
     // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
-    if (it == all->end() || !detail::entry_is(*it, change.first, change.order()))
-      it = all->emplace(it, change.first, property_ptr());
+    // Its key node is the update's own.
+    if (it == all->end() || it->key.node() != change.key.node())
+      it = all->insert(it, {change.order, change.key, property_ptr()});
     from = static_cast<std::size_t>(it - all->begin()) + 1;
     if (!nested) {
       it->second = value;

@@ -11,14 +11,27 @@ namespace zelcore::detail {
 
 namespace {
 
-constexpr std::size_t class_bytes = 16;
-constexpr std::size_t classes = 4;  // blocks of 16, 32, 48 and 64 bytes
+// Blocks of 24, 40, 56 and 72 bytes: the allocator adds an 8-byte header and rounds to 16, so
+// these sizes fill its chunks exactly (a 64-byte block would take an 80-byte chunk).
+constexpr std::size_t class_step = 16;
+constexpr std::size_t allocator_header = 8;
+constexpr std::size_t classes = 4;
+constexpr std::size_t class_size(std::size_t index) {
+  return (index + 2) * class_step - allocator_header;
+}
+constexpr std::size_t class_of(std::size_t size) {
+  return size <= class_step - allocator_header
+             ? 0
+             : (size + allocator_header + class_step - 1) / class_step - 2;
+}
 // Per class and thread, at most this many bytes wait for reuse (a whole decoded snapshot's
 // worth); beyond, blocks go back to the allocator.
 constexpr std::size_t max_cached_bytes = std::size_t{16} << 20;
 constexpr std::uint32_t max_cached_blocks[classes] = {
-    max_cached_bytes / (1 * class_bytes), max_cached_bytes / (2 * class_bytes),
-    max_cached_bytes / (3 * class_bytes), max_cached_bytes / (4 * class_bytes)};
+    max_cached_bytes / class_size(0), max_cached_bytes / class_size(1),
+    max_cached_bytes / class_size(2), max_cached_bytes / class_size(3)};
+static_assert(class_of(24) == 0 && class_of(25) == 1 && class_of(56) == 2 && class_of(72) == 3 &&
+              class_of(73) == 4);
 
 struct free_block {
   free_block* next;
@@ -52,7 +65,7 @@ struct cache_closer {
 thread_local cache_closer closer __attribute__((tls_model("initial-exec")));
 
 void* pool_allocate(std::size_t size) {
-  const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
+  const std::size_t index = class_of(size);
   if (index < classes) {
     cache& c = local_cache;
     if (free_block* block = c.heads[index]) {
@@ -61,7 +74,7 @@ void* pool_allocate(std::size_t size) {
       return block;
     }
     (void)&closer;  // registers the closer for this thread
-    size = (index + 1) * class_bytes;
+    size = class_size(index);
   }
   if (void* p = std::malloc(size)) return p;
   throw std::bad_alloc();
@@ -69,7 +82,7 @@ void* pool_allocate(std::size_t size) {
 
 void pool_free(void* p, std::size_t size) noexcept {
   if (!p) return;
-  const std::size_t index = (size + class_bytes - 1) / class_bytes - 1;
+  const std::size_t index = class_of(size);
   cache& c = local_cache;
   if (index < classes && !c.closed && c.counts[index] < max_cached_blocks[index]) {
     // A thread may free blocks without ever allocating one: it too must return them at its end.

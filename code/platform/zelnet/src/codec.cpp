@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "zelbase/encoder_network.h"
 #include "zelbase/exceptions.h"
@@ -114,6 +115,11 @@ packet decode_packet(const char* data, std::size_t size) {
     value = zelcore::decode_property(data, size);
   } catch (const zelbase::es::base& e) {
     raise_packet(e.message());
+  } catch (const std::bad_alloc&) {
+    // The partial tree is gone by now: the link that brought the packet is dropped, the
+    // client goes on.
+    raise_packet(
+        zelbase::string_with_format("not enough memory to decode a %zu-byte payload", size));
   }
   const auto& items = array_of(value, 3, raise_packet);
   auto item = items.begin();

@@ -5,6 +5,14 @@
 // shares its content (constant time) and the first change to either copy detaches it. A tree
 // object is used by one thread at a time; distinct copies may be used on distinct threads.
 //
+// Representation: a child takes a 24-byte entry (its key's first eight bytes, its key and the
+// child); keys are shared by all trees through a process-wide table, safe on any thread, and
+// read as `const std::string&`. Iteration yields property_item (the key and the child by
+// reference, valid while the tree is unchanged). The decoder shares one empty tree, one empty
+// list, the integers from -128 to 1023 and the strings of at most two bytes; flat input (empty
+// containers, scalars, strings, maps) holds about 16 bytes of heap per input byte at most, nested
+// input an object per level (at most 48 bytes per input byte through maps, 80 through lists).
+//
 // Property references name a property inside a tree in the form of JSON Pointer (RFC 6901):
 // "/a/b" is key b inside key a; "~1" stands for "/" and "~0" for "~" inside a key. The leaves of a
 // tree are all children that are not `properties` (lists are leaves); an empty nested tree has
@@ -14,10 +22,12 @@
 // holds another kind.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <list>
 #include <map>
 #include <string>
@@ -129,9 +139,11 @@ class ZELCORE_EXPORT property_string final
   property_string(const char* data, std::size_t size) : property_scalar(data, size) {}
 };
 
+// The elements are held in one contiguous array (a pointer each), so that a decoded list costs
+// no more than its input; a caller may rely on iteration in order, size() and indexing.
 class ZELCORE_EXPORT property_list final : public property {
  public:
-  using list_type = std::list<property_ptr>;
+  using list_type = std::vector<property_ptr>;
 
   property_list() noexcept : property(kind_list) {}
   explicit property_list(list_type values) noexcept
@@ -156,10 +168,125 @@ class ZELCORE_EXPORT property_list final : public property {
 namespace detail {
 struct properties_body;
 struct properties_builder;
+
+// A key of the process-wide key table: every tree that holds the same key holds this one node,
+// counted, instead of a copy of its bytes. The table drops a key with its last holder.
+struct key_node {
+  std::atomic<std::uint32_t> count;
+  std::string text;
+};
+// Called with the last count of a node gone: takes it out of the table and frees it.
+ZELCORE_EXPORT void key_table_drop(const key_node* node) noexcept;
+// Called when a node reaches key_popular holders: makes it permanent (no longer counted, never
+// freed) while the process's budget of permanent keys lasts. Field names are held by every
+// record and become permanent; ids used as keys have a holder or two and stay counted.
+ZELCORE_EXPORT void key_make_permanent(const key_node* node) noexcept;
+constexpr std::uint32_t key_popular = 64;
+// A permanent node's count; counts from half of it up are permanent, so that the few counts
+// that race with the change cannot bring it below.
+constexpr std::uint32_t key_permanent = std::uint32_t{1} << 31;
+
+// A counted reference to a key node.
+class key_ref {
+ public:
+  key_ref() = default;
+  // Takes over a count that the caller already holds.
+  static key_ref adopt(const key_node* node) noexcept {
+    key_ref k;
+    k.node_ = node;
+    return k;
+  }
+  key_ref(const key_ref& other) noexcept : node_(other.node_) {
+    if (!node_) return;
+    std::atomic<std::uint32_t>& count = const_cast<key_node*>(node_)->count;
+    if (count.load(std::memory_order_relaxed) >= key_permanent / 2) return;
+    if (count.fetch_add(1, std::memory_order_relaxed) + 1 == key_popular) key_make_permanent(node_);
+  }
+  key_ref(key_ref&& other) noexcept : node_(other.node_) { other.node_ = nullptr; }
+  key_ref& operator=(key_ref other) noexcept {
+    std::swap(node_, other.node_);
+    return *this;
+  }
+  ~key_ref() {
+    if (!node_) return;
+    std::atomic<std::uint32_t>& count = const_cast<key_node*>(node_)->count;
+    if (count.load(std::memory_order_acquire) >= key_permanent / 2) return;
+    if (count.fetch_sub(1, std::memory_order_acq_rel) == 1) key_table_drop(node_);
+  }
+  const std::string& text() const noexcept { return node_->text; }
+  const key_node* node() const noexcept { return node_; }
+
+ private:
+  const key_node* node_ = nullptr;
+};
+
+// The stored form of a child: the key's first eight bytes as a number (see
+// property_entry::order_of), the shared key and the child; 24 bytes.
+struct slot {
+  std::uint64_t order;
+  key_ref key;
+  property_ptr second;
+
+  const std::string& first() const noexcept { return key.text(); }
+};
 }  // namespace detail
 
-// One child of a `properties`: the key (`first`) and the child (`second`), as in a map's pair;
-// structured bindings give the two. The key is fixed at construction.
+// What iteration over a `properties` yields: the key (`first`) and the child (`second`), as in a
+// map's pair, both valid while the tree is unchanged; structured bindings give the two.
+struct property_item {
+  const std::string& first;
+  const property_ptr& second;
+};
+
+// Iterates the children of a tree in ascending key order (random access).
+class properties_const_iterator {
+ public:
+  using iterator_category = std::random_access_iterator_tag;
+  using value_type = property_item;
+  using reference = property_item;
+  using difference_type = std::ptrdiff_t;
+  struct pointer {
+    property_item item;
+    const property_item* operator->() const noexcept { return &item; }
+  };
+
+  properties_const_iterator() = default;
+  explicit properties_const_iterator(const detail::slot* at) noexcept : at_(at) {}
+
+  reference operator*() const noexcept { return {at_->first(), at_->second}; }
+  pointer operator->() const noexcept { return {**this}; }
+  reference operator[](difference_type n) const noexcept { return *(*this + n); }
+  properties_const_iterator& operator++() noexcept { return ++at_, *this; }
+  properties_const_iterator operator++(int) noexcept { return properties_const_iterator(at_++); }
+  properties_const_iterator& operator--() noexcept { return --at_, *this; }
+  properties_const_iterator operator--(int) noexcept { return properties_const_iterator(at_--); }
+  properties_const_iterator& operator+=(difference_type n) noexcept { return at_ += n, *this; }
+  properties_const_iterator& operator-=(difference_type n) noexcept { return at_ -= n, *this; }
+  friend properties_const_iterator operator+(properties_const_iterator it, difference_type n) {
+    return it += n;
+  }
+  friend properties_const_iterator operator-(properties_const_iterator it, difference_type n) {
+    return it -= n;
+  }
+  friend difference_type operator-(properties_const_iterator a, properties_const_iterator b) {
+    return a.at_ - b.at_;
+  }
+  friend bool operator==(properties_const_iterator a, properties_const_iterator b) {
+    return a.at_ == b.at_;
+  }
+  friend bool operator!=(properties_const_iterator a, properties_const_iterator b) {
+    return a.at_ != b.at_;
+  }
+  friend bool operator<(properties_const_iterator a, properties_const_iterator b) {
+    return a.at_ < b.at_;
+  }
+
+ private:
+  const detail::slot* at_ = nullptr;
+};
+
+// One child given to a `properties` constructor: the key (`first`) and the child (`second`), as
+// in a map's pair; structured bindings give the two. The key is fixed at construction.
 class ZELCORE_EXPORT property_entry {
  public:
   property_entry() = default;
@@ -218,11 +345,13 @@ class ZELCORE_EXPORT property_entry {
 
 class ZELCORE_EXPORT properties final : public property {
  public:
+  // The children given to a constructor.
   using entry = property_entry;
   using container = std::vector<entry>;
-  // Iteration is in ascending key order and never detaches a shared tree; values are changed
+  // Iteration is in ascending key order and never detaches a shared tree; it yields
+  // property_item (key and child by reference, as a map's pair would). Values are changed
   // through operator[] or the setters.
-  using const_iterator = container::const_iterator;
+  using const_iterator = properties_const_iterator;
   using iterator = const_iterator;
 
   // The flag is accepted for compatibility and has no effect.
@@ -307,15 +436,17 @@ class ZELCORE_EXPORT properties final : public property {
 
  private:
   friend struct detail::properties_builder;
-  const container& entries() const noexcept;
-  container& mutable_entries();
-  container::iterator slot(const std::string& key);
+  using slots = std::vector<detail::slot>;
+  const slots& entries() const noexcept;
+  slots& mutable_entries();
+  slots::iterator slot(const std::string& key);
   void set_at_reference(const std::string& ref, const property_ptr& value, bool create);
 
   zelbase::ptr_refcount<detail::properties_body> body_;
 };
 
-// Shared constant children for common values (no allocation for bools and small integers).
+// Shared constant children for common values (no allocation for bools, integers from -128 to
+// 1023 and strings of at most two bytes).
 ZELCORE_EXPORT property_ptr make_int(std::int64_t value);
 ZELCORE_EXPORT property_ptr make_bool(bool value);
 ZELCORE_EXPORT property_ptr make_string(std::string value);

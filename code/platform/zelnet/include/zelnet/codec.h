@@ -29,7 +29,8 @@ ZELNET_EXPORT std::uint32_t decode_hello(const char* data, std::size_t size);
 // A whole frame holding `p`; raises es::arg when the payload would not fit a frame.
 ZELNET_EXPORT std::string encode_packet_frame(const packet& p);
 // The packet in a frame's payload; raises es::arg "invalid packet: <reason>" for anything that
-// is not a MessagePack array [type (int), name (string), properties (map)].
+// is not a MessagePack array [type (int), name (string), properties (map)], and for a payload
+// whose tree does not fit in memory ("not enough memory to decode a N-byte payload").
 ZELNET_EXPORT packet decode_packet(const char* data, std::size_t size);
 
 // Cuts a byte stream into frame payloads. Holds at most one partial frame plus the bytes of
