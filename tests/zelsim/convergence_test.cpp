@@ -1,5 +1,6 @@
 // A replica that applies the master's notifications to its own state, each by the state
-// operation its name stands for, ends equal to the master: state and history.
+// operation its name stands for, ends equal to the master: state and history. So does the
+// replica of a state connection, which applies them itself.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,6 +10,7 @@
 #include "zelbase/time.h"
 #include "zelcapi/connection.h"
 #include "zelcapi/state.h"
+#include "zelcapi/state_connection.h"
 #include "zelcore/plugin_db.h"
 #include "zelsim/cluster.h"
 
@@ -138,6 +140,59 @@ TEST(Convergence, ReplicaFedByNotificationsEqualsTheMasterAfterTenThousandChange
   replica.get_history(my_history);
   EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
   EXPECT_FALSE(master_history.get_properties_value("jobs").empty());
+  EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
+}
+
+// Counts the notifications that reach the handler of a state connection and notices the
+// marker sent after the workload.
+class marker_handler : public zelcapi::state_handler {
+ public:
+  bool handle(const packet& in, packet&) override {
+    if (in.get_name() == "test.marker") marker_seen = true;
+    return true;
+  }
+  bool marker_seen = false;
+};
+
+TEST(Convergence, StateConnectionFollowsAHundredThousandChangesAndEndsEqualToTheMaster) {
+  still_clock clock;
+  zelsim::options o;
+  o.log = false;
+  o.users = {{"alice", "secret"}};
+  o.rate = 0;
+  o.jobs = 300;
+  o.seed = 7;
+  o.start_time = 1700000000;
+  o.history_keep_time = keep_time;
+  zelsim::cluster sim(o);
+  sim.start();
+
+  zelcore::plugin_db plugins;
+  marker_handler h;
+  zelcapi::state_connection c(&h, keep_time, &plugins);
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(2)), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+  c.request_new_state_sync();
+
+  // Keeps the client reading while the master works, as a live client would.
+  sim.run_workload(100000);
+  const auto deadline = std::chrono::steady_clock::now() + 240s;
+  while (!sim.wait_workload_paused(0ms) && std::chrono::steady_clock::now() < deadline) c.wait(20);
+  ASSERT_TRUE(sim.wait_workload_paused(0ms));
+  sim.broadcast(packet(packet::type_notification, "test.marker"));
+  while (!h.marker_seen && std::chrono::steady_clock::now() < deadline) c.wait(20);
+  ASSERT_TRUE(h.marker_seen);
+  EXPECT_EQ(sim.changes_made(), 100000u);
+
+  properties mine, master = sim.master_snapshot();
+  c.get_state()->get_state(mine);
+  EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+  EXPECT_FALSE(master.get_properties_value("jobs").empty());
+  // The history too: the client was there from the master's first change on.
+  properties my_history, master_history = sim.master_history();
+  c.get_state()->get_history(my_history);
+  EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
   EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
 }
 
