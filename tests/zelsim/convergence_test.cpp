@@ -5,7 +5,10 @@
 
 #include <chrono>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "zelbase/time.h"
 #include "zelcapi/connection.h"
@@ -143,18 +146,74 @@ TEST(Convergence, ReplicaFedByNotificationsEqualsTheMasterAfterTenThousandChange
   EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
 }
 
-// Counts the notifications that reach the handler of a state connection and notices the
-// marker sent after the workload.
-class marker_handler : public zelcapi::state_handler {
+// Records every change that reaches the handler of a state connection as the notification
+// it stands for, and notices the marker sent after the workload.
+class change_log : public zelcapi::state_handler {
  public:
+  bool state_item_updated(zelcapi::state_item_type, const std::string& id,
+                          const properties&) override {
+    return add("update-item " + id);
+  }
+  bool state_item_set(zelcapi::state_item_type, const std::string& id, const properties&) override {
+    return add("set-item " + id);
+  }
+  bool state_item_removed(zelcapi::state_item_type, const std::string& id) override {
+    return add("remove-item " + id);
+  }
+  bool state_item_erased_property_ref(zelcapi::state_item_type, const std::string& id,
+                                      const std::string&) override {
+    return add("erase-property-ref " + id);
+  }
+  bool state_item_historized(zelcapi::state_item_type, const std::string& id) override {
+    return add("historize-item " + id);
+  }
+  bool state_workflow_result_added(const std::string&, zelcapi::workflow_result_info) override {
+    return add("update-workflow-result");
+  }
+  bool state_workflow_result_removed(const std::string&) override {
+    return add("remove-workflow-result");
+  }
+  bool state_workflow_added(const std::string&, const properties&) override {
+    return add("add-workflow");
+  }
+  bool state_workflow_removed(const std::string&) override { return add("remove-workflow"); }
+  bool state_workflow_updated(const properties&) override { return add("update-workflow"); }
   bool handle(const packet& in, packet&) override {
     if (in.get_name() == "test.marker") marker_seen = true;
     return true;
   }
+
+  std::vector<std::string> changes;
   bool marker_seen = false;
+
+ private:
+  bool add(std::string change) {
+    changes.push_back(std::move(change));
+    return true;
+  }
 };
 
-TEST(Convergence, StateConnectionFollowsAHundredThousandChangesAndEndsEqualToTheMaster) {
+// The same line for a notification the master sends.
+std::string change_of(const packet& p, const std::string& prefix) {
+  const std::string name = p.get_name().substr(prefix.size());
+  const bool item = p.get_properties().is_present("item-type");
+  return item ? name + " " + p.get_properties().get_string_value("state-id") : name;
+}
+
+// A state connection with a replica keeping history, logged in to the cluster's node 2.
+struct follower {
+  explicit follower(zelsim::cluster& sim) : c(&log, keep_time, &plugins) {
+    EXPECT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(2)), 5), zelcapi::connection_ok);
+    EXPECT_FALSE(
+        c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+    c.request_new_state_sync();
+  }
+  zelcore::plugin_db plugins;
+  change_log log;
+  zelcapi::state_connection c;
+};
+
+TEST(Convergence, StateConnectionsFromTheStartAndFromMidWorkloadEndEqualToTheMaster) {
   still_clock clock;
   zelsim::options o;
   o.log = false;
@@ -165,33 +224,57 @@ TEST(Convergence, StateConnectionFollowsAHundredThousandChangesAndEndsEqualToThe
   o.start_time = 1700000000;
   o.history_keep_time = keep_time;
   zelsim::cluster sim(o);
+  std::mutex sent_lock;
+  std::vector<std::string> sent;
+  const std::string prefix = "cluster.api.state.";
+  sim.on_notification([&](const packet& p) {
+    if (p.get_name().rfind(prefix, 0) != 0) return;
+    std::lock_guard<std::mutex> hold(sent_lock);
+    sent.push_back(change_of(p, prefix));
+  });
   sim.start();
 
-  zelcore::plugin_db plugins;
-  marker_handler h;
-  zelcapi::state_connection c(&h, keep_time, &plugins);
-  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(2)), 5), zelcapi::connection_ok);
-  ASSERT_FALSE(
-      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
-  c.request_new_state_sync();
-
-  // Keeps the client reading while the master works, as a live client would.
+  follower first(sim);
+  std::unique_ptr<follower> late;
+  // Both clients keep reading while the master works, as live clients would; the second one
+  // joins, snapshot and all, while the changes flow.
   sim.run_workload(100000);
   const auto deadline = std::chrono::steady_clock::now() + 240s;
-  while (!sim.wait_workload_paused(0ms) && std::chrono::steady_clock::now() < deadline) c.wait(20);
+  while (!sim.wait_workload_paused(0ms) && std::chrono::steady_clock::now() < deadline) {
+    first.c.wait(10);
+    if (late) {
+      late->c.wait(10);
+    } else if (sim.changes_made() >= 30000) {
+      late = std::make_unique<follower>(sim);
+    }
+  }
   ASSERT_TRUE(sim.wait_workload_paused(0ms));
+  ASSERT_TRUE(late);
   sim.broadcast(packet(packet::type_notification, "test.marker"));
-  while (!h.marker_seen && std::chrono::steady_clock::now() < deadline) c.wait(20);
-  ASSERT_TRUE(h.marker_seen);
+  while (!(first.log.marker_seen && late->log.marker_seen) &&
+         std::chrono::steady_clock::now() < deadline) {
+    first.c.wait(10);
+    late->c.wait(10);
+  }
+  ASSERT_TRUE(first.log.marker_seen && late->log.marker_seen);
   EXPECT_EQ(sim.changes_made(), 100000u);
 
-  properties mine, master = sim.master_snapshot();
-  c.get_state()->get_state(mine);
-  EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+  const properties master = sim.master_snapshot();
   EXPECT_FALSE(master.get_properties_value("jobs").empty());
-  // The history too: the client was there from the master's first change on.
+  for (const follower* f : {&first, late.get()}) {
+    properties mine;
+    f->c.get_state()->get_state(mine);
+    EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+  }
+  // The first client was there from the master's first change on: it heard of every change
+  // once, in the master's order, and holds the same history.
+  {
+    std::lock_guard<std::mutex> hold(sent_lock);
+    EXPECT_EQ(first.log.changes.size(), sent.size());
+    EXPECT_TRUE(first.log.changes == sent);
+  }
   properties my_history, master_history = sim.master_history();
-  c.get_state()->get_history(my_history);
+  first.c.get_state()->get_history(my_history);
   EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
   EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
 }
