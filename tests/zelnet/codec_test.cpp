@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 #include <vector>
 
 #include "support/raised_message.h"
@@ -174,6 +175,39 @@ TEST(FrameDecoder, FrameAtTheLimitReservesNoMoreThanTheLimitAndOneFeed) {
   }
   EXPECT_EQ(frames, 2u);
   EXPECT_LE(most, limit + frame_header_size + chunk);
+}
+
+TEST(FrameDecoder, ALargeFrameTakesItsWholeSizeOnceAndGivesItBackAfterwards) {
+  constexpr std::size_t payload_size = 4 << 20;
+  constexpr std::size_t chunk = 16000;
+  const std::string frame = std::string("\x00\x40\x00\x00", 4) + std::string(payload_size, 'p');
+  frame_decoder d(8 << 20);
+  std::set<std::size_t> sizes_after_the_header;
+  std::size_t frames = 0;
+  for (std::size_t at = 0; at < frame.size(); at += chunk) {
+    d.feed(frame.data() + at, std::min(chunk, frame.size() - at));
+    if (at > 0) sizes_after_the_header.insert(d.reserved());
+    std::string_view payload;
+    while (d.next(payload)) ++frames;
+  }
+  EXPECT_EQ(frames, 1u);
+  EXPECT_EQ(sizes_after_the_header, std::set<std::size_t>{frame.size()});
+  const std::string small = encode_packet_frame(packet(2, "after"));
+  d.feed(small.data(), small.size());
+  std::string_view payload;
+  ASSERT_TRUE(d.next(payload));
+  EXPECT_LT(d.reserved(), std::size_t{1} << 20);
+}
+
+TEST(FrameDecoder, AFrameAboveTheLimitReservesNothingForItsAnnouncedSize) {
+  frame_decoder d(1000);
+  const std::string start = std::string("\x7f\x00\x00\x00", 4) + std::string(10, 'x');
+  d.feed(start.data(), 6);
+  d.feed(start.data() + 6, start.size() - 6);
+  EXPECT_LT(d.reserved(), std::size_t{1000});
+  std::string_view payload;
+  EXPECT_EQ(arg_message([&] { d.next(payload); }),
+            "frame of 2130706432 bytes exceeds the limit of 1000 bytes");
 }
 
 TEST(FrameDecoder, EmptyPayloadIsAFrame) {

@@ -150,7 +150,13 @@ packet decode_packet(const char* data, std::size_t size) {
 
 void frame_decoder::feed(const char* data, std::size_t size) {
   if (pos_ == buffer_.size()) {
-    buffer_.clear();
+    // A buffer that held a large frame is given back once that frame is handled: a client that
+    // loaded a snapshot of hundreds of megabytes keeps none of it for the small frames after.
+    if (buffer_.capacity() > retained_capacity) {
+      std::vector<char>().swap(buffer_);
+    } else {
+      buffer_.clear();
+    }
     pos_ = 0;
   } else if (pos_ > 0 && pos_ >= buffer_.size() / 2) {
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(pos_));
@@ -158,11 +164,12 @@ void frame_decoder::feed(const char* data, std::size_t size) {
   }
   const std::size_t need = buffer_.size() + size;
   if (need > buffer_.capacity()) {
-    // Grow geometrically, but never more than one feed past the end of the frame in progress,
-    // so that a frame at the limit costs the limit and not twice it.
+    // Once a frame's length is known (and admitted), its whole size is taken at once, so that
+    // a large frame is not copied at every doubling; before that, the buffer grows
+    // geometrically. Either way it never holds more than one feed past the frame in progress.
     std::size_t grow = std::max(need, 2 * buffer_.capacity());
     const std::size_t frame = expected();
-    if (frame != 0) grow = std::min(grow, std::max(need, pos_ + frame) + size);
+    if (frame != 0 && frame - frame_header_size <= limit_) grow = std::max(need, pos_ + frame);
     buffer_.reserve(grow);
   }
   buffer_.insert(buffer_.end(), data, data + size);

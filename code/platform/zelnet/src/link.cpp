@@ -119,22 +119,40 @@ bool link::flush() {
       return false;
     }
   }
-  out_.clear();
-  out_pos_ = 0;
+  empty_queue();
   return !closing_;
 }
 
-void link::send(const packet& p) {
-  const std::string frame = encode_packet_frame(p);
-  send_raw(frame);
+void link::empty_queue() noexcept {
+  // A queue that held a large frame (a snapshot) is given back rather than kept for small ones.
+  if (out_.capacity() > retained_queue) {
+    std::string().swap(out_);
+  } else {
+    out_.clear();
+  }
+  out_pos_ = 0;
 }
 
+void link::send(const packet& p) { queue(encode_packet_frame(p)); }
+
 void link::send_raw(const std::string& bytes) {
-  if (out_pos_ == out_.size()) {
-    out_.clear();
-    out_pos_ = 0;
-  }
+  if (out_pos_ == out_.size()) empty_queue();
   out_.append(bytes);
+  flush_when_open();
+}
+
+void link::queue(std::string&& frame) {
+  if (out_pos_ == out_.size()) empty_queue();
+  // A frame larger than the queue's room becomes the queue instead of being copied into it.
+  if (out_.empty() && frame.size() > out_.capacity()) {
+    out_ = std::move(frame);
+  } else {
+    out_.append(frame);
+  }
+  flush_when_open();
+}
+
+void link::flush_when_open() {
   // A failed write is kept in failure(); the controller drops the link at its next poll.
   if (attached_ && established_) flush();
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -54,7 +55,10 @@ class ZELBASE_EXPORT encoder_network {
  private:
   void grow(std::size_t more);
 
-  std::unique_ptr<char[]> data_;
+  struct free_bytes {
+    void operator()(char* p) const noexcept { std::free(p); }
+  };
+  std::unique_ptr<char, free_bytes> data_;
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
 };

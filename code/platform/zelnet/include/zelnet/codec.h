@@ -58,6 +58,8 @@ class ZELNET_EXPORT frame_decoder {
   std::size_t reserved() const noexcept { return buffer_.capacity(); }
 
  private:
+  // The most that the buffer keeps between frames.
+  static constexpr std::size_t retained_capacity = std::size_t{1} << 20;
   std::size_t limit_;
   // A vector, since its reserve() takes exactly what is asked.
   std::vector<char> buffer_;

@@ -73,6 +73,12 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   // Writes queued bytes until the socket would block; false on a socket error or when a
   // requested close is due.
   bool flush();
+  // Queues a whole frame, taking over its bytes when the queue is empty.
+  void queue(std::string&& frame);
+  void flush_when_open();
+  // Empties the sent queue, giving back a buffer larger than retained_queue.
+  void empty_queue() noexcept;
+  static constexpr std::size_t retained_queue = std::size_t{1} << 20;
   // Hands each whole frame received to handle() or packet_received().
   bool handle_frames(zelbase::file& f, ioctrl& c);
 
