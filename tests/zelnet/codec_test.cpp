@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/raised_message.h"
+#include "zelbase/encoder_network.h"
 #include "zelbase/exceptions.h"
 #include "zelnet/codec.h"
 
@@ -54,6 +55,31 @@ TEST(Codec, InvalidHellosAreRefused) {
   const std::string packet_frame = payload_of(encode_packet_frame(packet(2, "a")));
   EXPECT_EQ(arg_message([&] { decode_hello(packet_frame.data(), packet_frame.size()); }),
             "invalid hello: expected an array of 2 elements, got 3");
+}
+
+TEST(Codec, AppendedFramesFollowWhatTheEncoderHeldAndMatchTheWholeFrames) {
+  zelbase::encoder_network queue;
+  queue.write("xy", 2);
+  append_packet_frame(packet(2, "a"), queue);
+  append_packet_frame(sample(3), queue);
+  EXPECT_EQ(std::string(queue.view()),
+            "xy" + encode_packet_frame(packet(2, "a")) + encode_packet_frame(sample(3)));
+}
+
+TEST(Codec, AnEncoderGivesItsBufferBackAndKeepsWorking) {
+  zelbase::encoder_network out;
+  const std::string big(3 << 20, 'b');
+  out.write(big.data(), big.size());
+  EXPECT_GE(out.capacity(), big.size());
+  out.truncate(2);
+  EXPECT_EQ(std::string(out.view()), "bb");
+  out.overwrite(1, "c", 1);
+  EXPECT_EQ(std::string(out.view()), "bc");
+  out.release();
+  EXPECT_EQ(out.size(), 0u);
+  EXPECT_LT(out.capacity(), std::size_t{4096});
+  append_packet_frame(packet(2, "a"), out);
+  EXPECT_EQ(std::string(out.view()), encode_packet_frame(packet(2, "a")));
 }
 
 TEST(Codec, PacketRoundTrip) {

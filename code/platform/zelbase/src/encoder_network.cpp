@@ -11,6 +11,13 @@ namespace zelbase {
 encoder_network::encoder_network() { grow(256); }
 encoder_network::~encoder_network() = default;
 
+void encoder_network::release() {
+  data_.reset();
+  size_ = 0;
+  capacity_ = 0;
+  grow(256);
+}
+
 void encoder_network::grow(std::size_t more) {
   std::size_t capacity = capacity_ ? capacity_ : 256;
   while (capacity - size_ < more) capacity *= 2;

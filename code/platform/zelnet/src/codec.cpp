@@ -26,21 +26,22 @@ constexpr std::string_view hello_magic = "zelp";
   zelbase::es::arg::raise(source_file, __LINE__, "invalid hello: " + reason);
 }
 
-// Starts a frame: room for the length, filled in by finish_frame.
+// Starts a frame: room for the length, filled in by write_length.
 void start_frame(zelbase::encoder_network& out) { out.write("\0\0\0\0", frame_header_size); }
 
-std::string finish_frame(zelbase::encoder_network& out) {
-  std::string frame = out.take();
-  const std::size_t payload = frame.size() - frame_header_size;
+// Fills in the length of the frame that starts at `start` and runs to the end of `out`.
+void write_length(zelbase::encoder_network& out, std::size_t start) {
+  const std::size_t payload = out.size() - start - frame_header_size;
   if (payload > std::numeric_limits<std::uint32_t>::max()) {
     zelbase::es::arg::raise(
         source_file, __LINE__,
         zelbase::string_with_format("a payload of %zu bytes does not fit in a frame", payload));
   }
+  char header[frame_header_size];
   for (std::size_t i = 0; i < frame_header_size; ++i) {
-    frame[i] = static_cast<char>((payload >> (8 * (frame_header_size - 1 - i))) & 0xff);
+    header[i] = static_cast<char>((payload >> (8 * (frame_header_size - 1 - i))) & 0xff);
   }
-  return frame;
+  out.overwrite(start, header, frame_header_size);
 }
 
 std::uint32_t read_length(const char* p) {
@@ -73,7 +74,8 @@ std::string encode_hello_frame(std::uint32_t version) {
   out.pack_array(2);
   out.pack_string(hello_magic);
   out.pack_int(version);
-  return finish_frame(out);
+  write_length(out, 0);
+  return out.take();
 }
 
 std::uint32_t decode_hello(const char* data, std::size_t size) {
@@ -101,12 +103,23 @@ std::uint32_t decode_hello(const char* data, std::size_t size) {
 
 std::string encode_packet_frame(const packet& p) {
   zelbase::encoder_network out;
-  start_frame(out);
-  out.pack_array(3);
-  out.pack_int(p.get_type());
-  out.pack_string(p.get_name());
-  p.get_properties().encode(out);
-  return finish_frame(out);
+  append_packet_frame(p, out);
+  return out.take();
+}
+
+void append_packet_frame(const packet& p, zelbase::encoder_network& out) {
+  const std::size_t start = out.size();
+  try {
+    start_frame(out);
+    out.pack_array(3);
+    out.pack_int(p.get_type());
+    out.pack_string(p.get_name());
+    p.get_properties().encode(out);
+    write_length(out, start);
+  } catch (...) {
+    out.truncate(start);
+    throw;
+  }
 }
 
 packet decode_packet(const char* data, std::size_t size) {

@@ -25,7 +25,7 @@ bool link::attach(zelbase::file& f, unsigned, ioctrl&) {
   attached_ = true;
   zelbase::encoder_network opening;
   attach(opening);
-  out_.append(opening.data(), opening.size());
+  out_.write(opening.data(), opening.size());
   // A socket error here (a refused connect) is kept in failure() and ends the link at the
   // controller's next poll, where the caller waits for it.
   flush();
@@ -76,7 +76,7 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
       if (!established_) {
         zelbase::encoder_network answer;
         handle(frame, answer);
-        out_.append(answer.data(), answer.size());
+        out_.write(answer.data(), answer.size());
         if (!failure_.empty()) break;
         continue;
       }
@@ -123,32 +123,26 @@ bool link::flush() {
   return !closing_;
 }
 
-void link::empty_queue() noexcept {
+void link::empty_queue() {
   // A queue that held a large frame (a snapshot) is given back rather than kept for small ones.
   if (out_.capacity() > retained_queue) {
-    std::string().swap(out_);
+    out_.release();
   } else {
     out_.clear();
   }
   out_pos_ = 0;
 }
 
-void link::send(const packet& p) { queue(encode_packet_frame(p)); }
-
-void link::send_raw(const std::string& bytes) {
+void link::send(const packet& p) {
   if (out_pos_ == out_.size()) empty_queue();
-  out_.append(bytes);
+  // Encoded straight into the queue: a frame of hundreds of megabytes is never copied.
+  append_packet_frame(p, out_);
   flush_when_open();
 }
 
-void link::queue(std::string&& frame) {
+void link::send_raw(const std::string& bytes) {
   if (out_pos_ == out_.size()) empty_queue();
-  // A frame larger than the queue's room becomes the queue instead of being copied into it.
-  if (out_.empty() && frame.size() > out_.capacity()) {
-    out_ = std::move(frame);
-  } else {
-    out_.append(frame);
-  }
+  out_.write(bytes.data(), bytes.size());
   flush_when_open();
 }
 

@@ -48,7 +48,18 @@ class ZELBASE_EXPORT encoder_network {
   const char* data() const noexcept { return data_.get(); }
   std::size_t size() const noexcept { return size_; }
   std::string_view view() const noexcept { return {data_.get(), size_}; }
+  std::size_t capacity() const noexcept { return capacity_; }
   void clear() noexcept { size_ = 0; }
+  // Drops the bytes from `size` on (no-op when `size` is not below size()).
+  void truncate(std::size_t size) noexcept {
+    if (size < size_) size_ = size;
+  }
+  // Overwrites bytes already written, from offset `at` (at + size must not pass size()).
+  void overwrite(std::size_t at, const char* data, std::size_t size) noexcept {
+    std::memcpy(data_.get() + at, data, size);
+  }
+  // Empties the encoder and gives its buffer back, keeping one of the initial size.
+  void release();
   // Copies the bytes out and leaves the encoder empty (its buffer is kept for reuse).
   std::string take();
 

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zelbase/encoder_network.h"
 #include "zelnet/export.h"
 #include "zelnet/packet.h"
 
@@ -28,6 +29,9 @@ ZELNET_EXPORT std::uint32_t decode_hello(const char* data, std::size_t size);
 
 // A whole frame holding `p`; raises es::arg when the payload would not fit a frame.
 ZELNET_EXPORT std::string encode_packet_frame(const packet& p);
+// Appends the whole frame holding `p` to `out`, with no copy of its bytes; raises es::arg when
+// the payload would not fit a frame, and leaves `out` as it was when anything raises.
+ZELNET_EXPORT void append_packet_frame(const packet& p, zelbase::encoder_network& out);
 // The packet in a frame's payload; raises es::arg "invalid packet: <reason>" for anything that
 // is not a MessagePack array [type (int), name (string), properties (map)], and for a payload
 // whose tree does not fit in memory ("not enough memory to decode a N-byte payload").

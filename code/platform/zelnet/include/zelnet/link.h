@@ -73,11 +73,9 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   // Writes queued bytes until the socket would block; false on a socket error or when a
   // requested close is due.
   bool flush();
-  // Queues a whole frame, taking over its bytes when the queue is empty.
-  void queue(std::string&& frame);
   void flush_when_open();
   // Empties the sent queue, giving back a buffer larger than retained_queue.
-  void empty_queue() noexcept;
+  void empty_queue();
   static constexpr std::size_t retained_queue = std::size_t{1} << 20;
   // Hands each whole frame received to handle() or packet_received().
   bool handle_frames(zelbase::file& f, ioctrl& c);
@@ -86,7 +84,7 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   zelbase::file file_;
   std::string host_;
   frame_decoder decoder_;
-  std::string out_;
+  zelbase::encoder_network out_;  // the send queue; bytes before out_pos_ are written
   std::size_t out_pos_ = 0;
   bool attached_ = false;
   bool established_ = false;
