@@ -89,6 +89,19 @@ std::string first_difference(const properties& a, const properties& b, const std
   return at + " (keys missing on the left)";
 }
 
+// A cluster of 300 jobs whose workload runs flat out, seeded, keeping history like the replicas.
+zelsim::options workload_options(std::uint64_t seed) {
+  zelsim::options o;
+  o.log = false;
+  o.users = {{"alice", "secret"}};
+  o.rate = 0;
+  o.jobs = 300;
+  o.seed = seed;
+  o.start_time = 1700000000;
+  o.history_keep_time = keep_time;
+  return o;
+}
+
 // Holds the wall clock still (the removal time that both sides stamp into a workflow).
 struct still_clock {
   still_clock() {
@@ -99,15 +112,7 @@ struct still_clock {
 
 TEST(Convergence, ReplicaFedByNotificationsEqualsTheMasterAfterTenThousandChanges) {
   still_clock clock;
-  zelsim::options o;
-  o.log = false;
-  o.users = {{"alice", "secret"}};
-  o.rate = 0;
-  o.jobs = 300;
-  o.seed = 42;
-  o.start_time = 1700000000;
-  o.history_keep_time = keep_time;
-  zelsim::cluster sim(o);
+  zelsim::cluster sim(workload_options(42));
   sim.start();
 
   zelcore::plugin_db plugins;
@@ -215,15 +220,7 @@ struct follower {
 
 TEST(Convergence, StateConnectionsFromTheStartAndFromMidWorkloadEndEqualToTheMaster) {
   still_clock clock;
-  zelsim::options o;
-  o.log = false;
-  o.users = {{"alice", "secret"}};
-  o.rate = 0;
-  o.jobs = 300;
-  o.seed = 7;
-  o.start_time = 1700000000;
-  o.history_keep_time = keep_time;
-  zelsim::cluster sim(o);
+  zelsim::cluster sim(workload_options(7));
   std::mutex sent_lock;
   std::vector<std::string> sent;
   const std::string prefix = "cluster.api.state.";
