@@ -61,8 +61,7 @@ const T& required_child(const properties& tree, const std::string& key,
 
 namespace detail {
 void properties_builder::normalise(slots& entries) {
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const slot& a, const slot& b) { return a.first() < b.first(); });
+  std::stable_sort(entries.begin(), entries.end(), entry_less);
   // Keep the last of equal keys: walk backwards and keep first occurrences. Equal keys share
   // their node.
   auto out = entries.end();
@@ -96,10 +95,15 @@ namespace {
 template <class Entries>
 void store_children(slots& out, Entries& children) {
   out.reserve(children.size());
-  for (auto& child : children)
+  bool sorted = true;
+  for (auto& child : children) {
     out.push_back(
         {child.order(), detail::key_lookup(child.first, child.order()), std::move(child.second)});
-  detail::properties_builder::normalise(out);
+    if (sorted && out.size() > 1 && !detail::entry_less(out[out.size() - 2], out.back()))
+      sorted = false;
+  }
+  // Children given in order (as readers of ordered text give them) need no sorting.
+  if (!sorted) detail::properties_builder::normalise(out);
 }
 }  // namespace
 

@@ -2,6 +2,7 @@
 // with the escape forms for bytes that are not UTF-8 and for keys beginning with "~".
 #include "json_record.h"
 
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <iterator>
@@ -184,6 +185,13 @@ class writer {
   std::string& out_;
 };
 
+// The bytes that a JSON string holds as they are: all but the quote, the backslash and controls.
+constexpr auto plain_in_string = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t c = 0x20; c < 256; ++c) plain[c] = c != '"' && c != '\\';
+  return plain;
+}();
+
 class reader {
  public:
   reader(std::string_view text, std::vector<properties::container>& pending)
@@ -227,7 +235,7 @@ class reader {
     switch (*p_) {
       case '{': ++p_; return object(depth);
       case '[': ++p_; return list(depth);
-      case '"': ++p_; return zelcore::make_string(string());
+      case '"': ++p_; return zelcore::make_string(std::string(string()));
       case 't': return literal("true", zelcore::make_bool(true));
       case 'f': return literal("false", zelcore::make_bool(false));
       case 'n': fail("null is not a value of a record");
@@ -279,12 +287,14 @@ class reader {
       return property_ptr(new properties(false));
     }
     expect('"');
-    std::string key = string();
-    if (!key.empty() && key[0] == '~') return escape(key, depth);
+    std::string_view key = string();
+    if (!key.empty() && key[0] == '~') return escape(std::string(key), depth);
     for (;;) {
+      // The key is stored before the value is read: reading it reuses the scratch of `key`.
+      pending(depth).emplace_back(key.data(), key.size());
       expect(':');
       property_ptr child = value(depth + 1);
-      pending(depth).emplace_back(std::move(key), std::move(child));
+      pending(depth).back().second = std::move(child);
       if (next_is('}')) break;
       expect(',');
       expect('"');
@@ -339,7 +349,7 @@ class reader {
     skip_space();
     if (p_ < end_ && *p_ == '"') {
       ++p_;
-      return string();
+      return std::string(string());
     }
     expect('{');
     expect('"');
@@ -352,7 +362,7 @@ class reader {
 
   std::string hex_body() {
     expect('"');
-    const std::string digits = string();
+    const std::string_view digits = string();
     if (digits.size() % 2) fail("odd number of hex digits");
     std::string bytes;
     bytes.reserve(digits.size() / 2);
@@ -372,10 +382,16 @@ class reader {
     return -1;
   }
 
-  // After the opening quote; consumes the closing one.
-  std::string string() {
-    std::string out;
-    const char* run = p_;
+  // After the opening quote; consumes the closing one. A view of the text itself when the
+  // string holds no escape, else of the unescaped bytes in a scratch string that the next call
+  // reuses.
+  std::string_view string() {
+    const char* const start = p_;
+    while (p_ < end_ && plain_in_string[static_cast<unsigned char>(*p_)]) ++p_;
+    if (p_ < end_ && *p_ == '"') return {start, static_cast<std::size_t>(p_++ - start)};
+    std::string& out = scratch_;
+    out.clear();
+    const char* run = start;
     for (;;) {
       if (p_ == end_) fail("unterminated string");
       const unsigned char c = static_cast<unsigned char>(*p_);
@@ -455,6 +471,7 @@ class reader {
   const char* p_;
   const char* end_;
   std::vector<properties::container>& pending_;
+  std::string scratch_;
 };
 
 }  // namespace
