@@ -36,6 +36,23 @@ struct sqlite_store {
   }
 };
 
+// The SQLite store behind a forwarding_state_db that overrides nothing: every guarantee holds
+// through it. The store is a base listed first, so that it is built before the forwarder.
+struct sqlite_holder {
+  explicit sqlite_holder(const std::string& path) : sqlite(path) {}
+  zelcapi::sqlite_state_db sqlite;
+};
+class forwarded_sqlite final : private sqlite_holder, public zelcapi::forwarding_state_db {
+ public:
+  explicit forwarded_sqlite(const std::string& path)
+      : sqlite_holder(path), forwarding_state_db(sqlite) {}
+};
+struct forwarded_store {
+  static std::unique_ptr<state_db> open(const std::string& path) {
+    return std::make_unique<forwarded_sqlite>(path);
+  }
+};
+
 template <class Store>
 class StateDbTest : public testing::Test {
  protected:
@@ -43,7 +60,7 @@ class StateDbTest : public testing::Test {
   std::unique_ptr<state_db> db = Store::open(dir.file("state.db"));
 };
 
-using stores = testing::Types<memory_store, sqlite_store>;
+using stores = testing::Types<memory_store, sqlite_store, forwarded_store>;
 TYPED_TEST_SUITE(StateDbTest, stores);
 
 // A whole save of the given jobs, results and sequence number.

@@ -60,44 +60,29 @@ void expect_loads_as(state_db& db, const state& st) {
 
 // A memory_state_db behind hooks: store_item raises while `failing` is set, begin_save waits
 // while `held` is set; the calls of each kind are counted.
-class hooked_store final : public state_db {
+class hooked_store final : public zelcapi::forwarding_state_db {
  public:
-  void clear() override { inner_.clear(); }
-  zelcapi::properties_cptr load_items(zelcapi::db_item_type type) override {
-    return inner_.load_items(type);
-  }
-  zelcapi::properties_cptr load_workflow_results() override {
-    return inner_.load_workflow_results();
-  }
-  std::uint64_t load_workflow_sequence_number() override {
-    return inner_.load_workflow_sequence_number();
-  }
+  hooked_store() : forwarding_state_db(memory_) {}
+
   void store_item(zelcapi::db_item_type type, const std::string& id,
                   const properties& record) override {
     if (failing) throw std::runtime_error("disk on fire");
-    inner_.store_item(type, id, record);
-  }
-  void remove_item(zelcapi::db_item_type type, const std::string& id) override {
-    inner_.remove_item(type, id);
+    forwarding_state_db::store_item(type, id, record);
   }
   void store_workflow_results(const zelcapi::workflow_result_map& results) override {
     ++results_stored;
-    inner_.store_workflow_results(results);
+    forwarding_state_db::store_workflow_results(results);
   }
   void store_workflow_sequence_number(std::uint64_t sequence_number) override {
     ++saves_completed;
-    inner_.store_workflow_sequence_number(sequence_number);
+    forwarding_state_db::store_workflow_sequence_number(sequence_number);
   }
-  bool load_item(zelcapi::db_item_type type, const std::string& id, properties& out) override {
-    return inner_.load_item(type, id, out);
-  }
-  bool has_saved_state() override { return inner_.has_saved_state(); }
   void begin_save() override {
     std::unique_lock<std::mutex> hold(lock_);
     ++saves_begun;
     changed_.notify_all();
     changed_.wait(hold, [this] { return !held; });
-    inner_.begin_save();
+    forwarding_state_db::begin_save();
   }
 
   // Lets a held begin_save go on.
@@ -120,7 +105,7 @@ class hooked_store final : public state_db {
  private:
   std::mutex lock_;
   std::condition_variable changed_;
-  zelcapi::memory_state_db inner_;
+  zelcapi::memory_state_db memory_;  // bound by the base before it is built: used only after
 };
 
 }  // namespace

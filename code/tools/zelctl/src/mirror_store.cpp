@@ -11,17 +11,17 @@ save_figures timed_state_db::figures() const {
 void timed_state_db::begin_save() {
   save_start_ = std::chrono::steady_clock::now();
   save_records_ = 0;
-  store_.begin_save();
+  forwarding_state_db::begin_save();
 }
 
 void timed_state_db::store_item(zelcapi::db_item_type type, const std::string& id,
                                 const zelcore::properties& record) {
-  store_.store_item(type, id, record);
+  forwarding_state_db::store_item(type, id, record);
   ++save_records_;
 }
 
 void timed_state_db::store_workflow_sequence_number(std::uint64_t sequence_number) {
-  store_.store_workflow_sequence_number(sequence_number);
+  forwarding_state_db::store_workflow_sequence_number(sequence_number);
   const auto end = std::chrono::steady_clock::now();
   std::lock_guard<std::mutex> guard(lock_);
   ++figures_.saves;

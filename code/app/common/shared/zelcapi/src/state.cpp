@@ -57,6 +57,7 @@ const char* db_item_type_c_str(int type) {
 
 state_notification_receiver::~state_notification_receiver() = default;
 state_db::~state_db() = default;
+forwarding_state_db::~forwarding_state_db() = default;
 history_db::~history_db() = default;
 
 workflow_result_info::workflow_result_info(const zelcore::properties& encoded)

@@ -149,6 +149,46 @@ class ZELCAPI_EXPORT state_db {
   virtual void begin_save() = 0;
 };
 
+// A state_db that passes every call to another one: the base of a store that watches or alters
+// some calls (timing saves, failing on purpose) and leaves the rest to the store it wraps, which
+// must outlive it. Each operation raises what the wrapped store raises.
+class ZELCAPI_EXPORT forwarding_state_db : public state_db {
+ public:
+  explicit forwarding_state_db(state_db& inner) noexcept : inner_(inner) {}
+  ~forwarding_state_db() override;
+
+  void clear() override { inner_.clear(); }
+  properties_cptr load_items(db_item_type type) override { return inner_.load_items(type); }
+  properties_cptr load_workflow_results() override { return inner_.load_workflow_results(); }
+  std::uint64_t load_workflow_sequence_number() override {
+    return inner_.load_workflow_sequence_number();
+  }
+  void store_item(db_item_type type, const std::string& id,
+                  const zelcore::properties& record) override {
+    inner_.store_item(type, id, record);
+  }
+  void remove_item(db_item_type type, const std::string& id) override {
+    inner_.remove_item(type, id);
+  }
+  void store_workflow_results(const workflow_result_map& results) override {
+    inner_.store_workflow_results(results);
+  }
+  void store_workflow_sequence_number(std::uint64_t sequence_number) override {
+    inner_.store_workflow_sequence_number(sequence_number);
+  }
+  bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override {
+    return inner_.load_item(type, id, out);
+  }
+  bool has_saved_state() override { return inner_.has_saved_state(); }
+  void begin_save() override { inner_.begin_save(); }
+
+ protected:
+  state_db& inner() const noexcept { return inner_; }
+
+ private:
+  state_db& inner_;
+};
+
 // Where history is kept outside memory. Called on the thread that changes the state.
 class ZELCAPI_EXPORT history_db {
  public:
