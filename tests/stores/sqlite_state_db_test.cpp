@@ -132,6 +132,32 @@ TEST_F(SqliteStateDbTest, RecordsAreJsonThatSqliteReads) {
             "{\"name\":{\"~x\":\"ff01\"}}|\n");
 }
 
+// Strings are scanned eight bytes at a time: a byte that must be escaped, or that starts a
+// UTF-8 sequence or breaks one, is found wherever it stands in a word, in keys and values alike.
+TEST_F(SqliteStateDbTest, EveryByteToEscapeIsFoundAtEveryPositionOfAString) {
+  const std::string specials[] = {"\"",   "\\",       "\n",           std::string(1, '\0'), "\x1f",
+                                  "\x7f", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x99\x82",   "\xff",
+                                  "\xc3"};
+  properties records(false);
+  int n = 0;
+  for (const std::string& special : specials) {
+    for (std::size_t at = 0; at <= 24; ++at) {
+      std::string text(24, 'a');
+      text.insert(at, special);
+      records.set_properties_value("r" + std::to_string(n++),
+                                   properties{{text, zelcore::make_string(text)}});
+    }
+  }
+  {
+    sqlite_state_db db(path);
+    save(db, records, 1);
+  }
+  EXPECT_EQ(sql_on(path, "SELECT count(*) FROM jobs WHERE json_valid(record)"),
+            std::to_string(n) + "|\n");
+  sqlite_state_db db(path);
+  expect_saved(db, records, 1);
+}
+
 TEST_F(SqliteStateDbTest, ShellAnswersAJsonExtractQueryOverJobs) {
   {
     sqlite_state_db db(path);
