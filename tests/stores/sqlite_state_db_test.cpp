@@ -154,6 +154,10 @@ TEST_F(SqliteStateDbTest, EveryByteToEscapeIsFoundAtEveryPositionOfAString) {
   }
   EXPECT_EQ(sql_on(path, "SELECT count(*) FROM jobs WHERE json_valid(record)"),
             std::to_string(n) + "|\n");
+  // The quote at position 9 is escaped, every other byte written as it is.
+  const std::string quoted = "aaaaaaaaa\\\"" + std::string(15, 'a');
+  EXPECT_EQ(sql_on(path, "SELECT record FROM jobs WHERE id = 'r9'"),
+            "{\"" + quoted + "\":\"" + quoted + "\"}|\n");
   sqlite_state_db db(path);
   expect_saved(db, records, 1);
 }

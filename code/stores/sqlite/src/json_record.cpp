@@ -58,92 +58,114 @@ constexpr auto plain_in_string = [] {
   return plain;
 }();
 
-// Past the bytes from p that a JSON string holds as they are (only those below 0x80 with
-// `ascii_only`): eight at a time while eight are left, each word tested for a control, a quote or
-// a backslash (and a high bit) at once. Stops at end or at the first byte that is not plain.
+// For each byte of the word w (eight bytes of a string, in memory order) that a JSON string does
+// not hold as it is (only bytes below 0x80 are plain with `ascii_only`), a high bit. The lowest
+// flagged byte is exact: a borrow of the subtractions only runs towards higher bytes, and the
+// bytes below the first one that is not plain borrow nothing.
 template <bool ascii_only>
-const unsigned char* skip_plain(const unsigned char* p, const unsigned char* const end) {
+std::uint64_t not_plain_bytes(std::uint64_t w) {
   constexpr std::uint64_t ones = 0x0101010101010101;
   constexpr std::uint64_t highs = 0x8080808080808080;
-  // Nonzero when some byte of v is below n (n at most 0x80).
+  // A high bit where a byte of v is below n (n at most 0x80).
   const auto below = [](std::uint64_t v, std::uint64_t n) { return (v - ones * n) & ~v & highs; };
+  return below(w, 0x20) | below(w ^ (ones * '"'), 1) | below(w ^ (ones * '\\'), 1) |
+         (ascii_only ? w & highs : 0);
+}
+
+// The position in memory order of the first byte flagged by not_plain_bytes (nonzero).
+inline std::size_t first_flagged(std::uint64_t flags) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  return static_cast<std::size_t>(__builtin_clzll(flags)) / 8;
+#else
+  return static_cast<std::size_t>(__builtin_ctzll(flags)) / 8;
+#endif
+}
+
+template <bool ascii_only>
+bool plain_byte(unsigned char c) {
+  return plain_in_string[c] && (!ascii_only || c < 0x80);
+}
+
+// Past the bytes from p that a JSON string holds as they are (only those below 0x80 with
+// `ascii_only`), eight at a time while eight are left. Stops at end or at the first byte that is
+// not plain.
+template <bool ascii_only>
+const unsigned char* skip_plain(const unsigned char* p, const unsigned char* const end) {
   while (end - p >= 8) {
     std::uint64_t w;
     std::memcpy(&w, p, sizeof w);
-    const std::uint64_t special = below(w, 0x20) | below(w ^ (ones * '"'), 1) |
-                                  below(w ^ (ones * '\\'), 1) | (ascii_only ? w & highs : 0);
-    if (special) break;
+    if (const std::uint64_t flags = not_plain_bytes<ascii_only>(w)) return p + first_flagged(flags);
     p += 8;
   }
-  while (p < end && plain_in_string[*p] && (!ascii_only || *p < 0x80)) ++p;
+  while (p < end && plain_byte<ascii_only>(*p)) ++p;
   return p;
 }
 
 class writer {
  public:
-  explicit writer(std::string& out) : out_(out) {}
+  explicit writer(zelbase::encoder_network& out) : out_(out) {}
 
   void tree(const properties& p, std::size_t depth) {
     const std::size_t start = out_.size();
-    out_ += '{';
+    put('{');
     bool first = true;
     for (const auto& [key, child] : p) {
       if (!child) continue;
-      if (!first) out_ += ',';
+      if (!first) put(',');
       first = false;
       if ((!key.empty() && key[0] == '~') || !string(key)) {
-        out_.resize(start);
+        out_.truncate(start);
         escaped_tree(p, depth);
         return;
       }
-      out_ += ':';
+      put(':');
       value(*child, depth);
     }
-    out_ += '}';
+    put('}');
   }
 
  private:
   void escaped_tree(const properties& p, std::size_t depth) {
-    out_ += "{\"~o\":[";
+    put("{\"~o\":[");
     bool first = true;
     for (const auto& [key, child] : p) {
       if (!child) continue;
-      if (!first) out_ += ',';
+      if (!first) put(',');
       first = false;
       string_or_hex(key);
-      out_ += ',';
+      put(',');
       value(*child, depth);
     }
-    out_ += "]}";
+    put("]}");
   }
 
   // `depth` is that of the container holding the value.
   void value(const property& v, std::size_t depth) {
     switch (v.kind()) {
       case property::kind_int: {
-        char digits[24];
-        const auto r = std::to_chars(digits, digits + sizeof digits,
+        char* const digits = out_.room(int_room);
+        const auto r = std::to_chars(digits, digits + int_room,
                                      static_cast<const zelcore::property_int&>(v).value());
-        out_.append(digits, static_cast<std::size_t>(r.ptr - digits));
+        out_.advance(static_cast<std::size_t>(r.ptr - digits));
         return;
       }
       case property::kind_bool:
-        out_ += static_cast<const zelcore::property_bool&>(v).value() ? "true" : "false";
+        put(static_cast<const zelcore::property_bool&>(v).value() ? "true" : "false");
         return;
       case property::kind_string:
         string_or_hex(static_cast<const zelcore::property_string&>(v).value());
         return;
       case property::kind_list: {
         check_depth(depth + 1);
-        out_ += '[';
+        put('[');
         bool first = true;
         for (const property_ptr& element : static_cast<const zelcore::property_list&>(v).value()) {
           if (!element) continue;
-          if (!first) out_ += ',';
+          if (!first) put(',');
           first = false;
           value(*element, depth + 1);
         }
-        out_ += ']';
+        put(']');
         return;
       }
       case property::kind_properties:
@@ -160,56 +182,100 @@ class writer {
           "record nested deeper than " + std::to_string(json_max_depth) + " levels");
   }
 
+  void put(char c) {
+    *out_.room(1) = c;
+    out_.advance(1);
+  }
+  void put(std::string_view text) { out_.write(text.data(), text.size()); }
+
   void string_or_hex(const std::string& s) {
     if (string(s)) return;
-    out_ += "{\"~x\":\"";
+    // {"~x":"<two digits a byte>"}
+    char* const begin = out_.room(2 * s.size() + 10);
+    char* w = begin;
+    std::memcpy(w, "{\"~x\":\"", 7);
+    w += 7;
     for (const unsigned char c : s) {
-      out_ += hex_digits[c >> 4];
-      out_ += hex_digits[c & 15];
+      *w++ = hex_digits[c >> 4];
+      *w++ = hex_digits[c & 15];
     }
-    out_ += "\"}";
+    std::memcpy(w, "\"}", 2);
+    out_.advance(static_cast<std::size_t>(w + 2 - begin));
   }
 
   // Writes s as a JSON string; false (writing nothing) when s is not valid UTF-8.
   bool string(const std::string& s) {
     const std::size_t start = out_.size();
-    out_ += '"';
+    put('"');
     const auto* p = reinterpret_cast<const unsigned char*>(s.data());
     const auto* const end = p + s.size();
-    const auto* run = p;
     for (;;) {
-      p = skip_plain<true>(p, end);
+      p = copy_plain(p, end);
       if (p == end) break;
       const unsigned c = *p;
       if (c >= 0x80) {
         const std::size_t n = utf8_length(p, static_cast<std::size_t>(end - p));
         if (n == 0) {
-          out_.resize(start);
+          out_.truncate(start);
           return false;
         }
+        out_.write(reinterpret_cast<const char*>(p), n);
         p += n;
         continue;
       }
-      out_.append(reinterpret_cast<const char*>(run), static_cast<std::size_t>(p - run));
-      switch (c) {
-        case '"': out_ += "\\\""; break;
-        case '\\': out_ += "\\\\"; break;
-        case '\n': out_ += "\\n"; break;
-        case '\t': out_ += "\\t"; break;
-        case '\r': out_ += "\\r"; break;
-        default:
-          out_ += "\\u00";
-          out_ += hex_digits[c >> 4];
-          out_ += hex_digits[c & 15];
-      }
-      run = ++p;
+      escape(c);
+      ++p;
     }
-    out_.append(reinterpret_cast<const char*>(run), static_cast<std::size_t>(end - run));
-    out_ += '"';
+    put('"');
     return true;
   }
 
-  std::string& out_;
+  // Copies the plain ASCII bytes from p on and returns where they stop. Whole words are copied
+  // before their plain bytes are counted, so the room holds eight bytes more than the string.
+  const unsigned char* copy_plain(const unsigned char* p, const unsigned char* const end) {
+    char* const begin = out_.room(static_cast<std::size_t>(end - p) + 8);
+    char* w = begin;
+    while (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, sizeof word);
+      std::memcpy(w, &word, sizeof word);
+      if (const std::uint64_t flags = not_plain_bytes<true>(word)) {
+        const std::size_t plain = first_flagged(flags);
+        out_.advance(static_cast<std::size_t>(w - begin) + plain);
+        return p + plain;
+      }
+      p += 8;
+      w += 8;
+    }
+    while (p < end && plain_byte<true>(*p)) *w++ = static_cast<char>(*p++);
+    out_.advance(static_cast<std::size_t>(w - begin));
+    return p;
+  }
+
+  // A byte below 0x20, a quote or a backslash, escaped.
+  void escape(unsigned c) {
+    char* const begin = out_.room(6);
+    char* w = begin;
+    *w++ = '\\';
+    switch (c) {
+      case '"': *w++ = '"'; break;
+      case '\\': *w++ = '\\'; break;
+      case '\n': *w++ = 'n'; break;
+      case '\t': *w++ = 't'; break;
+      case '\r': *w++ = 'r'; break;
+      default:
+        std::memcpy(w, "u00", 3);
+        w[3] = hex_digits[c >> 4];
+        w[4] = hex_digits[c & 15];
+        w += 5;
+    }
+    out_.advance(static_cast<std::size_t>(w - begin));
+  }
+
+  // The longest decimal 64-bit integer: a sign and 19 digits.
+  static constexpr std::size_t int_room = 20;
+
+  zelbase::encoder_network& out_;
 };
 
 class reader {
@@ -508,7 +574,9 @@ bool is_utf8(std::string_view text) {
   return true;
 }
 
-void write_json(const properties& tree, std::string& out) { writer(out).tree(tree, 1); }
+void write_json(const properties& tree, zelbase::encoder_network& out) {
+  writer(out).tree(tree, 1);
+}
 
 properties read_json(std::string_view text) {
   thread_local std::vector<properties::container> pending;

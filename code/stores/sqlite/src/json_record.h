@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "zelbase/encoder_network.h"
 #include "zelcore/properties.h"
 
 namespace zelcapi::sqlite_detail {
@@ -28,7 +29,7 @@ class malformed_json : public std::runtime_error {
 bool is_utf8(std::string_view text);
 // Appends the JSON text of `tree` to `out`. Raises zelbase::es::arg for a tree nested deeper
 // than json_max_depth.
-void write_json(const zelcore::properties& tree, std::string& out);
+void write_json(const zelcore::properties& tree, zelbase::encoder_network& out);
 // The tree of a JSON object written by write_json (or by any writer of the same mapping).
 // Raises malformed_json for other text: bad syntax, numbers that are not 64-bit integers, null,
 // an escape form that is not one of the two above, nesting deeper than json_max_depth.

@@ -100,7 +100,7 @@ struct sqlite_history_db::impl {
   statement store, remove_one, remove_kind, remove_until, remove_all, count, time_of;
   statement load_kind, load_one, load_where, begin, commit;
   int batch_depth = 0;
-  std::string buffer;
+  zelbase::encoder_network buffer;  // the JSON text of the record being written
 };
 
 namespace {
@@ -146,14 +146,14 @@ void sqlite_history_db::store_item(db_item_type type, const std::string& id,
   const std::string_view kind = kind_name(type);
   const std::uint32_t now = zelbase::time_in_seconds();
   std::lock_guard<std::mutex> hold(impl_->lock);
-  std::string& json = impl_->buffer;
+  zelbase::encoder_network& json = impl_->buffer;
   json.clear();
   sqlite_detail::write_json(record, json);
   statement& store = impl_->store;
   store.bind(1, kind);
   store.bind(2, id);
   store.bind(3, std::int64_t{now});
-  store.bind(4, json);
+  store.bind(4, json.view());
   store.run();
 }
 

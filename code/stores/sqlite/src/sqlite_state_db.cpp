@@ -138,7 +138,7 @@ struct sqlite_state_db::impl {
   statement results_remove_all, results_insert, sequence_remove_all, sequence_insert;
   statement begin, commit;
   phase state = phase::idle;
-  std::string buffer;
+  zelbase::encoder_network buffer;  // the JSON text of the record being written
 
   std::mutex read_lock;
   connection reader;
@@ -169,12 +169,12 @@ void sqlite_state_db::store_item(db_item_type type, const std::string& id,
                                  const zelcore::properties& record) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
-    std::string& json = impl_->buffer;
+    zelbase::encoder_network& json = impl_->buffer;
     json.clear();
     sqlite_detail::write_json(record, json);
     statement& insert = impl_->writes[kind].insert;
     insert.bind(1, id);
-    insert.bind(2, json);
+    insert.bind(2, json.view());
     insert.run();
   });
 }
