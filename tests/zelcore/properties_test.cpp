@@ -342,6 +342,39 @@ TEST(Properties, ChildrenInAnyOrderAreSortedOnceAndTheLastOfEqualKeysWins) {
   }
 }
 
+// Children that come in key order are taken as they are; a repeated key or one out of order
+// among them, even among keys that share their first eight bytes, still gets sorted and merged.
+TEST(Properties, ChildrenInOrderAreKeptAndAnyRepeatOrDisorderAmongThemIsStillHandled) {
+  const std::vector<std::string> in_order = {"a",         std::string("a\0", 2), "abcdefgh",
+                                             "abcdefgh1", "abcdefgh2",           "b"};
+  const auto build = [](const std::vector<std::pair<std::string, int>>& children) {
+    properties::container c;
+    for (const auto& [key, value] : children) c.emplace_back(key, make_int(value));
+    return properties(std::move(c));
+  };
+  const auto keys_of = [](const properties& p) {
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : p) keys.push_back(key);
+    return keys;
+  };
+  std::vector<std::pair<std::string, int>> children;
+  for (std::size_t i = 0; i < in_order.size(); ++i)
+    children.emplace_back(in_order[i], static_cast<int>(i));
+  EXPECT_EQ(keys_of(build(children)), in_order);
+
+  auto repeated = children;
+  repeated.insert(repeated.begin() + 4, {"abcdefgh1", 40});  // next to its first occurrence
+  const properties merged = build(repeated);
+  EXPECT_EQ(keys_of(merged), in_order);
+  EXPECT_EQ(merged.get_int_value("abcdefgh1"), 40);
+
+  auto late = children;
+  late.emplace_back("abcdefgh0", 50);  // belongs before "abcdefgh1"
+  std::vector<std::string> expected = in_order;
+  expected.insert(expected.begin() + 3, "abcdefgh0");
+  EXPECT_EQ(keys_of(build(late)), expected);
+}
+
 TEST(Properties, InsertionsInAnyOrderKeepKeysSortedAndFindable) {
   properties p(false);
   std::vector<int> order(2000);
