@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/seeded_workload.h"
 #include "zelbase/time.h"
 #include "zelcapi/connection.h"
 #include "zelcapi/state.h"
@@ -91,13 +92,7 @@ std::string first_difference(const properties& a, const properties& b, const std
 
 // A cluster of 300 jobs whose workload runs flat out, seeded, keeping history like the replicas.
 zelsim::options workload_options(std::uint64_t seed) {
-  zelsim::options o;
-  o.log = false;
-  o.users = {{"alice", "secret"}};
-  o.rate = 0;
-  o.jobs = 300;
-  o.seed = seed;
-  o.start_time = 1700000000;
+  zelsim::options o = zeltest::seeded_workload(seed, 300);
   o.history_keep_time = keep_time;
   return o;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/seeded_workload.h"
 #include "zelcapi/connection.h"
 #include "zelcore/properties.h"
 #include "zelsim/cluster.h"
@@ -17,18 +18,7 @@ using zelcore::properties;
 using zelnet::zelp::packet;
 using namespace std::chrono_literals;
 
-zelsim::options quiet_workload(std::uint64_t seed) {
-  zelsim::options o;
-  o.nodes = 3;
-  o.master = 1;
-  o.log = false;
-  o.users = {{"alice", "secret"}};
-  o.rate = 0;
-  o.jobs = 200;
-  o.seed = seed;
-  o.start_time = 1700000000;
-  return o;
-}
+zelsim::options quiet_workload(std::uint64_t seed) { return zeltest::seeded_workload(seed, 200); }
 
 // Counts the notifications a connection receives.
 class counting_handler : public zelcapi::handler {

@@ -61,6 +61,11 @@ const T& required_child(const properties& tree, const std::string& key,
 
 namespace detail {
 void properties_builder::normalise(slots& entries) {
+  // Entries already in strict key order (as readers of ordered text give them) need nothing.
+  if (std::adjacent_find(entries.begin(), entries.end(), [](const slot& a, const slot& b) {
+        return !entry_less(a, b);
+      }) == entries.end())
+    return;
   std::stable_sort(entries.begin(), entries.end(), entry_less);
   // Keep the last of equal keys: walk backwards and keep first occurrences. Equal keys share
   // their node.
@@ -95,15 +100,10 @@ namespace {
 template <class Entries>
 void store_children(slots& out, Entries& children) {
   out.reserve(children.size());
-  bool sorted = true;
-  for (auto& child : children) {
+  for (auto& child : children)
     out.push_back(
         {child.order(), detail::key_lookup(child.first, child.order()), std::move(child.second)});
-    if (sorted && out.size() > 1 && !detail::entry_less(out[out.size() - 2], out.back()))
-      sorted = false;
-  }
-  // Children given in order (as readers of ordered text give them) need no sorting.
-  if (!sorted) detail::properties_builder::normalise(out);
+  detail::properties_builder::normalise(out);
 }
 }  // namespace
 

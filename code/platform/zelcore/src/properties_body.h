@@ -98,7 +98,8 @@ struct properties_builder {
     tree.body_ = zelbase::ptr_refcount<properties_body>::adopt_new(new (in) properties_body);
     return tree.body_->entries;
   }
-  // Sorts and removes duplicate keys (the last one wins) after appending out of order.
+  // Sorts and removes duplicate keys (the last one wins) after appending out of order; entries
+  // already in strict key order are left as they are.
   static void normalise(slots& entries);
 };
 

@@ -86,18 +86,16 @@ bool plain_byte(unsigned char c) {
   return plain_in_string[c] && (!ascii_only || c < 0x80);
 }
 
-// Past the bytes from p that a JSON string holds as they are (only those below 0x80 with
-// `ascii_only`), eight at a time while eight are left. Stops at end or at the first byte that is
-// not plain.
-template <bool ascii_only>
-const unsigned char* skip_plain(const unsigned char* p, const unsigned char* const end) {
+// Past the bytes from p that a JSON string holds as they are, eight at a time while eight are
+// left. Stops at end or at the first byte that is not plain.
+const char* skip_plain(const char* p, const char* const end) {
   while (end - p >= 8) {
     std::uint64_t w;
     std::memcpy(&w, p, sizeof w);
-    if (const std::uint64_t flags = not_plain_bytes<ascii_only>(w)) return p + first_flagged(flags);
+    if (const std::uint64_t flags = not_plain_bytes<false>(w)) return p + first_flagged(flags);
     p += 8;
   }
-  while (p < end && plain_byte<ascii_only>(*p)) ++p;
+  while (p < end && plain_byte<false>(static_cast<unsigned char>(*p))) ++p;
   return p;
 }
 
@@ -473,8 +471,7 @@ class reader {
   // reuses.
   std::string_view string() {
     const char* const start = p_;
-    p_ = reinterpret_cast<const char*>(skip_plain<false>(
-        reinterpret_cast<const unsigned char*>(p_), reinterpret_cast<const unsigned char*>(end_)));
+    p_ = skip_plain(p_, end_);
     if (p_ < end_ && *p_ == '"') return {start, static_cast<std::size_t>(p_++ - start)};
     std::string& out = scratch_;
     out.clear();

@@ -182,9 +182,6 @@ class ZELCAPI_EXPORT forwarding_state_db : public state_db {
   bool has_saved_state() override { return inner_.has_saved_state(); }
   void begin_save() override { inner_.begin_save(); }
 
- protected:
-  state_db& inner() const noexcept { return inner_; }
-
  private:
   state_db& inner_;
 };
