@@ -4,6 +4,8 @@
 #include <cstring>
 #include <functional>
 #include <list>
+#include <map>
+#include <random>
 #include <vector>
 
 #include "support/merge_by_reference.h"
@@ -491,4 +493,140 @@ TEST(StateLayers, ItemUpdateIsReachedThroughTheBaseClass) {
   base.item_update(state_item_job, "j1", properties{{"a", make_int(1)}});
   EXPECT_EQ(derived.updates, std::vector<std::string>{"j1"});
   EXPECT_EQ(base.get_item(state_item_job, "j1").get_int_value("a"), 1);
+}
+
+// The stores are reached through an id index; these tests change the stores through every path,
+// the direct one of a later layer included, and compare them with a plain map after each step.
+namespace {
+
+class IndexedStoreTest : public testing::Test {
+ protected:
+  zelcore::plugin_db plugins;
+  layered_state st{plugins, nullptr, nullptr, nullptr, 3600};
+  std::map<std::string, std::int64_t> expected;  // id -> the record's "v"
+  std::mt19937 random{20261124};
+
+  std::string some_id(int ids) {
+    return "job-" + std::to_string(std::uniform_int_distribution<int>(0, ids - 1)(random));
+  }
+  void expect_store_as_expected() {
+    const state::item_map& jobs = st.get_items(state_item_job);
+    ASSERT_EQ(jobs.size(), expected.size());
+    auto want = expected.begin();
+    for (const auto& [id, record] : jobs) {
+      ASSERT_EQ(id, want->first);
+      ASSERT_EQ(record.get_int_value("v", -1), want->second) << id;
+      ++want;
+    }
+  }
+  // One change of a random kind to a random id among `ids`.
+  void random_change(int ids, int n) {
+    const std::string id = some_id(ids);
+    switch (std::uniform_int_distribution<int>(0, 7)(random)) {
+      case 0:
+        st.item_set(state_item_job, id, tree({{"v", make_int(n)}}));
+        expected[id] = n;
+        break;
+      case 1:
+      case 2:
+        st.item_update(state_item_job, id, tree({{"v", make_int(n)}}));
+        expected[id] = n;
+        break;
+      case 3:
+        st.item_remove(state_item_job, id);
+        expected.erase(id);
+        break;
+      case 4:
+        if (!expected.count(id)) break;
+        st.item_historize(state_item_job, id);
+        expected.erase(id);
+        break;
+      case 5:
+        st.item_erase_property_ref(state_item_job, id, "/v");
+        if (expected.count(id)) expected[id] = -1;
+        break;
+      case 6:
+        st.get_items_non_const(state_item_job)[id] = tree({{"v", make_int(n)}});
+        expected[id] = n;
+        break;
+      case 7:
+        st.get_items_non_const(state_item_job).erase(id);
+        expected.erase(id);
+        break;
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(IndexedStoreTest, EveryChangeLeavesTheStoreAsAPlainMapWouldBe) {
+  for (int n = 0; n < 30000; ++n) {
+    random_change(n < 15000 ? 2000 : 200, n);
+    if (n % 1000 == 0) expect_store_as_expected();
+  }
+  expect_store_as_expected();
+}
+
+TEST_F(IndexedStoreTest, AnUpdateAfterADirectEraseCreatesTheRecordAgain) {
+  for (int n = 0; n < 100; ++n) st.item_set(state_item_job, "job-" + std::to_string(n), tree({}));
+  st.get_items_non_const(state_item_job).erase("job-7");
+  st.item_update(state_item_job, "job-7", tree({{"v", make_int(1)}}));
+  EXPECT_EQ(st.get_item(state_item_job, "job-7").describe(), "{\"v\":1}");
+  EXPECT_EQ(st.get_items(state_item_job).size(), 100u);
+}
+
+TEST_F(IndexedStoreTest, AnUpdateAfterADirectInsertMergesIntoThatRecord) {
+  st.item_set(state_item_job, "job-1", tree({}));
+  st.get_items_non_const(state_item_job)["job-2"] = tree({{"a", make_int(1)}});
+  st.item_update(state_item_job, "job-2", tree({{"b", make_int(2)}}));
+  EXPECT_EQ(st.get_item(state_item_job, "job-2").describe(), "{\"a\":1,\"b\":2}");
+  st.get_items_non_const(state_item_job).clear();
+  st.item_remove(state_item_job, "job-1");
+  st.item_update(state_item_job, "job-1", tree({{"c", make_int(3)}}));
+  EXPECT_EQ(st.get_items(state_item_job).size(), 1u);
+}
+
+TEST_F(IndexedStoreTest, ManyDirectChangesBetweenUpdatesKeepEveryRecordReachable) {
+  // Each round bypasses the index, then updates every item: the index is rebuilt between
+  // rounds, and every update must land on the record that the store holds.
+  for (int round = 0; round < 5; ++round) {
+    auto& jobs = st.get_items_non_const(state_item_job);
+    for (int n = 0; n < 500; ++n) {
+      const std::string id = "job-" + std::to_string((n * 7 + round * 131) % 700);
+      if (n % 3 == 0) {
+        jobs.erase(id);
+        expected.erase(id);
+      } else {
+        jobs[id] = tree({{"v", make_int(round)}});
+        expected[id] = round;
+      }
+    }
+    for (auto& [id, v] : expected) {
+      st.item_update(state_item_job, id, tree({{"v", make_int(round * 1000 + v)}}));
+      v = round * 1000 + v;
+    }
+    expect_store_as_expected();
+  }
+}
+
+TEST_F(IndexedStoreTest, ClearingAndReloadingAStoreLeavesNoStaleRecord) {
+  for (int n = 0; n < 300; ++n) st.item_set(state_item_job, "job-" + std::to_string(n), tree({}));
+  st.clear_state(state_item_job);
+  st.item_update(state_item_job, "job-5", tree({{"v", make_int(5)}}));
+  EXPECT_EQ(st.get_items(state_item_job).size(), 1u);
+  st.clear_state();
+  EXPECT_TRUE(st.get_items(state_item_job).empty());
+  properties snapshot(false);
+  properties jobs(false);
+  for (int n = 0; n < 300; ++n)
+    jobs.set_properties_value("job-" + std::to_string(n), tree({{"v", make_int(n)}}));
+  snapshot.set_properties_value("jobs", jobs);
+  st.set_state(snapshot);
+  for (int n = 0; n < 300; ++n) {
+    st.item_update(state_item_job, "job-" + std::to_string(n), tree({{"w", make_int(1)}}));
+    st.item_remove(state_item_job, "job-" + std::to_string(n + 1000));
+  }
+  const state::item_map& stored = st.get_items(state_item_job);
+  ASSERT_EQ(stored.size(), 300u);
+  for (const auto& [id, record] : stored) EXPECT_EQ(record.get_int_value("w"), 1) << id;
 }

@@ -4,6 +4,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "item_index.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 #include "zelbase/time.h"
@@ -77,13 +78,15 @@ state::state(const zelcore::plugin_db& plugins, state_notification_receiver* rec
       state_db_(states),
       history_db_(histories),
       history_keep_time_(history_keep_time) {
+  for (const state_item_type type : all_item_types)
+    indexes_[type] = std::make_unique<detail::item_index>(store_of(type));
   if (!history_db_ && history_keep_time_ != 0)
     history_ = std::make_unique<state>(plugins, nullptr, nullptr, nullptr, 0);
 }
 
 state::~state() { _wait_for_own_save(); }
 
-state::item_map& state::get_items_non_const(state_item_type type) {
+state::item_map& state::store_of(state_item_type type) {
   switch (type) {
     case state_item_client: return clients_;
     case state_item_node: return nodes_;
@@ -98,8 +101,19 @@ state::item_map& state::get_items_non_const(state_item_type type) {
       zelbase::string_with_format("state does not have item type %d", static_cast<int>(type)));
 }
 
+state::item_map& state::get_items_non_const(state_item_type type) {
+  item_map& store = store_of(type);
+  indexes_[type]->mark_stale();
+  return store;
+}
+
+detail::item_index& state::index_of(state_item_type type) {
+  store_of(type);
+  return *indexes_[type];
+}
+
 const state::item_map& state::get_items(state_item_type type) const {
-  return const_cast<state*>(this)->get_items_non_const(type);
+  return const_cast<state*>(this)->store_of(type);
 }
 
 const zelcore::properties& state::get_item(state_item_type type, const std::string& id) const {
@@ -119,18 +133,18 @@ bool state::has_item(state_item_type type, const std::string& id) const {
 
 void state::item_set(state_item_type type, const std::string& id,
                      const zelcore::properties& props) {
-  get_items_non_const(type)[id] = props;
+  index_of(type).find_or_insert(id)->second = props;
   if (receiver_) receiver_->on_item_set(type, id, props);
 }
 
 void state::item_update(state_item_type type, const std::string& id,
                         const zelcore::properties& props) {
-  get_items_non_const(type)[id].merge_leaves(props);
+  index_of(type).find_or_insert(id)->second.merge_leaves(props);
   if (receiver_) receiver_->on_item_updated(type, id, props);
 }
 
 void state::item_remove(state_item_type type, const std::string& id) {
-  item_map& items = get_items_non_const(type);
+  detail::item_index& items = index_of(type);
   if (receiver_) receiver_->on_item_removing(type, id);
   items.erase(id);
   if (receiver_) receiver_->on_item_removed(type, id);
@@ -138,17 +152,16 @@ void state::item_remove(state_item_type type, const std::string& id) {
 
 void state::item_erase_property_ref(state_item_type type, const std::string& id,
                                     const std::string& ref) {
-  item_map& items = get_items_non_const(type);
-  const auto it = items.find(id);
+  item_map& items = store_of(type);
+  const auto it = index_of(type).find(id);
   if (it != items.end()) it->second.set_referenced_property(ref, zelcore::property_ptr());
   if (receiver_) receiver_->on_item_erased_property_ref(type, id, ref);
 }
 
-void state::clear_state(state_item_type type) { get_items_non_const(type).clear(); }
+void state::clear_state(state_item_type type) { index_of(type).clear(); }
 
 void state::clear_state() {
-  for (item_map* items : {&clients_, &nodes_, &submissions_, &sources_, &slots_, &jobs_, &tasks_})
-    items->clear();
+  for (const state_item_type type : all_item_types) indexes_[type]->clear();
   workflow_results_.clear();
   workflows_.clear();
   workflow_seq_nr_ = 0;

@@ -2,7 +2,7 @@
 // notifications applied to the replica, snapshot and history requests and their replies.
 #include "zelcapi/state_connection.h"
 
-#include <cstring>
+#include <string_view>
 #include <typeinfo>
 
 #include "zelbase/exceptions.h"
@@ -15,12 +15,17 @@ namespace {
 
 constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\state_connection";
 constexpr const char* category = "state_connection";
-constexpr const char* notification_prefix = "cluster.api.state";
+constexpr std::string_view notification_prefix = "cluster.api.state";
 constexpr const char* state_request_name = "cluster.api.state.request";
 constexpr const char* history_request_name = "cluster.api.history.request";
 constexpr const char* history_request_id_key = "history-request-id";
 
 using zelnet::zelp::packet;
+
+// The fields of the state notifications, built once: every notification reads some of them.
+const std::string item_type_key = "item-type";
+const std::string state_id_key = "state-id";
+const std::string state_key = "state";
 
 void report_failure(unsigned line, const std::string& text) {
   zelcore::report(source_file, line, category, 8, 3, text);
@@ -46,7 +51,7 @@ bool applied_or_reported(Apply apply) {
 
 // The "item-type" field; raises es::arg for a value that names no item kind.
 state_item_type item_type_of(const zelcore::properties& fields) {
-  const std::int64_t type = fields.get_int_value("item-type");
+  const std::int64_t type = fields.get_int_value(item_type_key);
   if (type < static_cast<std::int64_t>(state_item_client) ||
       type > static_cast<std::int64_t>(state_item_task)) {
     zelbase::es::arg::raise(
@@ -57,7 +62,7 @@ state_item_type item_type_of(const zelcore::properties& fields) {
 }
 
 const std::string& state_id_of(const zelcore::properties& fields) {
-  return fields.get_string_value("state-id");
+  return fields.get_string_value(state_id_key);
 }
 
 state_handler* required_handler(state_handler* h) {
@@ -198,13 +203,13 @@ bool state_connection::handle_command(const packet& in, packet& out) {
 }
 
 bool state_connection::handle_notification(const packet& in, packet& out) {
-  const std::string& name = in.get_name();
-  if (name.compare(0, std::strlen(notification_prefix), notification_prefix) != 0) {
+  const std::string_view name = in.get_name();
+  if (name.substr(0, notification_prefix.size()) != notification_prefix) {
     return state_handler_->handle(in, out);
   }
   using row_operation = bool (state_connection::*)(const zelcore::properties&);
   struct row {
-    const char* name;
+    std::string_view name;  // sizes compared first: most names differ in size
     row_operation apply;
   };
   static constexpr row rows[] = {
@@ -225,7 +230,7 @@ bool state_connection::handle_notification(const packet& in, packet& out) {
   }
   // A state notification of a newer cluster: nothing to apply.
   zelcore::ds::print("zelcapi::state_connection:debug", "unknown state notification '%s'",
-                     name.c_str());
+                     in.get_name().c_str());
   return true;
 }
 
@@ -233,7 +238,7 @@ bool state_connection::_change_item(const zelcore::properties& fields, change_op
                                     change_callback told) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
-  const zelcore::properties& props = fields.get_properties_value("state");
+  const zelcore::properties& props = fields.get_properties_value(state_key);
   if (state_) (state_.get()->*change)(type, id, props);
   return (state_handler_->*told)(type, id, props);
 }
@@ -314,7 +319,7 @@ bool state_connection::handle_reply(const packet& in, packet& out) {
 }
 
 bool state_connection::_state_reply(const zelcore::properties& fields) {
-  const zelcore::properties* snapshot = fields.get_properties_value_ptr("state");
+  const zelcore::properties* snapshot = fields.get_properties_value_ptr(state_key);
   if (snapshot == nullptr) return true;
   if (state_) state_->set_state(*snapshot);
   return state_handler_->state_new_state(*snapshot);

@@ -1,5 +1,6 @@
 // The state's history: items and workflows that left the live state, kept in a second state
 // owned by this one and/or in the application's history_db, and dropped after the keep time.
+#include "item_index.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/time.h"
 #include "zelcapi/state.h"
@@ -15,7 +16,7 @@ db_item_type db_type_of(state_item_type type) { return static_cast<db_item_type>
 }  // namespace
 
 void state::item_historize(state_item_type type, const std::string& id) {
-  item_map& live = get_items_non_const(type);
+  detail::item_index& live = index_of(type);
   if (receiver_) receiver_->on_item_historizing(type, id);
   if (history_) {
     history_->item_update(type, id, get_item(type, id));
@@ -28,7 +29,7 @@ void state::item_historize(state_item_type type, const std::string& id) {
 
 void state::item_add_to_history(state_item_type type, const std::string& id,
                                 const zelcore::properties& props) {
-  item_map& live = get_items_non_const(type);
+  detail::item_index& live = index_of(type);
   if (receiver_) receiver_->on_item_adding_to_history(type, id, props);
   if (history_) {
     history_->item_update(type, id, props);

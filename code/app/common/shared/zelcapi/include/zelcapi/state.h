@@ -28,6 +28,10 @@
 
 namespace zelcapi {
 
+namespace detail {
+class item_index;
+}  // namespace detail
+
 enum state_item_type : std::uint32_t {
   state_item_client = 0,
   state_item_node = 1,
@@ -382,6 +386,8 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   state_notification_receiver* get_receiver() const noexcept { return receiver_; }
 
  protected:
+  // The store to change directly. The state's id index cannot see such changes, so the store's
+  // next lookups go through the ordered map until the index has been rebuilt.
   item_map& get_items_non_const(state_item_type type);
   item_map& get_history_items_non_const(state_item_type type);
   void encode_workflow_infos(const workflow_map& workflows, zelcore::properties& out) const;
@@ -394,6 +400,10 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   void add_workflow(const std::string& workflow_id, const workflow_ptr& workflow);
 
  private:
+  // The store of a kind, raising as get_items_non_const does for another value.
+  item_map& store_of(state_item_type type);
+  // The id index of a kind's store (errors as store_of).
+  detail::item_index& index_of(state_item_type type);
   // Joins a save still writing to this state's state_db, so that the application may free the
   // state_db once the state is gone.
   void _wait_for_own_save() noexcept;
@@ -417,6 +427,8 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   std::unique_ptr<state> history_;
   std::multimap<std::uint32_t, std::pair<state_item_type, std::string>> item_history_times_;
   std::multimap<std::uint32_t, std::string> workflow_history_times_;
+  // One per store, in the order of state_item_type.
+  std::unique_ptr<detail::item_index> indexes_[7];
 };
 
 }  // namespace zelcapi

@@ -1,0 +1,152 @@
+// The item stores' hash index: open addressing with linear probing and backward-shift erasure.
+#include "item_index.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace zelcapi::detail {
+
+namespace {
+constexpr std::size_t huge_page = std::size_t{2} << 20;
+}  // namespace
+
+void* allocate_bytes(std::size_t bytes) {
+  if (bytes < huge_page) return ::operator new(bytes);
+  const std::size_t rounded = (bytes + huge_page - 1) / huge_page * huge_page;
+  void* p = std::aligned_alloc(huge_page, rounded);
+  if (!p) throw std::bad_alloc();
+  ::madvise(p, rounded, MADV_HUGEPAGE);  // a hint: without huge pages the table still works
+  return p;
+}
+
+void deallocate_bytes(void* p, std::size_t bytes) noexcept {
+  if (bytes < huge_page)
+    ::operator delete(p);
+  else
+    std::free(p);
+}
+
+std::uint64_t item_index::hash_of(const std::string& id) noexcept {
+  const std::uint64_t h = std::hash<std::string_view>()(id);
+  return h ? h : 1;
+}
+
+std::size_t item_index::probe(const std::string& id, std::uint64_t hash) const noexcept {
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+    const slot& s = slots_[at];
+    if (s.hash == 0 || (s.hash == hash && s.node->first == id)) return at;
+  }
+}
+
+void item_index::reserve_one() {
+  if ((used_ + 1) * 4 > slots_.size() * 3) rehash(slots_.empty() ? 16 : slots_.size() * 2);
+}
+
+void item_index::insert_new(std::uint64_t hash, iterator node) noexcept {
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t at = hash & mask;
+  while (slots_[at].hash != 0) at = (at + 1) & mask;
+  slots_[at] = slot{hash, node};
+  ++used_;
+}
+
+// Moves back the slots after the erased one that probing would otherwise no longer reach.
+void item_index::erase_slot(std::size_t at) noexcept {
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t hole = at;
+  for (std::size_t next = (hole + 1) & mask; slots_[next].hash != 0; next = (next + 1) & mask) {
+    const std::size_t home = slots_[next].hash & mask;
+    // The entry at `next` may fill the hole unless its home lies cyclically in (hole, next].
+    const bool home_after_hole =
+        hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
+    if (home_after_hole) continue;
+    slots_[hole] = slots_[next];
+    hole = next;
+  }
+  slots_[hole] = slot{};
+  --used_;
+}
+
+void item_index::rehash(std::size_t capacity) {
+  std::vector<slot, huge_page_allocator<slot>> old(capacity);
+  old.swap(slots_);
+  used_ = 0;
+  for (const slot& s : old)
+    if (s.hash != 0) insert_new(s.hash, s.node);
+}
+
+bool item_index::usable() {
+  if (!stale_) return true;
+  // A rebuild costs a pass over the store: it waits until the map lookups made in the meantime
+  // have cost about as much.
+  if (++lookups_while_stale_ < store_.size() / 8 + 64) return false;
+  std::size_t capacity = 16;
+  while (capacity * 3 < store_.size() * 4 + 4) capacity *= 2;
+  slots_.assign(capacity, slot{});
+  used_ = 0;
+  for (auto it = store_.begin(); it != store_.end(); ++it) insert_new(hash_of(it->first), it);
+  stale_ = false;
+  lookups_while_stale_ = 0;
+  return true;
+}
+
+item_index::iterator item_index::find(const std::string& id) {
+  if (!usable()) return store_.find(id);
+  if (slots_.empty()) return store_.end();
+  const slot& s = slots_[probe(id, hash_of(id))];
+  return s.hash != 0 ? s.node : store_.end();
+}
+
+item_index::iterator item_index::find_or_insert(const std::string& id) {
+  if (!usable()) return store_.try_emplace(id).first;
+  const std::uint64_t hash = hash_of(id);
+  if (!slots_.empty()) {
+    const slot& s = slots_[probe(id, hash)];
+    if (s.hash != 0) {
+      std::string next = id;
+      for (std::size_t i = next.size(); i-- > 0;) {
+        if (next[i] == '9') {
+          next[i] = '0';
+          continue;
+        }
+        ++next[i];
+        break;
+      }
+      __builtin_prefetch(&slots_[hash_of(next) & (slots_.size() - 1)]);
+      return s.node;
+    }
+  }
+  // Room first: once the item is in the store, nothing may fail before it is in the index.
+  reserve_one();
+  const iterator node = store_.try_emplace(id).first;
+  insert_new(hash, node);
+  return node;
+}
+
+bool item_index::erase(const std::string& id) {
+  if (!usable()) return store_.erase(id) != 0;
+  if (slots_.empty()) return false;
+  const std::size_t at = probe(id, hash_of(id));
+  if (slots_[at].hash == 0) return false;
+  const iterator node = slots_[at].node;
+  erase_slot(at);
+  store_.erase(node);
+  return true;
+}
+
+void item_index::clear() noexcept {
+  store_.clear();
+  slots_.clear();
+  slots_.shrink_to_fit();
+  used_ = 0;
+  stale_ = false;
+  lookups_while_stale_ = 0;
+}
+
+}  // namespace zelcapi::detail
