@@ -180,6 +180,10 @@ BENCHMARK(BM_raw_read_and_decode)->Iterations(3)->Unit(benchmark::kMillisecond)-
 
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) == "--help")
+      std::printf(
+          "state_connection_bench [--scattered-ids] [benchmark flags]\n"
+          "  --scattered-ids  update the jobs in scattered id order instead of id order\n");
     if (std::string(argv[i]) != "--scattered-ids") continue;
     scattered_ids = true;
     std::copy(argv + i + 1, argv + argc + 1, argv + i);
