@@ -386,8 +386,11 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   state_notification_receiver* get_receiver() const noexcept { return receiver_; }
 
  protected:
-  // The store to change directly. The state's id index cannot see such changes, so the store's
-  // next lookups go through the ordered map until the index has been rebuilt.
+  // The store to change directly. The state's id index cannot see such changes: this call marks
+  // it stale, and the store's lookups go through the ordered map until it has been rebuilt. The
+  // reference serves changes made before the state's next operation on the store; a layer that
+  // keeps it must call again before changing the store later, or the index may name a node that
+  // is gone.
   item_map& get_items_non_const(state_item_type type);
   item_map& get_history_items_non_const(state_item_type type);
   void encode_workflow_infos(const workflow_map& workflows, zelcore::properties& out) const;
