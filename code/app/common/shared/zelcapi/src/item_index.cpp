@@ -1,35 +1,11 @@
 // The item stores' hash index: open addressing with linear probing and backward-shift erasure.
 #include "item_index.h"
 
-#include <sys/mman.h>
-
-#include <cstdlib>
 #include <functional>
-#include <new>
 #include <string_view>
 #include <utility>
 
 namespace zelcapi::detail {
-
-namespace {
-constexpr std::size_t huge_page = std::size_t{2} << 20;
-}  // namespace
-
-void* allocate_bytes(std::size_t bytes) {
-  if (bytes < huge_page) return ::operator new(bytes);
-  const std::size_t rounded = (bytes + huge_page - 1) / huge_page * huge_page;
-  void* p = std::aligned_alloc(huge_page, rounded);
-  if (!p) throw std::bad_alloc();
-  ::madvise(p, rounded, MADV_HUGEPAGE);  // a hint: without huge pages the table still works
-  return p;
-}
-
-void deallocate_bytes(void* p, std::size_t bytes) noexcept {
-  if (bytes < huge_page)
-    ::operator delete(p);
-  else
-    std::free(p);
-}
 
 std::uint64_t item_index::hash_of(const std::string& id) noexcept {
   const std::uint64_t h = std::hash<std::string_view>()(id);
@@ -74,7 +50,7 @@ void item_index::erase_slot(std::size_t at) noexcept {
 }
 
 void item_index::rehash(std::size_t capacity) {
-  std::vector<slot, huge_page_allocator<slot>> old(capacity);
+  std::vector<slot> old(capacity);
   old.swap(slots_);
   used_ = 0;
   for (const slot& s : old)
@@ -108,19 +84,7 @@ item_index::iterator item_index::find_or_insert(const std::string& id) {
   const std::uint64_t hash = hash_of(id);
   if (!slots_.empty()) {
     const slot& s = slots_[probe(id, hash)];
-    if (s.hash != 0) {
-      std::string next = id;
-      for (std::size_t i = next.size(); i-- > 0;) {
-        if (next[i] == '9') {
-          next[i] = '0';
-          continue;
-        }
-        ++next[i];
-        break;
-      }
-      __builtin_prefetch(&slots_[hash_of(next) & (slots_.size() - 1)]);
-      return s.node;
-    }
+    if (s.hash != 0) return s.node;
   }
   // Room first: once the item is in the store, nothing may fail before it is in the index.
   reserve_one();

@@ -11,24 +11,6 @@
 
 namespace zelcapi::detail {
 
-void* allocate_bytes(std::size_t bytes);
-void deallocate_bytes(void* p, std::size_t bytes) noexcept;
-
-// Memory for large tables on huge pages where the system allows it: a probe lands anywhere in
-// the table, and with small pages nearly every probe of a large one would also miss the TLB.
-template <class T>
-struct huge_page_allocator {
-  using value_type = T;
-  huge_page_allocator() = default;
-  template <class U>
-  huge_page_allocator(const huge_page_allocator<U>&) noexcept {}
-
-  T* allocate(std::size_t n) { return static_cast<T*>(allocate_bytes(n * sizeof(T))); }
-  void deallocate(T* p, std::size_t n) noexcept { deallocate_bytes(p, n * sizeof(T)); }
-  friend bool operator==(huge_page_allocator, huge_page_allocator) noexcept { return true; }
-  friend bool operator!=(huge_page_allocator, huge_page_allocator) noexcept { return false; }
-};
-
 // Maps an id to its node in the store. The nodes of a std::map never move, so a node found here
 // stays valid while its item stays in the store. The state changes the store through the index
 // where it can; a change that bypasses it calls mark_stale, after which lookups go to the map
@@ -74,8 +56,7 @@ class item_index {
   bool usable();
 
   item_map& store_;
-  std::vector<slot, huge_page_allocator<slot>>
-      slots_;  // power-of-two size, linear probing, at most 3/4 full
+  std::vector<slot> slots_;  // power-of-two size, linear probing, at most 3/4 full
   std::size_t used_ = 0;
   bool stale_ = false;
   std::size_t lookups_while_stale_ = 0;
