@@ -194,7 +194,7 @@ TEST(Ioctrl, WatchRefusesClosedAndDuplicateFiles) {
 // A controller that keeps the files it is told it dropped, and ends the wait on each.
 class counting_ioctrl : public zelnet::ioctrl {
  public:
-  counting_ioctrl() : ioctrl(16) {}
+  explicit counting_ioctrl(std::size_t read_buffer = 16) : ioctrl(read_buffer) {}
   std::vector<int> erased;
 
  protected:
@@ -283,5 +283,110 @@ TEST(Link, PacketsAfterACallbackThatRaisedAreHandledByTheNextWait) {
   ASSERT_EQ(link.packets.size(), 2u);
   EXPECT_EQ(link.packets[0].get_properties().get_int_value("i"), 2);
   EXPECT_EQ(link.packets[1].get_properties().get_int_value("i"), 3);
+  c.clear();
+}
+
+namespace {
+
+// A frame around any payload: its 4-byte big-endian length, then the bytes.
+std::string raw_frame(const std::string& payload) {
+  const auto n = static_cast<std::uint32_t>(payload.size());
+  const char length[4] = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
+                          static_cast<char>(n >> 8), static_cast<char>(n)};
+  return std::string(length, 4) + payload;
+}
+
+// A link that writes down, in order, each packet announced ahead and each packet handled; the
+// packet numbered `limit_on` sets the frame limit to `new_limit` while it is handled.
+class ahead_recording_link : public collecting_link {
+ public:
+  using collecting_link::collecting_link;
+  std::vector<std::string> events;
+  int limit_on = -1;
+  std::size_t new_limit = 0;
+
+ protected:
+  void packet_ahead(const packet& next) override {
+    events.push_back("ahead " + std::to_string(next.get_properties().get_int_value("i")));
+  }
+  bool packet_received(const packet& in, packet& out) override {
+    const std::int64_t i = in.get_properties().get_int_value("i");
+    events.push_back("handle " + std::to_string(i));
+    if (i == limit_on) set_frame_limit(new_limit);
+    return collecting_link::packet_received(in, out);
+  }
+};
+
+// The peer's script for the tests below: the hello, then `bytes` in one write once the client
+// has sent its go (one byte), so that they all arrive in one read.
+raw_peer peer_writing_at_once(std::string bytes) {
+  return raw_peer([bytes](int fd) {
+    accept_hello(fd);
+    read_exactly(fd, 1);
+    write_all(fd, bytes);
+    read_exactly(fd, 1);
+  });
+}
+
+}  // namespace
+
+TEST(Link, APacketReadWithTheOneBeforeItIsAnnouncedBeforeThatOneIsHandled) {
+  raw_peer peer =
+      peer_writing_at_once(encode_packet_frame(numbered(0)) + encode_packet_frame(numbered(1)) +
+                           encode_packet_frame(numbered(2)));
+  zelnet::ioctrl c(16000);
+  ahead_recording_link link(c, 3);
+  connect_link(c, link, peer);
+  write_all(link.get_file().descriptor(), "x");
+  ASSERT_TRUE(c.wait(5000));
+  EXPECT_EQ(link.events,
+            (std::vector<std::string>{"ahead 1", "handle 0", "ahead 2", "handle 1", "handle 2"}));
+  c.clear();
+}
+
+TEST(Link, AFrameThatIsNoPacketDropsTheLinkOnlyAfterThePacketBeforeItIsHandled) {
+  raw_peer peer = peer_writing_at_once(encode_packet_frame(numbered(0)) + raw_frame("\xc1"));
+  counting_ioctrl c(16000);
+  ahead_recording_link link(c, 5);
+  connect_link(c, link, peer);
+  write_all(link.get_file().descriptor(), "x");
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_EQ(link.events, std::vector<std::string>{"handle 0"});
+  EXPECT_EQ(c.erased.size(), 1u);
+  EXPECT_NE(link.failure(), "");
+}
+
+TEST(Link, ALimitLoweredWhileAPacketIsHandledRefusesTheLargerFrameDecodedAheadOfIt) {
+  const std::string second = encode_packet_frame(numbered(1, 1000));
+  raw_peer peer = peer_writing_at_once(encode_packet_frame(numbered(0)) + second);
+  counting_ioctrl c(16000);
+  ahead_recording_link link(c, 5);
+  link.limit_on = 0;
+  link.new_limit = 100;
+  connect_link(c, link, peer);
+  write_all(link.get_file().descriptor(), "x");
+  EXPECT_TRUE(c.wait(5000));
+  EXPECT_EQ(link.events, (std::vector<std::string>{"ahead 1", "handle 0"}));
+  EXPECT_EQ(c.erased.size(), 1u);
+  EXPECT_EQ(link.failure(), "frame of " + std::to_string(second.size() - 4) +
+                                " bytes exceeds the limit of 100 bytes");
+}
+
+TEST(Link, ALimitRaisedWhileAPacketIsHandledAdmitsTheLargerFrameAfterIt) {
+  raw_peer peer = peer_writing_at_once(encode_packet_frame(numbered(0)) +
+                                       encode_packet_frame(numbered(1, 5000)) +
+                                       encode_packet_frame(numbered(2)));
+  zelnet::ioctrl c(16000);
+  ahead_recording_link link(c, 3);
+  link.set_frame_limit(1000);
+  link.limit_on = 0;
+  link.new_limit = 10000;
+  connect_link(c, link, peer);
+  write_all(link.get_file().descriptor(), "x");
+  ASSERT_TRUE(c.wait(5000));
+  // The large frame was above the limit when the first packet was handled: it is not decoded
+  // ahead, and is admitted under the raised limit.
+  EXPECT_EQ(link.events, (std::vector<std::string>{"handle 0", "ahead 2", "handle 1", "handle 2"}));
+  EXPECT_EQ(link.failure(), "");
   c.clear();
 }

@@ -193,15 +193,23 @@ std::size_t frame_decoder::expected() const noexcept {
   return frame_header_size + read_length(buffer_.data() + pos_);
 }
 
+bool frame_decoder::has_frame() const noexcept {
+  const std::size_t size = expected();
+  return size != 0 && size - frame_header_size <= limit_ && buffered() >= size;
+}
+
+void frame_decoder::admit(std::size_t payload) const {
+  if (payload <= limit_) return;
+  zelbase::es::arg::raise(
+      source_file, __LINE__,
+      zelbase::string_with_format("frame of %zu bytes exceeds the limit of %zu bytes", payload,
+                                  limit_));
+}
+
 bool frame_decoder::next(std::string_view& payload) {
   if (buffered() < frame_header_size) return false;
   const std::uint32_t length = read_length(buffer_.data() + pos_);
-  if (length > limit_) {
-    zelbase::es::arg::raise(
-        source_file, __LINE__,
-        zelbase::string_with_format("frame of %u bytes exceeds the limit of %zu bytes", length,
-                                    limit_));
-  }
+  admit(length);
   if (buffered() - frame_header_size < length) return false;
   payload = std::string_view(buffer_.data() + pos_ + frame_header_size, length);
   pos_ += frame_header_size + length;

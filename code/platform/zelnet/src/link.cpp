@@ -62,6 +62,23 @@ bool link::has_pending_input() const { return unfinished_; }
 
 bool link::resume(zelbase::file& f, unsigned, ioctrl& c) { return handle_frames(f, c); }
 
+void link::packet_ahead(const packet&) {}
+
+void link::decode_ahead() {
+  if (!established_ || closing_ || !decoder_.has_frame()) return;
+  std::string_view frame;
+  decoder_.next(frame);
+  try {
+    ahead_ = decode_packet(frame.data(), frame.size());
+  } catch (const zelbase::es::base& e) {
+    ahead_failure_ = e.message();
+    return;
+  }
+  ahead_size_ = frame.size();
+  has_ahead_ = true;
+  packet_ahead(ahead_);
+}
+
 bool link::handle_frames(zelbase::file& f, ioctrl& c) {
   // Stays set when a callback raises or ends the caller's wait: the frames after it are handled
   // at the next wait or run, or by a wait inside a callback, without waiting for more bytes.
@@ -69,27 +86,43 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
   // waited for (a sync reply) before any packet that the peer sent after it.
   unfinished_ = true;
   while (!closing_) {
-    std::string_view frame;
     packet in;
     try {
-      if (!decoder_.next(frame)) break;
-      if (!established_) {
-        zelbase::encoder_network answer;
-        handle(frame, answer);
-        out_.write(answer.data(), answer.size());
-        if (!failure_.empty()) break;
-        continue;
+      if (!ahead_failure_.empty()) {
+        fail(ahead_failure_);
+        ahead_failure_.clear();
+        break;
       }
-      in = decode_packet(frame.data(), frame.size());
+      if (has_ahead_) {
+        has_ahead_ = false;
+        decoder_.admit(ahead_size_);
+        in = std::move(ahead_);
+      } else {
+        std::string_view frame;
+        if (!decoder_.next(frame)) break;
+        if (!established_) {
+          zelbase::encoder_network answer;
+          handle(frame, answer);
+          out_.write(answer.data(), answer.size());
+          if (!failure_.empty()) break;
+          continue;
+        }
+        in = decode_packet(frame.data(), frame.size());
+      }
     } catch (const zelbase::es::base& e) {
       fail(e.message());
       break;
     }
+    // Decoding the next packet before this one is handled lets a subclass start on what that
+    // one needs (packet_ahead) while this one's work hides the wait.
+    decode_ahead();
     packet out;
     packet_received(in, out);
     // The callback may have dropped this link (a disconnect from a handler).
     if (!c.watches(f, *this)) {
       unfinished_ = false;
+      has_ahead_ = false;
+      ahead_failure_.clear();
       return true;
     }
     if (!out.get_name().empty()) send(out);

@@ -50,6 +50,10 @@ class ZELNET_EXPORT frame_decoder {
   // returns true; false when more bytes are needed. Raises es::arg naming the length and the
   // limit when a frame announces more than the limit.
   bool next(std::string_view& payload);
+  // Whether a whole frame within the limit is buffered: next() would return it without raising.
+  bool has_frame() const noexcept;
+  // Raises what next() raises for a frame of `payload` bytes above the limit.
+  void admit(std::size_t payload) const;
   // Bytes received that do not yet form a whole frame.
   std::size_t buffered() const noexcept { return buffer_.size() - pos_; }
   // The size of the frame in progress (header included) once its header is in, else 0.

@@ -62,6 +62,11 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   virtual std::size_t attach(zelbase::encoder_network& out) = 0;
   // A packet arrived after the handshake; `out` may be filled with a reply.
   virtual bool packet_received(const packet& in, packet& out) = 0;
+  // Called before packet_received when the packet after it had arrived whole too and has been
+  // decoded already: a hint for work that may start early, such as fetching into cache what
+  // that packet will touch. It must change nothing that the packet handled first could see.
+  // The default does nothing.
+  virtual void packet_ahead(const packet& next);
   // A frame arrived during the handshake; writes any answer into `out` and returns its size.
   // Calls established() or fail() when the handshake ends.
   virtual std::size_t handle(std::string_view frame, zelbase::encoder_network& out) = 0;
@@ -79,6 +84,10 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   static constexpr std::size_t retained_queue = std::size_t{1} << 20;
   // Hands each whole frame received to handle() or packet_received().
   bool handle_frames(zelbase::file& f, ioctrl& c);
+  // Decodes the next frame into ahead_ when it is whole and within the limit, and tells
+  // packet_ahead; a frame that fails to decode is kept as ahead_failure_, so that the packet
+  // before it is handled first, as it would be without looking ahead.
+  void decode_ahead();
 
   ioctrl& controller_;
   zelbase::file file_;
@@ -91,6 +100,13 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   bool closing_ = false;
   bool unfinished_ = false;  // inside handle_frames, or left by a callback that raised
   std::string failure_;
+  // The packet after the one being handled, decoded ahead (has_ahead_), or the reason its
+  // frame could not be decoded (non-empty ahead_failure_); the frame's payload size is checked
+  // against the limit again when its turn comes, as a limit changed meanwhile would apply to it.
+  packet ahead_;
+  std::size_t ahead_size_ = 0;
+  bool has_ahead_ = false;
+  std::string ahead_failure_;
 };
 
 // The connecting side: sends its hello first and checks the server's.

@@ -94,12 +94,16 @@ bool connection_impl::packet_received(const packet& in, packet& out) {
   return handler_ == nullptr || handler_->handle(in, out);
 }
 
+void connection_impl::packet_ahead(const packet& next) { owner_->packet_ahead(next); }
+
 void connection_impl::version_mismatch(std::uint32_t, std::uint32_t server_version) {
   version_mismatch_ = true;
   server_version_ = server_version;
 }
 
 void connection_impl::link_established() { owner_->abort(); }
+
+void connection::packet_ahead(const packet&) noexcept {}
 
 connection::connection() : connection(nullptr) {}
 

@@ -24,6 +24,7 @@ class connection_impl final : public zelnet::zelp::client_link {
 
  protected:
   bool packet_received(const zelnet::zelp::packet& in, zelnet::zelp::packet& out) override;
+  void packet_ahead(const zelnet::zelp::packet& next) override;
   void version_mismatch(std::uint32_t client_version, std::uint32_t server_version) override;
   void link_established() override;
 

@@ -33,6 +33,10 @@ class item_index {
   bool erase(const std::string& id);
   // Empties the store.
   void clear() noexcept;
+  // Fetches into cache the entry where the lookup of `id` starts.
+  void prefetch(const std::string& id) const noexcept {
+    if (!stale_ && !slots_.empty()) __builtin_prefetch(&slots_[hash_of(id) & (slots_.size() - 1)]);
+  }
   // The store changed without the index.
   void mark_stale() noexcept { stale_ = true; }
 

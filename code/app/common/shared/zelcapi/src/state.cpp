@@ -107,6 +107,10 @@ state::item_map& state::get_items_non_const(state_item_type type) {
   return store;
 }
 
+void state::prefetch_item(state_item_type type, const std::string& id) const noexcept {
+  if (static_cast<std::uint32_t>(type) < 7) indexes_[type]->prefetch(id);
+}
+
 detail::item_index& state::index_of(state_item_type type) {
   store_of(type);
   return *indexes_[type];

@@ -180,6 +180,21 @@ state* state_connection::get_state_non_const() { return state_.get(); }
 
 // --- dispatch ---
 
+void state_connection::packet_ahead(const packet& next) noexcept {
+  if (!state_ || next.get_type() != packet::type_notification) return;
+  const zelcore::properties& fields = next.get_properties();
+  const auto type = fields.find(item_type_key);
+  const auto id = fields.find(state_id_key);
+  if (type == fields.end() || id == fields.end() || !type->second || !id->second ||
+      type->second->kind() != zelcore::property::kind_int ||
+      id->second->kind() != zelcore::property::kind_string)
+    return;
+  const std::int64_t kind = static_cast<const zelcore::property_int&>(*type->second).value();
+  if (kind < 0 || kind > static_cast<std::int64_t>(state_item_task)) return;
+  state_->prefetch_item(static_cast<state_item_type>(kind),
+                        static_cast<const zelcore::property_string&>(*id->second).value());
+}
+
 bool state_connection::sc_handle(const packet& in, packet& out) {
   switch (in.get_type()) {
     case packet::type_request: return handle_command(in, out);

@@ -147,6 +147,12 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
  private:
   friend class connection_impl;
 
+  // Called inside wait() or run() before a packet goes to the handler, when the packet after it
+  // has arrived whole and been decoded too: a hint for a subclass to start early on what that
+  // packet will touch (fetching it into cache). It must change nothing that the packet handled
+  // first could see. The default does nothing.
+  virtual void packet_ahead(const zelnet::zelp::packet& next) noexcept;
+
   // Copies the link's version outcome and destroys it.
   void _destroy_link();
   // The common part of the synchronous exchanges: flag, slot, send, wait.

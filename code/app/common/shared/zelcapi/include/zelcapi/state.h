@@ -403,6 +403,9 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   void add_workflow(const std::string& workflow_id, const workflow_ptr& workflow);
 
  private:
+  friend class state_connection;
+  // Fetches into cache the index entry of an item about to be changed; no effect otherwise.
+  void prefetch_item(state_item_type type, const std::string& id) const noexcept;
   // The store of a kind, raising as get_items_non_const does for another value.
   item_map& store_of(state_item_type type);
   // The id index of a kind's store (errors as store_of).

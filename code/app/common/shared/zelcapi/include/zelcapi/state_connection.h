@@ -137,6 +137,9 @@ class ZELCAPI_EXPORT state_connection : public connection {
   void sc_disconnected(const std::string& reason, bool reconnecting);
 
  private:
+  // An item notification coming next: the replica fetches the index entry of its id into cache.
+  void packet_ahead(const zelnet::zelp::packet& next) noexcept override;
+
   // The handler installed on the connection: forwards everything to the state connection.
   class sc_handler final : public handler {
    public:
