@@ -75,8 +75,7 @@ void link::decode_ahead() {
     return;
   }
   ahead_size_ = frame.size();
-  has_ahead_ = true;
-  packet_ahead(ahead_);
+  packet_ahead(*ahead_);
 }
 
 bool link::handle_frames(zelbase::file& f, ioctrl& c) {
@@ -93,10 +92,10 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
         ahead_failure_.clear();
         break;
       }
-      if (has_ahead_) {
-        has_ahead_ = false;
+      if (ahead_) {
+        in = std::move(*ahead_);
+        ahead_.reset();
         decoder_.admit(ahead_size_);
-        in = std::move(ahead_);
       } else {
         std::string_view frame;
         if (!decoder_.next(frame)) break;
@@ -121,7 +120,7 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
     // The callback may have dropped this link (a disconnect from a handler).
     if (!c.watches(f, *this)) {
       unfinished_ = false;
-      has_ahead_ = false;
+      ahead_.reset();
       ahead_failure_.clear();
       return true;
     }

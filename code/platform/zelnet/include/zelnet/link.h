@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -100,12 +101,11 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   bool closing_ = false;
   bool unfinished_ = false;  // inside handle_frames, or left by a callback that raised
   std::string failure_;
-  // The packet after the one being handled, decoded ahead (has_ahead_), or the reason its
-  // frame could not be decoded (non-empty ahead_failure_); the frame's payload size is checked
-  // against the limit again when its turn comes, as a limit changed meanwhile would apply to it.
-  packet ahead_;
+  // The packet after the one being handled, decoded ahead, or the reason its frame could not be
+  // decoded (non-empty ahead_failure_); the frame's payload size is checked against the limit
+  // again when its turn comes, as a limit changed meanwhile would apply to it.
+  std::optional<packet> ahead_;
   std::size_t ahead_size_ = 0;
-  bool has_ahead_ = false;
   std::string ahead_failure_;
 };
 

@@ -72,11 +72,14 @@ bool item_index::usable() {
   return true;
 }
 
-item_index::iterator item_index::find(const std::string& id) {
-  if (!usable()) return store_.find(id);
-  if (slots_.empty()) return store_.end();
+zelcore::properties* item_index::find(const std::string& id) {
+  if (!usable()) {
+    const auto it = store_.find(id);
+    return it != store_.end() ? &it->second : nullptr;
+  }
+  if (slots_.empty()) return nullptr;
   const slot& s = slots_[probe(id, hash_of(id))];
-  return s.hash != 0 ? s.node : store_.end();
+  return s.hash != 0 ? &s.node->second : nullptr;
 }
 
 item_index::iterator item_index::find_or_insert(const std::string& id) {

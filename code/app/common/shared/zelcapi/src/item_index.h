@@ -25,8 +25,8 @@ class item_index {
   item_index(const item_index&) = delete;
   item_index& operator=(const item_index&) = delete;
 
-  // The item's node, or the store's end.
-  iterator find(const std::string& id);
+  // The item's record, or null.
+  zelcore::properties* find(const std::string& id);
   // The item's node, inserted with an empty record when absent.
   iterator find_or_insert(const std::string& id);
   // Erases the item from the store; false when it was absent.

@@ -108,7 +108,7 @@ state::item_map& state::get_items_non_const(state_item_type type) {
 }
 
 void state::prefetch_item(state_item_type type, const std::string& id) const noexcept {
-  if (static_cast<std::uint32_t>(type) < 7) indexes_[type]->prefetch(id);
+  indexes_[type]->prefetch(id);
 }
 
 detail::item_index& state::index_of(state_item_type type) {
@@ -156,9 +156,8 @@ void state::item_remove(state_item_type type, const std::string& id) {
 
 void state::item_erase_property_ref(state_item_type type, const std::string& id,
                                     const std::string& ref) {
-  item_map& items = store_of(type);
-  const auto it = index_of(type).find(id);
-  if (it != items.end()) it->second.set_referenced_property(ref, zelcore::property_ptr());
+  if (zelcore::properties* record = index_of(type).find(id))
+    record->set_referenced_property(ref, zelcore::property_ptr());
   if (receiver_) receiver_->on_item_erased_property_ref(type, id, ref);
 }
 

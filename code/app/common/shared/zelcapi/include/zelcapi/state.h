@@ -404,7 +404,7 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
 
  private:
   friend class state_connection;
-  // Fetches into cache the index entry of an item about to be changed; no effect otherwise.
+  // Fetches into cache the index entry of an item about to be changed; `type` must name a kind.
   void prefetch_item(state_item_type type, const std::string& id) const noexcept;
   // The store of a kind, raising as get_items_non_const does for another value.
   item_map& store_of(state_item_type type);
