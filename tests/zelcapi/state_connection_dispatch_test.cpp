@@ -255,4 +255,17 @@ TEST(StateConnectionWithoutReplica, SetItemOnlyCallsStateItemSet) {
   EXPECT_EQ(c.get_state(), nullptr);
 }
 
+TEST(StateConnectionWithoutReplica, AnItemTypeOfNoKindStillReachesTheHandler) {
+  recording_state_handler h;
+  probe_state_connection c(&h);
+  zelnet::zelp::packet out;
+  zeltest::capture_sink sink;
+  EXPECT_TRUE(c.sc_handle(
+      notification("cluster.api.state.set-item", item_fields(9, "x", one_field("a", 1))), out));
+  EXPECT_TRUE(
+      c.sc_handle(notification("cluster.api.state.remove-item", item_fields(-3, "x")), out));
+  EXPECT_EQ(h.calls, (lines{"set 9 x {\"a\":1}", "removed -3 x"}));
+  EXPECT_EQ(state_connection_failures(sink), lines{});
+}
+
 }  // namespace

@@ -244,20 +244,37 @@ TEST_F(StateConnectionTest, WrongKindFieldsAreReportedAndCountAsHandled) {
   EXPECT_TRUE(replica().get_items(state_item_job).empty());
 }
 
-TEST_F(StateConnectionTest, UnknownItemTypesAreReportedAndChangeNothing) {
+TEST_F(StateConnectionTest, AnItemTypeTheStateDoesNotHaveIsRefusedByTheStateInTheRowsOrder) {
   zeltest::capture_sink sink;
-  // 2^32 + 5 would name a job if it were cut to 32 bits.
-  deliver({set_item(7, "x", one_field("a", 1)), set_item(-1, "x", one_field("a", 1)),
-           set_item((std::int64_t{1} << 32) + 5, "x", one_field("a", 1)),
-           item_notification("remove-item", 99, "x"), item_notification("historize-item", 7, "x")});
-  EXPECT_EQ(state_connection_failures(sink),
-            (lines{failed("unknown item type 7"), failed("unknown item type -1"),
-                   failed("unknown item type 4294967301"), failed("unknown item type 99"),
-                   failed("unknown item type 7")}));
-  EXPECT_EQ(handler.calls, lines{});
+  zelcore::properties erase = item_fields(9, "x");
+  erase.set_string_value("property-ref", "/a");
+  deliver({set_item(7, "x", one_field("a", 1)), update_item(-1, "x", one_field("a", 1)),
+           item_notification("remove-item", 99, "x"),
+           notification("cluster.api.state.erase-property-ref", erase)});
+  // Rows that apply first never reach the handler; rows that tell first do, then the state
+  // refuses the kind.
+  EXPECT_EQ(handler.calls, (lines{"removed 99 x", "erased 9 x /a"}));
+  EXPECT_EQ(state_connection_failures(sink), (lines{failed("state does not have item type 7"),
+                                                    failed("state does not have item type -1"),
+                                                    failed("state does not have item type 99"),
+                                                    failed("state does not have item type 9")}));
   for (int t = 0; t < 7; ++t) {
     EXPECT_TRUE(replica().get_items(static_cast<zelcapi::state_item_type>(t)).empty());
   }
+}
+
+TEST_F(StateConnectionTest, AnItemTypeBeyond32BitsIsRefusedWithoutBeingCut) {
+  zeltest::capture_sink sink;
+  // 2^32 + 5 would name a job if it were cut to 32 bits.
+  const std::int64_t wide = (std::int64_t{1} << 32) + 5;
+  deliver({set_item(wide, "x", one_field("a", 1)), item_notification("remove-item", wide, "x"),
+           set_item(-(std::int64_t{1} << 31) - 1, "x", one_field("a", 1))});
+  EXPECT_EQ(state_connection_failures(sink),
+            (lines{failed("item type 4294967301 is out of range"),
+                   failed("item type 4294967301 is out of range"),
+                   failed("item type -2147483649 is out of range")}));
+  EXPECT_EQ(handler.calls, lines{});
+  EXPECT_TRUE(replica().get_items(zelcapi::state_item_job).empty());
 }
 
 TEST_F(StateConnectionTest, AFailingWorkflowUpdateIsReportedAndTheReplicaStaysUsable) {

@@ -92,8 +92,11 @@ class recording_state_handler : public zelcapi::state_handler {
     return answer;
   }
   std::string item(zelcapi::state_item_type t, const std::string& id) const {
-    std::string text = std::to_string(t) + " " + id;
-    if (replica != nullptr) text += replica->has_item(t, id) ? " live" : " absent";
+    std::string text = std::to_string(static_cast<std::int32_t>(t)) + " " + id;
+    // A kind the state does not have is told as it came: only the state refuses it.
+    if (replica != nullptr && t <= zelcapi::state_item_task) {
+      text += replica->has_item(t, id) ? " live" : " absent";
+    }
     return text;
   }
   std::string result(const std::string& id) const {

@@ -2,6 +2,7 @@
 // notifications applied to the replica, snapshot and history requests and their replies.
 #include "zelcapi/state_connection.h"
 
+#include <limits>
 #include <string_view>
 #include <typeinfo>
 
@@ -49,16 +50,18 @@ bool applied_or_reported(Apply apply) {
   return true;
 }
 
-// The "item-type" field; raises es::arg for a value that names no item kind.
+// The "item-type" field. Every int goes on to the handler and the state, which is the one
+// place that refuses a kind it does not have; a value that is no int at all is refused here,
+// since cutting it to 32 bits could make it name a kind.
 state_item_type item_type_of(const zelcore::properties& fields) {
   const std::int64_t type = fields.get_int_value(item_type_key);
-  if (type < static_cast<std::int64_t>(state_item_client) ||
-      type > static_cast<std::int64_t>(state_item_task)) {
-    zelbase::es::arg::raise(
-        source_file, __LINE__,
-        zelbase::string_with_format("unknown item type %lld", static_cast<long long>(type)));
+  if (type < std::numeric_limits<std::int32_t>::min() ||
+      type > std::numeric_limits<std::int32_t>::max()) {
+    zelbase::es::arg::raise(source_file, __LINE__,
+                            zelbase::string_with_format("item type %lld is out of range",
+                                                        static_cast<long long>(type)));
   }
-  return static_cast<state_item_type>(type);
+  return static_cast<state_item_type>(static_cast<std::int32_t>(type));
 }
 
 const std::string& state_id_of(const zelcore::properties& fields) {

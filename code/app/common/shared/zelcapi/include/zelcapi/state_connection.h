@@ -80,10 +80,11 @@ class ZELCAPI_EXPORT state_handler {
 // connection accepts frames of up to 1 GiB once logged in (set_frame_limit raises it further).
 //
 // Failures: a notification or reply that cannot be applied (a missing field, a field of the
-// wrong kind, an unknown item type, a failing workflow update, a snapshot the replica refuses) is
-// reported ("failed to update state ('<message>')", category "state_connection") and counts as
-// handled; the replica keeps what the failing operation left, and the next packets are applied
-// as usual.
+// wrong kind, an item type the state does not have, a failing workflow update, a snapshot the
+// replica refuses) is reported ("failed to update state ('<message>')", category
+// "state_connection") and counts as handled; the replica keeps what the failing operation left,
+// and the next packets are applied as usual. An item type reaches the handler and the state as
+// it came, in the order of its notification; only the state refuses a kind it does not have.
 class ZELCAPI_EXPORT state_connection : public connection {
  public:
   // The frame limit after login of a new state connection: 1 GiB, which admits the snapshot of
