@@ -55,6 +55,15 @@ TEST(ZelctlCommandLine, BadFlagsExitOneWithOneLine) {
   }
 }
 
+TEST(ZelctlCommandLine, AnUnknownFlagIsNamedEvenWithoutASubcommand) {
+  EXPECT_EQ(run({"--bogus"}).err,
+            "zelctl: The following argument was not expected: --bogus (see zelctl --help)\n");
+  EXPECT_EQ(run({"--bogus", "--other"}).err,
+            "zelctl: The following arguments were not expected: --bogus --other (see zelctl "
+            "--help)\n");
+  EXPECT_EQ(run({"--simulate"}).err, "zelctl: A subcommand is required (see zelctl --help)\n");
+}
+
 TEST_F(ZelctlConnect, StatusPrintsMasterAndNodesAsJson) {
   const result r = run(at(sim_, pw(), 2) + std::vector<std::string>{"status", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;

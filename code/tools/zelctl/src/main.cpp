@@ -1,6 +1,8 @@
 // zelctl: the command line client of the cluster. Parses the global flags and the subcommand,
 // runs it, and turns every error into one line on stderr and a meaningful exit code.
+#include <algorithm>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -32,7 +34,14 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "zelctl: %s (see zelctl --help)\n", e.what());
+    // An unknown flag before any subcommand leaves none parsed: naming the flag says more than
+    // the missing subcommand that it caused.
+    std::vector<std::string> unknown = app.remaining();
+    std::reverse(unknown.begin(), unknown.end());  // in the order of the command line
+    const bool unknown_flag =
+        dynamic_cast<const CLI::RequiredError*>(&e) != nullptr && !unknown.empty();
+    std::fprintf(stderr, "zelctl: %s (see zelctl --help)\n",
+                 unknown_flag ? CLI::ExtrasError(unknown).what() : e.what());
     return exit_usage;
   }
   // The library's own reports are for its developers: only errors reach the terminal.
