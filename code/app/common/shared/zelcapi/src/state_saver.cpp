@@ -147,6 +147,9 @@ void state::save_state_to_db(bool wait) {
                                  boost::make_shared<zelworkflow::workflow_info>(*workflow));
   copy->results = workflow_results_;
   copy->sequence_number = workflow_seq_nr_;
+  // The previous saver ends before the next one starts: two savers waiting for the lock take it
+  // in no set order, and the older copy could be written last.
+  replace_current_saver(zelbase::ptr_refcount<state_saver>());
   replace_current_saver(zelbase::make_refcount<state_saver>(*state_db_, std::move(copy)));
   if (wait) replace_current_saver(zelbase::ptr_refcount<state_saver>());
 }

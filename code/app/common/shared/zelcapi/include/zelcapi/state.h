@@ -375,7 +375,7 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   // state_db). When a save is still running it reports "Previous save of state still active,
   // ..." and returns (wait false) or saves after it (wait true). With wait true it returns
   // when the save is done. A failing state_db is reported ("Failed to update state: %s"), never
-  // raised. Saves of all states in the process run one at a time.
+  // raised. Saves of all states in the process run one at a time, in the order asked for.
   void save_state_to_db(bool wait);
   // Makes `db` the state_db (null: none) after waiting for a running save, and loads the items,
   // results, sequence number and workflows from it. Raises what the state_db raises.
