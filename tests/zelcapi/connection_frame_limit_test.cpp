@@ -148,3 +148,53 @@ TEST_F(FrameLimit, RaisingTheLimitAppliesToTheLoggedInLink) {
 }
 
 }  // namespace
+
+namespace {
+
+// A notification whose "data" is 200 one-element lists nested in one another: about 80 bytes
+// of heap per payload byte once decoded.
+packet nested_lists_notification() {
+  zelcore::property_ptr value = zelcore::make_int(1);
+  for (int level = 0; level < 200; ++level)
+    value =
+        zelcore::property_ptr(new zelcore::property_list(zelcore::property_list::list_type{value}));
+  packet p(packet::type_notification, "nested");
+  p.get_properties()["data"] = value;
+  return p;
+}
+
+bool dropped_for_cap(const zeltest::capture_sink& sink, std::size_t length, std::size_t cap) {
+  const std::string text = "link dropped: invalid packet: cannot decode property: a " +
+                           std::to_string(length) + "-byte payload takes more than " +
+                           std::to_string(cap) + " bytes of memory per payload byte";
+  const auto prints = sink.prints();
+  return std::any_of(prints.begin(), prints.end(), [&](const zeltest::captured_print& p) {
+    return p.category == "zelcapi::connection:error" && p.text == text;
+  });
+}
+
+}  // namespace
+
+TEST_F(FrameLimit, APacketAboveTheDecodeCapDropsTheLinkWithBothFigures) {
+  EXPECT_EQ(c.get_decode_cap(), 32u);
+  connect();
+  login();
+  zeltest::capture_sink sink;
+  sim.broadcast(nested_lists_notification());
+  run_until_event(c, h);
+  EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(h.events,
+            (std::vector<std::string>{"status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  EXPECT_TRUE(dropped_for_cap(sink, payload_size(nested_lists_notification()), 32));
+}
+
+TEST_F(FrameLimit, ARaisedDecodeCapAdmitsTheSamePacketOnTheLiveLink) {
+  connect();
+  login();
+  c.set_decode_cap(1024);
+  EXPECT_EQ(c.get_decode_cap(), 1024u);
+  sim.broadcast(nested_lists_notification());
+  run_until_event(c, h);
+  EXPECT_TRUE(c.is_connected());
+  EXPECT_EQ(h.events, std::vector<std::string>{"handle 3 nested"});
+}

@@ -1,7 +1,10 @@
 // The property tree: kinds, sharing on copy, accessors and their errors, comparison and text.
 #include <gtest/gtest.h>
 
+#include <list>
 #include <map>
+#include <type_traits>
+#include <utility>
 
 #include "zelbase/exceptions.h"
 #include "zelcore/properties.h"
@@ -126,6 +129,19 @@ TEST(Properties, CloneIsADeepCopyThatSharesNothing) {
   EXPECT_TRUE(tree == p);
   EXPECT_NE(tree.get_property("nested").get(), p.get_property("nested").get());
   EXPECT_NE(tree.get_property("string").get(), p.get_property("string").get());
+}
+
+TEST(Properties, GetListValueGivesAStdListOfSharedConstantProperties) {
+  static_assert(std::is_same_v<decltype(std::declval<const properties&>().get_list_value("")),
+                               const std::list<zelbase::ptr_refcount<const zelcore::property>>&>);
+  properties p;
+  const zelcore::property_ptr first = zelcore::make_int(1);
+  zelcore::property_list::list_type elements{first, zelcore::make_string("two")};
+  p["list"] = zelcore::property_ptr(new zelcore::property_list(std::move(elements)));
+  const std::list<zelbase::ptr_refcount<const zelcore::property>>& list = p.get_list_value("list");
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list.front().get(), first.get());  // shared, not copied
+  EXPECT_EQ(list.back()->to_string(), "two");
 }
 
 TEST(Properties, AccessorsReturnStoredValues) {

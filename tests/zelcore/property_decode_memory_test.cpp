@@ -10,7 +10,9 @@
 #include <thread>
 
 #include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
 #include "zelcore/properties.h"
+#include "zelnet/codec.h"
 
 namespace {
 
@@ -174,8 +176,10 @@ void make_constants() { zelcore::decode_property("\x94\x80\x90\x01\xa1x", 6); }
 #define SKIP_UNLESS_MALLINFO_COUNTS() \
   if (!mallinfo_counts()) GTEST_SKIP() << "mallinfo2 does not see this allocator"
 
-// Flat input: a value costs at most this per byte it takes.
-constexpr double bound_per_byte = 16;
+// Flat input (the elements of one list): an element costs its list node, 32 bytes of heap with
+// the allocator's header, and shared constants or at most 16 per byte for itself; one-byte
+// elements are the worst, one more byte covers the outer list.
+constexpr double bound_per_byte = 33;
 // Nested input costs an object per level and its array of children: a map level (3 bytes) at
 // most 48 bytes per input byte, a list level (1 byte) at most 80.
 constexpr double nested_map_bound_per_byte = 48;
@@ -257,4 +261,78 @@ TEST(PropertyDecodeMemory, ListsNestedToTheDepthLimitTakeAtMostTheirLevelsCostPe
   make_constants();
   const std::string in = nests_of("\x91");
   EXPECT_LE(heap_per_input_byte(in), nested_list_bound_per_byte);
+}
+
+namespace {
+
+// The heap per input byte that decoding `in` takes with no cap, then whether a cap under it is
+// refused with its reason, leaving the heap where it was, and twice that cap accepted: the
+// decoder counts at least what the heap holds, and not much more.
+void expect_the_cap_decides(const std::string& in) {
+  make_constants();
+  const double cost = heap_per_input_byte(in);
+  const auto capped = [&](std::size_t cap) {
+    std::string error = "no error";
+    const std::size_t before = heap_in_use();
+    std::thread([&] {
+      try {
+        zelcore::decode_property(in.data(), in.size(), zelcore::default_decode_max_depth, cap);
+      } catch (const zelbase::es::arg& e) {
+        error = e.what();
+      }
+    }).join();
+    // Nothing of a refused tree stays once its thread has given back its block cache; an
+    // accepted one is gone with its pointer.
+    const std::size_t after = heap_in_use();
+    EXPECT_LT(after, before + (std::size_t{64} << 10)) << "cap " << cap;
+    return error;
+  };
+  const std::size_t below = static_cast<std::size_t>(cost) - 1;
+  const std::size_t above = 2 * below + 1;
+  EXPECT_EQ(capped(below), zelbase::string_with_format(
+                               "cannot decode property: a %zu-byte payload takes more than %zu "
+                               "bytes of memory per payload byte",
+                               in.size(), below))
+      << "cost " << cost;
+  EXPECT_EQ(capped(above), "no error") << "cost " << cost;
+}
+
+}  // namespace
+
+TEST(PropertyDecodeCap, NestedOneElementListsAreRefusedUnderTheirCostAndAcceptedOver) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  expect_the_cap_decides(nests_of("\x91"));
+}
+
+TEST(PropertyDecodeCap, NestedOnePairMapsAreRefusedUnderTheirCostAndAcceptedOver) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  expect_the_cap_decides(nests_of("\x81\xa1k"));
+}
+
+TEST(PropertyDecodeCap, EmptyMapsAreRefusedUnderTheirCostAndAcceptedOver) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  expect_the_cap_decides(array_of(std::string("\x80", 1), payload_bytes));
+}
+
+TEST(PropertyDecodeCap, EmptyListsAreRefusedUnderTheirCostAndAcceptedOver) {
+  SKIP_UNLESS_MALLINFO_COUNTS();
+  expect_the_cap_decides(array_of(std::string("\x90", 1), payload_bytes));
+}
+
+TEST(PropertyDecodeCap, TheDefaultCapOfALinkRefusesNestedListsAndMapsButNotFlatInput) {
+  const std::string lists = nests_of("\x91");
+  const std::string maps = nests_of("\x81\xa1k");
+  const std::string flat = array_of(std::string("\x90", 1), payload_bytes);
+  const auto refused = [](const std::string& in) {
+    try {
+      zelnet::zelp::decode_packet(in.data(), in.size());
+    } catch (const zelbase::es::arg& e) {
+      return std::string(e.what()).find("bytes of memory per payload byte") != std::string::npos;
+    }
+    return false;
+  };
+  // Each is refused for its cost, before its shape (it is no packet) is looked at.
+  EXPECT_TRUE(refused(lists));
+  EXPECT_TRUE(refused(maps));
+  EXPECT_FALSE(refused(flat));
 }

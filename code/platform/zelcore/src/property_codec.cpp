@@ -25,13 +25,15 @@ constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_code
 
 class tree_reader {
  public:
-  tree_reader(const char* data, std::size_t size, std::size_t max_depth)
+  tree_reader(const char* data, std::size_t size, std::size_t max_depth,
+              std::size_t memory_per_byte)
       : begin_(reinterpret_cast<const unsigned char*>(data)),
         next_(begin_),
         end_(begin_ + size),
         pair_budget_(size / 2),
-        element_budget_(size),
-        max_depth_(std::min(max_depth, deepest)) {
+        max_depth_(std::min(max_depth, deepest)),
+        memory_per_byte_(memory_per_byte),
+        memory_budget_(memory_budget(size, memory_per_byte)) {
     if (size >= arena_threshold) arena_.emplace();
   }
 
@@ -51,9 +53,39 @@ class tree_reader {
   static constexpr std::size_t arena_threshold = std::size_t{16} << 10;
   // Each level is a call: this bounds the stack whatever depth a caller allows.
   static constexpr std::size_t deepest = 1024;
+  // A node of a list: two links and the element.
+  static constexpr std::size_t list_node_size = 2 * sizeof(void*) + sizeof(property_ptr);
+  // A key of the key table, beside its text: its count and links.
+  static constexpr std::size_t key_node_size = 4 * sizeof(void*);
+
+  // An input of `size` bytes may build this much; no cap gives the largest size.
+  static std::size_t memory_budget(std::size_t size, std::size_t per_byte) {
+    if (per_byte == 0 || size > SIZE_MAX / per_byte) return SIZE_MAX;
+    return size * per_byte;
+  }
+
+  // The heap that a block of `bytes` takes: the allocator's header, rounded up to 16 bytes.
+  static constexpr std::size_t block(std::size_t bytes) {
+    return (bytes + sizeof(void*) + 15) & ~std::size_t{15};
+  }
+
+  // Counts a block of `bytes` that the tree is about to take, as the heap it holds, and refuses
+  // the input once the count passes its budget: a peer's input must not make the client hold
+  // more than the cap per byte of it.
+  void charge(std::size_t bytes) {
+    bytes = block(bytes);
+    if (bytes <= memory_budget_) {
+      memory_budget_ -= bytes;
+      return;
+    }
+    raise_decode(zelbase::string_with_format(
+        "a %zu-byte payload takes more than %zu bytes of memory per payload byte",
+        static_cast<std::size_t>(end_ - begin_), memory_per_byte_));
+  }
 
   template <class T, class... Args>
   zelbase::ptr_refcount<T> make(Args&&... args) {
+    charge(sizeof(T));
     return zelbase::ptr_refcount<T>::adopt_new(arena_ ? new (*arena_) T(std::forward<Args>(args)...)
                                                       : new T(std::forward<Args>(args)...));
   }
@@ -146,6 +178,7 @@ class tree_reader {
   property_ptr read_string(std::size_t size) {
     const char* bytes = take(size);
     if (const property* shared = detail::shared_string(bytes, size)) return property_ptr(shared);
+    if (size >= 16) charge(size + 1);  // beyond the string's inline room
     return make<property_string>(bytes, size);
   }
 
@@ -157,15 +190,12 @@ class tree_reader {
   property_ptr read_list(std::uint32_t count, std::size_t depth) {
     open_container(depth);
     if (count == 0) return property_ptr(detail::shared_empty_list());
+    // Nodes are added as elements are read: a forged count reserves nothing.
     property_list::list_type elements;
-    // An element takes at least a byte: all the lists of one input together reserve at most
-    // one slot per input byte, whatever their counts claim.
-    const std::size_t reserve = std::min<std::size_t>(count, element_budget_);
-    element_budget_ -= reserve;
-    elements.reserve(reserve);
     for (std::uint32_t i = 0; i < count; ++i) {
       property_ptr element = read_value(depth + 1);
       if (!element) raise_decode("nil is not allowed in a list");
+      charge(list_node_size);
       elements.push_back(std::move(element));
     }
     return make<property_list>(std::move(elements));
@@ -182,6 +212,7 @@ class tree_reader {
     // counts, even nested ones, cannot together reserve more than that.
     const std::size_t reserve = std::min<std::size_t>(count, pair_budget_);
     pair_budget_ -= reserve;
+    charge(reserve * sizeof(detail::slot));
     entries.reserve(reserve);
     bool sorted = true;
     bool has_nil = false;
@@ -224,6 +255,8 @@ class tree_reader {
       raise_decode("a map key is not a string");
     }
     const char* key = take(size);
+    // Keys are shared across trees; counted as if each were new, since a peer may make them so.
+    charge(key_node_size + size);
     const std::uint64_t order = property_entry::order_of(key, size);
     entries.push_back({order, detail::key_lookup(key, size, order), property_ptr()});
   }
@@ -233,9 +266,10 @@ class tree_reader {
   const unsigned char* const begin_;
   const unsigned char* next_;
   const unsigned char* const end_;
-  std::size_t pair_budget_;     // map pairs that may still be reserved
-  std::size_t element_budget_;  // list elements that may still be reserved
+  std::size_t pair_budget_;  // map pairs that may still be reserved
   const std::size_t max_depth_;
+  const std::size_t memory_per_byte_;  // the cap, 0 for none
+  std::size_t memory_budget_;          // bytes the tree may still take
 };
 
 }  // namespace
@@ -407,13 +441,15 @@ void pack_property(const property& value, zelbase::encoder_network& encoder) {
 
 }  // namespace detail
 
-property_ptr decode_property(const char* data, std::size_t size, std::size_t max_depth) {
+property_ptr decode_property(const char* data, std::size_t size, std::size_t max_depth,
+                             std::size_t memory_per_byte) {
   if (size == 0) raise_decode("input is empty");
-  return tree_reader(data, size, max_depth).read_whole();
+  return tree_reader(data, size, max_depth, memory_per_byte).read_whole();
 }
 
-properties decode_properties(const char* data, std::size_t size, std::size_t max_depth) {
-  property_ptr value = decode_property(data, size, max_depth);
+properties decode_properties(const char* data, std::size_t size, std::size_t max_depth,
+                             std::size_t memory_per_byte) {
+  property_ptr value = decode_property(data, size, max_depth, memory_per_byte);
   if (value->kind() != property::kind_properties)
     raise_decode(zelbase::string_with_format("the value is a %s, not a properties",
                                              property_kind_c_str(value->kind())));

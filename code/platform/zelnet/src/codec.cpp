@@ -122,10 +122,11 @@ void append_packet_frame(const packet& p, zelbase::encoder_network& out) {
   }
 }
 
-packet decode_packet(const char* data, std::size_t size) {
+packet decode_packet(const char* data, std::size_t size, std::size_t memory_per_byte) {
   zelcore::property_ptr value;
   try {
-    value = zelcore::decode_property(data, size);
+    value =
+        zelcore::decode_property(data, size, zelcore::default_decode_max_depth, memory_per_byte);
   } catch (const zelbase::es::base& e) {
     raise_packet(e.message());
   } catch (const std::bad_alloc&) {

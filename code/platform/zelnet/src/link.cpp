@@ -69,7 +69,7 @@ void link::decode_ahead() {
   std::string_view frame;
   decoder_.next(frame);
   try {
-    ahead_ = decode_packet(frame.data(), frame.size());
+    ahead_ = decode_packet(frame.data(), frame.size(), decode_cap_);
   } catch (const zelbase::es::base& e) {
     ahead_failure_ = e.message();
     return;
@@ -106,7 +106,7 @@ bool link::handle_frames(zelbase::file& f, ioctrl& c) {
           if (!failure_.empty()) break;
           continue;
         }
-        in = decode_packet(frame.data(), frame.size());
+        in = decode_packet(frame.data(), frame.size(), decode_cap_);
       }
     } catch (const zelbase::es::base& e) {
       fail(e.message());

@@ -139,11 +139,12 @@ class ZELCORE_EXPORT property_string final
   property_string(const char* data, std::size_t size) : property_scalar(data, size) {}
 };
 
-// The elements are held in one contiguous array (a pointer each), so that a decoded list costs
-// no more than its input; a caller may rely on iteration in order, size() and indexing.
+// An ordered list of shared, constant elements. The elements are a std::list, as every user of
+// the tree expects of get_list_value; lists are rare in records, so the node per element costs
+// little (docs/property-tree.md has the figures).
 class ZELCORE_EXPORT property_list final : public property {
  public:
-  using list_type = std::vector<property_ptr>;
+  using list_type = std::list<property_ptr>;
 
   property_list() noexcept : property(kind_list) {}
   explicit property_list(list_type values) noexcept
@@ -464,13 +465,17 @@ constexpr std::size_t default_decode_max_depth = 256;
 
 // Builds a property from the network encoding. The whole input must be one value. Raises
 // es::arg with the reason for truncated, malformed or unsupported input (floats, binary, ext,
-// nil outside a map, non-string keys, nesting deeper than max_depth, which is at most 1024).
+// nil outside a map, non-string keys, nesting deeper than max_depth, which is at most 1024),
+// and for input whose tree would take more than `memory_per_byte` bytes of memory per input
+// byte (0: no cap), counted as it is built; the part built is freed before the error leaves.
 // A nil map value means the key is absent; duplicate keys keep the last value.
 ZELCORE_EXPORT property_ptr decode_property(const char* data, std::size_t size,
-                                            std::size_t max_depth = default_decode_max_depth);
+                                            std::size_t max_depth = default_decode_max_depth,
+                                            std::size_t memory_per_byte = 0);
 // As decode_property, for input whose top value must be a map.
 ZELCORE_EXPORT properties decode_properties(const char* data, std::size_t size,
-                                            std::size_t max_depth = default_decode_max_depth);
+                                            std::size_t max_depth = default_decode_max_depth,
+                                            std::size_t memory_per_byte = 0);
 
 }  // namespace zelcore
 

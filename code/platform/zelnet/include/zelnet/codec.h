@@ -19,6 +19,9 @@ namespace zelnet::zelp {
 constexpr std::uint32_t protocol_version = 2;
 // Largest payload a frame may carry unless a link is given another limit (64 MiB).
 constexpr std::size_t default_frame_limit = std::size_t{64} << 20;
+// Memory that decoding a received payload may take per payload byte unless a link is given
+// another cap: real trees take about 5; a peer's nested one-element lists would take 80.
+constexpr std::size_t default_decode_cap = 32;
 // Size of the big-endian length that starts every frame.
 constexpr std::size_t frame_header_size = 4;
 
@@ -34,8 +37,11 @@ ZELNET_EXPORT std::string encode_packet_frame(const packet& p);
 ZELNET_EXPORT void append_packet_frame(const packet& p, zelbase::encoder_network& out);
 // The packet in a frame's payload; raises es::arg "invalid packet: <reason>" for anything that
 // is not a MessagePack array [type (int), name (string), properties (map)], and for a payload
-// whose tree does not fit in memory ("not enough memory to decode a N-byte payload").
-ZELNET_EXPORT packet decode_packet(const char* data, std::size_t size);
+// whose tree does not fit in memory ("not enough memory to decode a N-byte payload") or would
+// take more than `memory_per_byte` bytes per payload byte ("a N-byte payload takes more than
+// M bytes of memory per payload byte"; 0: no cap).
+ZELNET_EXPORT packet decode_packet(const char* data, std::size_t size,
+                                   std::size_t memory_per_byte = default_decode_cap);
 
 // Cuts a byte stream into frame payloads. Holds at most one partial frame plus the bytes of
 // the last feed; never reserves memory from an announced length alone, and never more than the

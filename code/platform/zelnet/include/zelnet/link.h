@@ -34,6 +34,11 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   // frame in progress when its payload is still incomplete).
   std::size_t frame_limit() const noexcept { return decoder_.limit(); }
   void set_frame_limit(std::size_t limit) noexcept { decoder_.set_limit(limit); }
+  // The memory that decoding a received packet may take per payload byte (default 32; 0: no
+  // cap); a packet above it drops the link. So a link never holds more than the frame limit
+  // times the cap for one packet. A change applies from the next packet decoded on.
+  std::size_t decode_cap() const noexcept { return decode_cap_; }
+  void set_decode_cap(std::size_t bytes_per_byte) noexcept { decode_cap_ = bytes_per_byte; }
   // Why the link dropped itself (a protocol or socket error); empty while nothing failed and
   // when the peer closed cleanly between frames.
   const std::string& failure() const noexcept { return failure_; }
@@ -93,6 +98,7 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   ioctrl& controller_;
   zelbase::file file_;
   std::string host_;
+  std::size_t decode_cap_ = default_decode_cap;
   frame_decoder decoder_;
   zelbase::encoder_network out_;  // the send queue; bytes before out_pos_ are written
   std::size_t out_pos_ = 0;

@@ -118,6 +118,7 @@ connection::connection(handler* h)
       server_version_(0),
       frame_limit_(zelnet::zelp::default_frame_limit),
       login_frame_limit_(zelnet::zelp::default_frame_limit),
+      decode_cap_(zelnet::zelp::default_decode_cap),
       logged_in_(false) {}
 
 connection::~connection() {
@@ -144,6 +145,7 @@ result_code connection::connect(const std::string& host, const std::string& port
   version_mismatch_ = false;
   server_version_ = 0;
   if (!link_) return connection_failed;
+  link_->set_decode_cap(decode_cap_);
   try {
     zelnet::socket_connector connector;
     const bool connected = connector.create_connect(host, port, zelnet::socket_kind_tcp);
@@ -260,6 +262,13 @@ void connection::set_login_frame_limit(std::size_t bytes) {
 }
 
 std::size_t connection::get_login_frame_limit() const { return login_frame_limit_; }
+
+void connection::set_decode_cap(std::size_t bytes_per_byte) {
+  decode_cap_ = bytes_per_byte;
+  if (link_) link_->set_decode_cap(bytes_per_byte);
+}
+
+std::size_t connection::get_decode_cap() const { return decode_cap_; }
 
 std::size_t connection::_link_frame_limit() const {
   return logged_in_ ? frame_limit_ : std::min(frame_limit_, login_frame_limit_);

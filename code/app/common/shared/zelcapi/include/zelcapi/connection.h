@@ -103,6 +103,12 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // logged the client in cannot make it buffer more. The smaller of the two limits applies.
   void set_login_frame_limit(std::size_t bytes);
   std::size_t get_login_frame_limit() const;
+  // The memory in bytes that decoding a received packet may take per payload byte (default 32;
+  // real trees take about 5; 0: no cap). A packet whose tree would take more drops the link,
+  // with a reason that names the payload's size and the cap; so no packet makes the link hold
+  // more than the frame limit times the cap. Applies to the live link from its next packet.
+  void set_decode_cap(std::size_t bytes_per_byte);
+  std::size_t get_decode_cap() const;
 
   // Logs in and follows the cluster: retries a node that is not ready (2 seconds apart, the
   // time-out one second shorter each time) and reconnects to the master a node names. Returns
@@ -179,6 +185,7 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   std::uint32_t server_version_;
   std::size_t frame_limit_;
   std::size_t login_frame_limit_;
+  std::size_t decode_cap_;
   bool logged_in_;
 };
 
