@@ -353,3 +353,21 @@ TEST_F(SqliteStateDbTest, FullDurabilityStoreSavesAndReopens) {
   sqlite_state_db db(path, full);
   expect_saved(db, first, 2);
 }
+
+TEST_F(SqliteStateDbTest, RecordsOfOneLoadShareEqualShortStringsAndStayApartFromAnotherLoad) {
+  properties records(false);
+  for (int n = 0; n < 10; ++n)
+    records.set_properties_value("j" + std::to_string(n),
+                                 properties{{"user", zelcore::make_string("alice")},
+                                            {"id", zelcore::make_string("j" + std::to_string(n))}});
+  sqlite_state_db db(path);
+  save(db, records, 1);
+  const auto first = db.load_items(db_item_job);
+  const auto second = db.load_items(db_item_job);
+  const auto user = [](const properties& loaded, const char* id) {
+    return loaded.get_properties_value(id).get_property("user").get();
+  };
+  EXPECT_EQ(user(*first, "j0"), user(*first, "j9"));
+  EXPECT_NE(user(*first, "j0"), user(*second, "j0"));
+  EXPECT_TRUE(*first == records);
+}

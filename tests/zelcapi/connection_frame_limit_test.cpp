@@ -151,15 +151,16 @@ TEST_F(FrameLimit, RaisingTheLimitAppliesToTheLoggedInLink) {
 
 namespace {
 
-// A notification whose "data" is 200 one-element lists nested in one another: about 80 bytes
-// of heap per payload byte once decoded.
+// A notification whose "data" holds 100 nests of 200 one-element lists each: about 80 bytes of
+// heap per payload byte once decoded, and more than any payload's small allowance.
 packet nested_lists_notification() {
-  zelcore::property_ptr value = zelcore::make_int(1);
+  zelcore::property_ptr nest = zelcore::make_int(1);
   for (int level = 0; level < 200; ++level)
-    value =
-        zelcore::property_ptr(new zelcore::property_list(zelcore::property_list::list_type{value}));
+    nest =
+        zelcore::property_ptr(new zelcore::property_list(zelcore::property_list::list_type{nest}));
   packet p(packet::type_notification, "nested");
-  p.get_properties()["data"] = value;
+  p.get_properties()["data"] = zelcore::property_ptr(
+      new zelcore::property_list(zelcore::property_list::list_type(100, nest)));
   return p;
 }
 

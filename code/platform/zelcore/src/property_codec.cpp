@@ -23,6 +23,103 @@ constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_code
   zelbase::es::arg::raise(source_file, __LINE__, "cannot decode property: " + reason);
 }
 
+// The strings read so far in one large input, so that equal values share one immutable string
+// property: users, nodes, slots, states and commands repeat across the records of a snapshot.
+// It lives for one decode only; no table outlives its input, and none is shared between threads.
+class string_table {
+ public:
+  // The string property equal to the `size` bytes at `data`, or null.
+  const property* find(const char* data, std::size_t size, std::uint64_t hash) const {
+    if (slots_.empty()) return nullptr;
+    for (std::size_t i = hash & mask_;; i = (i + 1) & mask_) {
+      const slot& s = slots_[i];
+      if (!s.value) return nullptr;
+      if (s.hash == hash && s.size == size && std::memcmp(s.data, data, size) == 0)
+        return s.value.get();
+    }
+  }
+  // Remembers `value`, whose text is the `size` bytes at `data` (in the input, which outlives
+  // the table).
+  void insert(const char* data, std::size_t size, std::uint64_t hash, property_ptr value) {
+    if ((used_ + 1) * 4 > slots_.size() * 3) grow();
+    place(slot{hash, data, size, std::move(value)});
+    ++used_;
+  }
+
+  // Whether a string under the key whose text is at `key` (null outside a map) is worth looking
+  // up: a key whose values seldom repeat (ids, names, commands) stops being looked up after a
+  // few, which keeps the table small enough to stay in cache.
+  bool worth_looking_up(const void* key) {
+    if (!key) return true;
+    key_stats& k = stats_of(key);
+    if (k.key != key) k = key_stats{key, 0, 0, true};
+    if (k.sharing && k.lookups >= trial_lookups && k.hits * 4 < k.lookups) k.sharing = false;
+    return k.sharing;
+  }
+  // Counts the outcome of a lookup under `key`.
+  void looked_up(const void* key, bool hit) {
+    if (!key) return;
+    key_stats& k = stats_of(key);
+    ++k.lookups;
+    if (hit) ++k.hits;
+  }
+
+  static std::uint64_t hash_of(const char* data, std::size_t size) {
+    // The first and last eight bytes and the size: enough to tell ids and names apart without
+    // reading a long string twice.
+    std::uint64_t head = 0, tail = 0;
+    std::memcpy(&head, data, std::min<std::size_t>(size, 8));
+    if (size > 8)
+      std::memcpy(&tail, data + size - std::min<std::size_t>(size - 8, 8),
+                  std::min<std::size_t>(size - 8, 8));
+    std::uint64_t h = (head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ size) * 0xff51afd7ed558ccdULL;
+    return h ^ (h >> 29);
+  }
+
+ private:
+  struct slot {
+    std::uint64_t hash;
+    const char* data;
+    std::size_t size;
+    property_ptr value;
+  };
+
+  void place(slot&& s) {
+    for (std::size_t i = s.hash & mask_;; i = (i + 1) & mask_) {
+      if (!slots_[i].value) {
+        slots_[i] = std::move(s);
+        return;
+      }
+    }
+  }
+  void grow() {
+    std::vector<slot> old(slots_.empty() ? 1024 : slots_.size() * 2);
+    old.swap(slots_);
+    mask_ = slots_.size() - 1;
+    for (slot& s : old)
+      if (s.value) place(std::move(s));
+  }
+
+  struct key_stats {
+    const void* key;
+    std::uint32_t lookups;
+    std::uint32_t hits;
+    bool sharing;
+  };
+  static constexpr std::uint32_t trial_lookups = 4096;
+
+  // One slot per key, by its address; two keys that meet in a slot start their trial again.
+  key_stats& stats_of(const void* key) {
+    const std::uint64_t h = reinterpret_cast<std::uintptr_t>(key) * 0x9e3779b97f4a7c15ULL;
+    return keys_[h >> 54];
+  }
+
+  std::vector<slot> slots_;
+  std::size_t mask_ = 0;
+  std::size_t used_ = 0;
+  key_stats keys_[1024] = {};
+};
+
 class tree_reader {
  public:
   tree_reader(const char* data, std::size_t size, std::size_t max_depth,
@@ -34,7 +131,10 @@ class tree_reader {
         max_depth_(std::min(max_depth, deepest)),
         memory_per_byte_(memory_per_byte),
         memory_budget_(memory_budget(size, memory_per_byte)) {
-    if (size >= arena_threshold) arena_.emplace();
+    if (size >= arena_threshold) {
+      arena_.emplace();
+      strings_.emplace();
+    }
   }
 
   property_ptr read_whole() {
@@ -53,15 +153,21 @@ class tree_reader {
   static constexpr std::size_t arena_threshold = std::size_t{16} << 10;
   // Each level is a call: this bounds the stack whatever depth a caller allows.
   static constexpr std::size_t deepest = 1024;
+  // The memory that any input may take, whatever its size and the cap.
+  static constexpr std::size_t small_input_allowance = std::size_t{64} << 10;
+  // Longer strings are seldom repeated: they are not looked up.
+  static constexpr std::size_t longest_shared_string = 128;
   // A node of a list: two links and the element.
   static constexpr std::size_t list_node_size = 2 * sizeof(void*) + sizeof(property_ptr);
   // A key of the key table, beside its text: its count and links.
   static constexpr std::size_t key_node_size = 4 * sizeof(void*);
 
-  // An input of `size` bytes may build this much; no cap gives the largest size.
+  // An input of `size` bytes may build this much; no cap gives the largest size. Every input
+  // may take a small allowance, so that the fixed cost of a few objects never refuses a packet
+  // of a few bytes.
   static std::size_t memory_budget(std::size_t size, std::size_t per_byte) {
     if (per_byte == 0 || size > SIZE_MAX / per_byte) return SIZE_MAX;
-    return size * per_byte;
+    return std::max(size * per_byte, small_input_allowance);
   }
 
   // The heap that a block of `bytes` takes: the allocator's header, rounded up to 16 bytes.
@@ -178,6 +284,18 @@ class tree_reader {
   property_ptr read_string(std::size_t size) {
     const char* bytes = take(size);
     if (const property* shared = detail::shared_string(bytes, size)) return property_ptr(shared);
+    if (!strings_ || size > longest_shared_string || !strings_->worth_looking_up(value_key_))
+      return new_string(bytes, size);
+    const std::uint64_t hash = string_table::hash_of(bytes, size);
+    const property* seen = strings_->find(bytes, size, hash);
+    strings_->looked_up(value_key_, seen != nullptr);
+    if (seen) return property_ptr(seen);
+    property_ptr made = new_string(bytes, size);
+    strings_->insert(bytes, size, hash, made);
+    return made;
+  }
+
+  property_ptr new_string(const char* bytes, std::size_t size) {
     if (size >= 16) charge(size + 1);  // beyond the string's inline room
     return make<property_string>(bytes, size);
   }
@@ -221,7 +339,10 @@ class tree_reader {
       if (sorted && entries.size() > 1 &&
           !detail::entry_less(entries[entries.size() - 2], entries.back()))
         sorted = false;
-      if (property_ptr value = read_value(depth + 1))
+      value_key_ = &entries.back().first();
+      property_ptr value = read_value(depth + 1);
+      value_key_ = nullptr;
+      if (value)
         entries.back().second = std::move(value);
       else
         has_nil = true;
@@ -263,6 +384,8 @@ class tree_reader {
 
   // Declared first: it must outlive every object built while it is released.
   std::optional<detail::arena> arena_;
+  std::optional<string_table> strings_;  // for large inputs, which repeat values
+  const void* value_key_ = nullptr;      // the key of the map value being read, if it is one
   const unsigned char* const begin_;
   const unsigned char* next_;
   const unsigned char* const end_;

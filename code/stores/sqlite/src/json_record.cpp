@@ -278,8 +278,13 @@ class writer {
 
 class reader {
  public:
-  reader(std::string_view text, std::vector<properties::container>& pending)
-      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), pending_(pending) {
+  reader(std::string_view text, std::vector<properties::container>& pending,
+         shared_strings* strings)
+      : begin_(text.data()),
+        p_(text.data()),
+        end_(text.data() + text.size()),
+        pending_(pending),
+        strings_(strings) {
     for (properties::container& children : pending_) children.clear();
   }
 
@@ -319,12 +324,17 @@ class reader {
     switch (*p_) {
       case '{': ++p_; return object(depth);
       case '[': ++p_; return list(depth);
-      case '"': ++p_; return zelcore::make_string(std::string(string()));
+      case '"': ++p_; return string_value(string());
       case 't': return literal("true", zelcore::make_bool(true));
       case 'f': return literal("false", zelcore::make_bool(false));
       case 'n': fail("null is not a value of a record");
       default: return number();
     }
+  }
+
+  property_ptr string_value(std::string_view text) {
+    if (strings_ && text.size() <= shared_strings::longest) return strings_->get(value_key_, text);
+    return zelcore::make_string(std::string(text));
   }
 
   property_ptr literal(std::string_view word, property_ptr result) {
@@ -377,7 +387,10 @@ class reader {
       // The key is stored before the value is read: reading it reuses the scratch of `key`.
       pending(depth).emplace_back(key.data(), key.size());
       expect(':');
+      // Deeper levels fill other vectors: the stored key stays where it is meanwhile.
+      value_key_ = pending(depth).back().first;
       property_ptr child = value(depth + 1);
+      value_key_ = std::string_view();
       pending(depth).back().second = std::move(child);
       if (next_is('}')) break;
       expect(',');
@@ -555,6 +568,8 @@ class reader {
   const char* p_;
   const char* end_;
   std::vector<properties::container>& pending_;
+  shared_strings* const strings_;
+  std::string_view value_key_;  // the key of the object value being read, if it is one
   std::string scratch_;
 };
 
@@ -575,9 +590,26 @@ void write_json(const properties& tree, zelbase::encoder_network& out) {
   writer(out).tree(tree, 1);
 }
 
-properties read_json(std::string_view text) {
+properties read_json(std::string_view text, shared_strings* strings) {
   thread_local std::vector<properties::container> pending;
-  return reader(text, pending).record();
+  return reader(text, pending, strings).record();
+}
+
+property_ptr shared_strings::get(std::string_view key, std::string_view text) {
+  auto k = keys_.find(std::string(key));
+  if (k == keys_.end()) k = keys_.emplace(std::string(key), key_stats{}).first;
+  key_stats& stats = k->second;
+  if (stats.lookups >= trial_lookups && stats.hits * 4 < stats.lookups)
+    return zelcore::make_string(std::string(text));
+  ++stats.lookups;
+  const auto found = seen_.find(text);
+  if (found != seen_.end()) {
+    ++stats.hits;
+    return found->second;
+  }
+  property_ptr made = zelcore::make_string(std::string(text));
+  seen_.emplace(static_cast<const zelcore::property_string&>(*made).value(), made);
+  return made;
 }
 
 }  // namespace zelcapi::sqlite_detail

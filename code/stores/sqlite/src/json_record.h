@@ -7,9 +7,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "zelbase/encoder_network.h"
 #include "zelcore/properties.h"
@@ -25,6 +27,8 @@ class malformed_json : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+class shared_strings;
+
 // Whether `text` is valid UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 bool is_utf8(std::string_view text);
 // Appends the JSON text of `tree` to `out`. Raises zelbase::es::arg for a tree nested deeper
@@ -33,6 +37,30 @@ void write_json(const zelcore::properties& tree, zelbase::encoder_network& out);
 // The tree of a JSON object written by write_json (or by any writer of the same mapping).
 // Raises malformed_json for other text: bad syntax, numbers that are not 64-bit integers, null,
 // an escape form that is not one of the two above, nesting deeper than json_max_depth.
-zelcore::properties read_json(std::string_view text);
+// With `strings`, equal short strings read through it share one property.
+zelcore::properties read_json(std::string_view text, shared_strings* strings = nullptr);
+
+// The short strings read while one set of records loads, so that records repeating a user, a
+// node or a state share one immutable string property. Lives for that load only.
+class shared_strings {
+ public:
+  // Strings longer than this are seldom repeated: they are not looked up.
+  static constexpr std::size_t longest = 32;
+  // The property holding `text`, the value of `key` in its record (empty in a list), shared
+  // with earlier reads of the same text. A key whose values seldom repeat (ids, names) stops
+  // being looked up after a trial, which keeps the table small.
+  zelcore::property_ptr get(std::string_view key, std::string_view text);
+
+ private:
+  struct key_stats {
+    std::uint32_t lookups = 0;
+    std::uint32_t hits = 0;
+  };
+  static constexpr std::uint32_t trial_lookups = 4096;
+
+  std::unordered_map<std::string, key_stats> keys_;
+  // Keys are views of the properties' own texts, which never change.
+  std::unordered_map<std::string_view, zelcore::property_ptr> seen_;
+};
 
 }  // namespace zelcapi::sqlite_detail

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "json_record.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelcore/properties.h"
 
@@ -20,9 +21,10 @@ constexpr std::int64_t schema_version = 1;
 
 class connection;
 // The tree of a stored record; raises es::uspec naming the table and the id when its JSON text
-// cannot be read.
+// cannot be read. With `strings`, equal short strings share one property with the records read
+// before through it.
 zelcore::properties decode_record(const connection& db, const char* table, std::string_view id,
-                                  std::string_view json);
+                                  std::string_view json, shared_strings* strings = nullptr);
 
 class connection {
  public:

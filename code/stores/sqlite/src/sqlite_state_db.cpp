@@ -218,11 +218,12 @@ properties_cptr sqlite_state_db::load_items(db_item_type type) {
   statement& all = impl_->reads[kind].all;
   reset_on_exit done(all);
   zelcore::properties::container children;
+  sqlite_detail::shared_strings strings;  // the records of a kind repeat users, nodes, states
   while (all.step()) {
     const std::string_view id = all.text(0);
     children.emplace_back(
         std::string(id), zelcore::property_ptr(new zelcore::properties(sqlite_detail::decode_record(
-                             impl_->reader, tables[kind], id, all.text(1)))));
+                             impl_->reader, tables[kind], id, all.text(1), &strings))));
   }
   return properties_cptr(new zelcore::properties(std::move(children)));
 }
