@@ -15,6 +15,17 @@ using zelcore::properties;
 
 namespace {
 
+// A state loaded from `db` equals `st`.
+void expect_loaded_equal(const state& st, zelcapi::state_db& db) {
+  zelcore::plugin_db plugins;
+  state loaded(plugins, nullptr);
+  loaded.set_and_update_from_state_db(&db);
+  properties expected(false), got(false);
+  st.get_state(expected);
+  loaded.get_state(got);
+  EXPECT_TRUE(got == expected);
+}
+
 void change_while_saving(state& st, zelcapi::state_db& db) {
   for (int round = 0; round < 200; ++round) {
     for (int n = 0; n < 20; ++n)
@@ -30,13 +41,7 @@ void change_while_saving(state& st, zelcapi::state_db& db) {
     st.save_state_to_db(false);
   }
   st.save_state_to_db(true);
-  zelcore::plugin_db plugins;
-  state loaded(plugins, nullptr);
-  loaded.set_and_update_from_state_db(&db);
-  properties expected(false), got(false);
-  st.get_state(expected);
-  loaded.get_state(got);
-  EXPECT_TRUE(got == expected);
+  expect_loaded_equal(st, db);
 }
 
 }  // namespace
@@ -100,12 +105,7 @@ TEST(StateSaverThreads, RecordsSharingADecodedValueChangeAloneWhileTheSaverWrite
         << id;
     EXPECT_EQ(st.get_item(zelcapi::state_item_job, id).get_string_value("node"), "node-0042");
   }
-  state loaded(plugins, nullptr);
-  loaded.set_and_update_from_state_db(&db);
-  properties expected(false), got(false);
-  st.get_state(expected);
-  loaded.get_state(got);
-  EXPECT_TRUE(got == expected);
+  expect_loaded_equal(st, db);
 }
 
 TEST(StateSaverThreads, EqualValuesOfTwoSnapshotsAreNotShared) {
