@@ -88,7 +88,8 @@ void ioctrl::run(const volatile bool& stop) {
   while (!stop) {
     // An abort (a sync reply taken while running) ends waits only, not the run.
     aborted_ = false;
-    if (poll_once(run_tick_ms) == 0 && !timeout(run_tick_ms)) return;
+    const int served = poll_once(run_tick_ms);
+    if (served + fire_due_timers() == 0 && !timeout(run_tick_ms)) return;
   }
 }
 
@@ -105,6 +106,7 @@ bool ioctrl::watch(zelbase::file& f, hdlr& h, unsigned flags, bool attach, bool 
       return false;
     }
   }
+  update_watches();
   return true;
 }
 
@@ -116,6 +118,7 @@ bool ioctrl::wait(unsigned ms) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now()).count();
     // poll takes an int: a wait beyond 24 days polls in slices of at most INT_MAX ms.
     poll_once(static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
+    if (!aborted_) fire_due_timers();
     if (aborted_) {
       aborted_ = false;
       return true;
@@ -155,8 +158,105 @@ void ioctrl::retire(std::unique_ptr<hdlr> h) {
   }
 }
 
+int ioctrl::step() {
+  aborted_ = false;
+  const int served = poll_once(0);
+  // An abort stops the frames after an awaited reply; the timers run still, so that a
+  // completion posted for that reply comes before those frames (which the next step handles).
+  const int fired = fire_due_timers();
+  update_watches();
+  return served + fired;
+}
+
+bool ioctrl::serve_until(const bool& done) {
+  while (!done) {
+    if (entries_.empty() && timers_.empty()) return false;
+    aborted_ = false;
+    poll_once(-1);
+    fire_due_timers();
+  }
+  aborted_ = false;
+  return true;
+}
+
+std::vector<ioctrl::watched_file> ioctrl::watched_files() const {
+  std::vector<watched_file> files;
+  files.reserve(entries_.size());
+  for (const auto& [fd, e] : entries_) {
+    unsigned events = watch_readable;
+    if (!e.listener && e.handler->wants_write()) events |= watch_writable;
+    files.push_back(watched_file{fd, events, e.id});
+  }
+  return files;
+}
+
+std::optional<ioctrl::clock::time_point> ioctrl::next_deadline() const {
+  for (const auto& [fd, e] : entries_) {
+    if (!e.listener && e.handler->has_pending_input()) return clock::now();
+  }
+  if (timers_.empty()) return std::nullopt;
+  return timers_.begin()->first.first;
+}
+
+void ioctrl::set_watch_callback(std::function<void()> callback) {
+  watch_callback_ = std::move(callback);
+  told_watches_ = watched_files();
+}
+
+void ioctrl::update_watches() {
+  if (!watch_callback_) return;
+  std::vector<watched_file> now = watched_files();
+  if (now == told_watches_) return;
+  told_watches_ = std::move(now);
+  watch_callback_();
+}
+
+ioctrl::timer_id ioctrl::add_timer(clock::time_point when, std::function<void()> callback) {
+  const timer_id id = next_timer_id_++;
+  const auto it = timers_.emplace(std::make_pair(when, id), std::move(callback)).first;
+  timer_times_.emplace(id, when);
+  // A loop's timer is armed for the earliest deadline: one that comes sooner re-arms it.
+  if (it == timers_.begin() && watch_callback_) watch_callback_();
+  return id;
+}
+
+bool ioctrl::cancel_timer(timer_id id) noexcept {
+  const auto it = timer_times_.find(id);
+  if (it == timer_times_.end()) return false;
+  timers_.erase(std::make_pair(it->second, id));
+  timer_times_.erase(it);
+  return true;
+}
+
+int ioctrl::fire_due_timers() {
+  int fired = 0;
+  // One at a time: a callback may add or cancel timers, and a timer added for now by a
+  // callback runs in the same pass.
+  while (!timers_.empty() && timers_.begin()->first.first <= clock::now()) {
+    const auto it = timers_.begin();
+    std::function<void()> callback = std::move(it->second);
+    timer_times_.erase(it->first.second);
+    timers_.erase(it);
+    ++fired;
+    depth_guard guard(depth_);
+    callback();
+  }
+  sweep();
+  return fired;
+}
+
+int ioctrl::until_next_timer(int ms) const {
+  if (timers_.empty()) return ms;
+  if (ms < 0) ms = INT_MAX;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - clock::now())
+          .count();
+  return static_cast<int>(std::clamp<decltype(left)>(left, 0, ms));
+}
+
 int ioctrl::poll_once(int ms) {
   if (const int resumed = resume_pending()) return resumed;
+  ms = until_next_timer(ms);
   std::vector<pollfd> fds;
   std::vector<std::uint64_t> ids;
   fds.reserve(entries_.size());
@@ -219,6 +319,8 @@ void ioctrl::drop(int fd, std::uint64_t id) {
   if (it == entries_.end() || it->second.id != id) return;
   entry e = it->second;
   entries_.erase(it);
+  // An event loop stops watching the file while it is still open.
+  update_watches();
   if (e.listener) {
     erase_listener(e.file, *e.handler, e.flags);
   } else {

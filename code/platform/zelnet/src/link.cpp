@@ -170,12 +170,14 @@ void link::send(const packet& p) {
   // Encoded straight into the queue: a frame of hundreds of megabytes is never copied.
   append_packet_frame(p, out_);
   flush_when_open();
+  controller_.update_watches();
 }
 
 void link::send_raw(const std::string& bytes) {
   if (out_pos_ == out_.size()) empty_queue();
   out_.write(bytes.data(), bytes.size());
   flush_when_open();
+  controller_.update_watches();
 }
 
 void link::flush_when_open() {

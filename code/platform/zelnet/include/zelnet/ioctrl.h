@@ -1,11 +1,20 @@
 // The I/O controller: watches sockets with poll(2) and runs their handlers on the thread that
-// calls wait() or run(). It starts no thread and takes no lock: one thread uses it at a time.
+// calls wait(), run() or step(). It starts no thread and takes no lock: one thread uses it at a
+// time.
+//
+// An application with an event loop of its own gives the controller no thread: its loop watches
+// watched_files(), calls step() when one of them is ready or when next_deadline() has come, and
+// re-registers the files when the watch callback says that they changed.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "zelbase/file.h"
@@ -39,6 +48,23 @@ class ZELNET_EXPORT ioctrl {
     virtual bool resume(zelbase::file& f, unsigned flags, ioctrl& c);
   };
 
+  using clock = std::chrono::steady_clock;
+  using timer_id = std::uint64_t;
+
+  // What a watched file waits for.
+  enum watch_events : unsigned { watch_readable = 1, watch_writable = 2 };
+  // One file to watch: its descriptor, the events it waits for and a serial number that tells a
+  // new file from an earlier one with the same descriptor.
+  struct watched_file {
+    int descriptor;
+    unsigned events;
+    std::uint64_t serial;
+    bool operator==(const watched_file& o) const noexcept {
+      return descriptor == o.descriptor && events == o.events && serial == o.serial;
+    }
+    bool operator!=(const watched_file& o) const noexcept { return !(*this == o); }
+  };
+
   // `capacity` is the size in bytes of the buffer that reads go through.
   explicit ioctrl(unsigned capacity);
   virtual ~ioctrl();
@@ -64,9 +90,38 @@ class ZELNET_EXPORT ioctrl {
   // Starts watching `f` with `h`: inserts it, makes it non-blocking when `nonblocking`, and
   // calls h.attach when `attach`. False when the file cannot be watched.
   bool watch(zelbase::file& f, hdlr& h, unsigned flags, bool attach, bool nonblocking);
-  // Processes I/O until abort() (true) or until `ms` milliseconds have passed (false);
+  // Processes I/O and timers until abort() (true) or until `ms` milliseconds have passed (false);
   // wait(1) does the pending work once.
   bool wait(unsigned ms);
+  // Does the work that is due, without blocking: input left unhandled in a buffer, what the
+  // watched files are ready for, and the timers whose time has come. Returns the number of
+  // files and timers served. Handler and timer callbacks run inside it; what they raise leaves
+  // it, and the work left is done by the next step.
+  int step();
+  // The files to watch, in descriptor order; every file waits for readable.
+  std::vector<watched_file> watched_files() const;
+  // When step() must run at the latest: the earliest timer, or now while input waits in a
+  // buffer; none when only a watched file can bring work.
+  std::optional<clock::time_point> next_deadline() const;
+  // `callback` (may be empty) is called whenever watched_files() changes (a file added, a file
+  // dropped before it is closed, a change of the events a file waits for) and when a timer is
+  // set that comes before every other, so that a loop re-registers its files and re-arms its
+  // timer. It is called on the thread that uses the controller, from inside the call that made
+  // the change (a step, or a call such as connect_async).
+  void set_watch_callback(std::function<void()> callback);
+  // Calls the watch callback if watched_files() changed since it was last told; the links call
+  // it after queuing output that the socket did not take at once.
+  void update_watches();
+  // Runs `callback` from a step, wait or run once `when` has come. Returns an id for
+  // cancel_timer.
+  timer_id add_timer(clock::time_point when, std::function<void()> callback);
+  // Forgets a timer that has not fired; false when there is none of that id.
+  bool cancel_timer(timer_id id) noexcept;
+
+  // Processes I/O and timers until `done` becomes true; false when nothing is left that could
+  // make it so (no file watched and no timer set). The synchronous forms of asynchronous
+  // operations wait with it.
+  bool serve_until(const bool& done);
   // Ends the current wait() with true; may be called from a handler inside that wait.
   void abort() noexcept { aborted_ = true; }
   // True from abort() until the wait it ends returns (or the run's next tick).
@@ -93,9 +148,13 @@ class ZELNET_EXPORT ioctrl {
     std::uint64_t id;
   };
 
-  // One poll(2) of at most `ms` milliseconds and the dispatch of what it found; returns the
-  // number of files that had events.
+  // One poll(2) of at most `ms` milliseconds (less when a timer is due sooner) and the dispatch
+  // of what it found; returns the number of files that had events.
   int poll_once(int ms);
+  // Runs the timers that are due; returns their number.
+  int fire_due_timers();
+  // Milliseconds from now to the earliest timer, at most `ms`.
+  int until_next_timer(int ms) const;
   // Lets handlers with input left unhandled finish it; returns their number.
   int resume_pending();
   void dispatch(int fd, std::uint64_t id, short events);
@@ -108,6 +167,31 @@ class ZELNET_EXPORT ioctrl {
   bool aborted_ = false;
   unsigned depth_ = 0;
   std::vector<std::unique_ptr<hdlr>> retired_;
+  std::map<std::pair<clock::time_point, timer_id>, std::function<void()>> timers_;
+  std::map<timer_id, clock::time_point> timer_times_;
+  timer_id next_timer_id_ = 1;
+  std::function<void()> watch_callback_;
+  std::vector<watched_file> told_watches_;
 };
+
+// For event-loop adapters: erases from `watches` (a map from descriptor to a pointer whose
+// `file` is the watched_file it watches) every entry whose file is no longer in `files`, calling
+// `release` with it first.
+template <class Watches, class Release>
+void forget_unwatched(Watches& watches, const std::vector<ioctrl::watched_file>& files,
+                      Release release) {
+  for (auto it = watches.begin(); it != watches.end();) {
+    bool kept = false;
+    for (const ioctrl::watched_file& f : files) {
+      kept = kept || (f.descriptor == it->first && f.serial == it->second->file.serial);
+    }
+    if (kept) {
+      ++it;
+    } else {
+      release(it->second);
+      it = watches.erase(it);
+    }
+  }
+}
 
 }  // namespace zelnet

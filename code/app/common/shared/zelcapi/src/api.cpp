@@ -1,13 +1,13 @@
 // The connection: connect and disconnect, login with redirect to the cluster master, and the
 // request/reply exchange over the connection's one link.
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <new>
 
 #include "connection_impl.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
-#include "zelbase/time.h"
 #include "zelcore/identifiers.h"
 #include "zelcore/report.h"
 #include "zelnet/socket.h"
@@ -19,10 +19,6 @@ namespace {
 constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\api";
 constexpr const char* default_reason = "Connection Closed";
 constexpr unsigned default_timeout = 15;
-constexpr unsigned not_ready_retry_seconds = 2;
-constexpr std::int64_t interface_version = 3;
-constexpr std::int64_t api_not_ready = 12;
-constexpr const char* status_request_name = "cluster.client.cluster-status";
 
 using zelnet::zelp::packet;
 
@@ -89,8 +85,10 @@ bool connection_impl::packet_received(const packet& in, packet& out) {
     waiting_sync_reply_ = false;
     owner_->sync_packet_ = in;
     owner_->abort();
+    owner_->_exchange_replied();
     return true;
   }
+  if (owner_->_take_reply(in)) return true;
   return handler_ == nullptr || handler_->handle(in, out);
 }
 
@@ -101,7 +99,10 @@ void connection_impl::version_mismatch(std::uint32_t, std::uint32_t server_versi
   server_version_ = server_version;
 }
 
-void connection_impl::link_established() { owner_->abort(); }
+void connection_impl::link_established() {
+  owner_->abort();
+  owner_->_post_connect_end();
+}
 
 void connection::packet_ahead(const packet&) noexcept {}
 
@@ -119,7 +120,8 @@ connection::connection(handler* h)
       frame_limit_(zelnet::zelp::default_frame_limit),
       login_frame_limit_(zelnet::zelp::default_frame_limit),
       decode_cap_(zelnet::zelp::default_decode_cap),
-      logged_in_(false) {}
+      logged_in_(false),
+      operations_(std::make_unique<connection_operations>()) {}
 
 connection::~connection() {
   try {
@@ -135,6 +137,30 @@ bool connection::_status(result_code code, const std::string& text, bool flag) {
 
 result_code connection::connect(const std::string& host, const std::string& port,
                                 unsigned timeout) {
+  bool finished = false;
+  result_code result = connection_failed;
+  connect_async(host, port, timeout, [&finished, &result](result_code r) {
+    result = r;
+    finished = true;
+  });
+  try {
+    if (serve_until(finished)) return result;
+  } catch (const zelbase::es::base& e) {
+    // A handler that raised while the link opened fails the connect, as a socket error would.
+    operations_->connecting.reset();
+    _connect_raised(e);
+    return connection_failed;
+  } catch (...) {
+    operations_->connecting.reset();
+    throw;
+  }
+  operations_->connecting.reset();
+  return connection_failed;
+}
+
+void connection::connect_async(const std::string& host, const std::string& port, unsigned timeout,
+                               connect_callback done) {
+  if (operations_->connecting) _finish_connect(connection_failed);
   if (link_) disconnect("Already connected", true);
   host_ = host;
   port_ = port;
@@ -144,7 +170,10 @@ result_code connection::connect(const std::string& host, const std::string& port
   link_.reset(new (std::nothrow) connection_impl(*this, handler_, _link_frame_limit()));
   version_mismatch_ = false;
   server_version_ = 0;
-  if (!link_) return connection_failed;
+  if (!link_) {
+    done(connection_failed);
+    return;
+  }
   link_->set_decode_cap(decode_cap_);
   try {
     zelnet::socket_connector connector;
@@ -154,34 +183,57 @@ result_code connection::connect(const std::string& host, const std::string& port
     if (!connected) {
       disconnect("Failed to connect", false);
       _status(connection_failed, "", false);
-      return connection_failed;
+      done(connection_failed);
+      return;
     }
     if (!watch(connector.get_file(), *link_, 0, true, true)) {
       connector.get_file().close();
       disconnect("socket error (failed to watch socket)", false);
       _status(connection_failed, "", false);
-      return connection_failed;
-    }
-    if (!wait(milliseconds(timeout))) {
-      disconnect("timed out", false);
-      _status(connection_timeout, "", false);
-      return connection_timeout;
+      done(connection_failed);
+      return;
     }
   } catch (const zelbase::es::base& e) {
-    const std::string message = e.message();
-    disconnect(zelbase::string_with_format("exception: %s", message.c_str()), false);
-    _status(connection_failed, message, false);
-    zelcore::ds::print("zelcapi::connect:error", "%s", message.c_str());
-    return connection_failed;
+    _connect_raised(e);
+    done(connection_failed);
+    return;
   }
+  const std::uint64_t id = operations_->next_id++;
+  const timer_id timer =
+      add_timer(clock::now() + std::chrono::milliseconds(milliseconds(timeout)), [this, id] {
+        if (!operations_->connecting || operations_->connecting->id != id) return;
+        connect_callback ended = std::move(operations_->connecting->done);
+        operations_->connecting.reset();
+        disconnect("timed out", false);
+        _status(connection_timeout, "", false);
+        ended(connection_timeout);
+      });
+  operations_->connecting = connection_operations::connect_op{id, std::move(done), timer};
+}
+
+void connection::_connect_raised(const zelbase::es::base& e) {
+  const std::string message = e.message();
+  disconnect(zelbase::string_with_format("exception: %s", message.c_str()), false);
+  _status(connection_failed, message, false);
+  zelcore::ds::print("zelcapi::connect:error", "%s", message.c_str());
+}
+
+void connection::_connect_ended(std::uint64_t id) {
+  if (!operations_->connecting || operations_->connecting->id != id) return;
   if (link_) {
-    _status(connection_ok, "", false);
-    return connection_ok;
+    _finish_connect(connection_ok);
+    return;
   }
   disconnect("connection closed while connecting", false);
-  const result_code result = version_mismatch_ ? wrong_protocol_version : connection_failed;
+  _finish_connect(version_mismatch_ ? wrong_protocol_version : connection_failed);
+}
+
+void connection::_finish_connect(result_code result) {
+  connect_callback ended = std::move(operations_->connecting->done);
+  cancel_timer(operations_->connecting->timer);
+  operations_->connecting.reset();
   _status(result, "", false);
-  return result;
+  ended(result);
 }
 
 result_code connection::connect(const std::string& host, const std::string& port) {
@@ -220,6 +272,7 @@ void connection::erase(zelbase::file& f, zelnet::ioctrl::hdlr&, unsigned) {
   }
   f.close();
   if (link_) _destroy_link();
+  _link_lost();
 }
 
 void connection::_destroy_link() {
@@ -293,105 +346,6 @@ const packet& connection::_give_up(result_code code) {
   return sync_packet_;
 }
 
-const packet& connection::login_sync(const packet& request, unsigned timeout) {
-  if (!link_) {
-    report(__LINE__, 3, 3, "no connection");
-    _status(no_connection_for_login, "", false);
-    zelbase::es::uspec::raise(source_file, __LINE__, "no connection");
-  }
-  const auto timed_out = [this](unsigned line) {
-    report(line, 3, 4, "connection timeout");
-    _status(login_timeout, "", false);
-    zelbase::es::uspec::raise(source_file, line, "connection timeout");
-  };
-  if (!_send_and_wait(request, timeout)) timed_out(__LINE__);
-  if (!link_) {
-    report(__LINE__, 3, 4, "disconnected");
-    _status(disconnected_on_login, "", false);
-    zelbase::es::uspec::raise(source_file, __LINE__, "disconnected");
-  }
-  report(__LINE__, 3, 7, "login_sync - have connection");
-  const zelcore::properties& reply = sync_packet_.get_properties();
-
-  if (reply.is_present("error")) {
-    if (!reply.is_present("api") || reply.get_int_value("api") != api_not_ready) {
-      return sync_packet_;
-    }
-    // The retries have used up the time-out (an answer can beat even a wait of 0): one
-    // second less would wrap around to an endless one.
-    if (timeout == 0) timed_out(__LINE__);
-    const std::string text = zelbase::string_with_format(
-        "Host was not ready, retrying in %u seconds", not_ready_retry_seconds);
-    report(__LINE__, 3, 4, text);
-    disconnect(text, true);
-    if (!_status(unknown_cluster_master, host_, true)) return _give_up(unknown_cluster_master);
-    zelbase::sleep_seconds(not_ready_retry_seconds);
-    if (connect(host_, port_, timeout) == connection_ok) {
-      // The time-out shrinks by a second per retry, which bounds the retries.
-      return login_sync(request, timeout - 1);
-    }
-    _status(connection_failed, "", false);
-    return _give_up(login_reconnection_failed);
-  }
-
-  const std::string master_id = reply.get_string_value("master-id");
-  const std::string node_id = reply.get_string_value("node-id");
-  report(__LINE__, 3, 7,
-         zelbase::string_with_format("l_master_id: %s. p_props.get_string_value(node_id): %s.",
-                                     master_id.c_str(), node_id.c_str()));
-  if (node_id == master_id) {
-    // A status request follows the login's path but logs nobody in.
-    if (request.get_name() != status_request_name) _logged_in();
-    _status(login_ok, master_id, true);
-    return sync_packet_;
-  }
-
-  const zelcore::properties* hosts = reply.get_properties_value_ptr("host-list");
-  const zelcore::properties* master =
-      hosts == nullptr ? nullptr : hosts->get_properties_value_ptr(master_id);
-  if (master == nullptr) {
-    report(__LINE__, 3, 4, "Cluster master is not present in host list");
-    _status(cluster_master_not_found, "", false);
-    return _give_up(cluster_master_not_found);
-  }
-  const std::string hostname = master->get_string_value("hostname");
-  const std::string client_port = master->get_string_value("client-port");
-  disconnect("Host was not master. Reconnecting to master", true);
-  if (!_status(reconnecting_to_master, hostname, false)) return _give_up(reconnecting_to_master);
-
-  const result_code result = connect(hostname, client_port, timeout);
-  if (result != connection_ok) {
-    report_and_raise(__LINE__, 4,
-                     zelbase::string_with_format(
-                         "Failed to connect to master '%s:%s' after redirect (%s)",
-                         hostname.c_str(), client_port.c_str(), result_code_c_str(result)));
-  }
-  return login_sync(request, timeout);
-}
-
-const packet& connection::login_sync(const std::string& username, const std::string& password,
-                                     const std::map<std::string, std::string>& storages,
-                                     const std::string& id, const std::string& io_port,
-                                     unsigned timeout, bool broadcasts) {
-  packet request(packet::type_request, "cluster.client.login");
-  zelcore::properties& props = request.get_properties();
-  props.set_int_value("interface-version", interface_version);
-  props.set_string_value("username", username);
-  props.set_string_value("password", zelcore::string_hash_SHA1_hex(password));
-  if (!storages.empty()) props.set_properties_value("storages", zelcore::properties(storages));
-  if (!id.empty()) props.set_string_value("id", id);
-  if (!io_port.empty()) props.set_string_value("io-port", io_port);
-  props.set_bool_value("broadcasts", broadcasts);
-  return login_sync(request, timeout);
-}
-
-const packet& connection::login_sync(const std::string& username, const std::string& password,
-                                     const std::string& id, const std::string& io_port,
-                                     unsigned timeout, bool broadcasts) {
-  return login_sync(username, password, std::map<std::string, std::string>(), id, io_port, timeout,
-                    broadcasts);
-}
-
 const packet& connection::admin_login_sync(const std::string& username, const std::string& password,
                                            unsigned timeout) {
   if (!link_) report_and_raise(__LINE__, 3, "no connection");
@@ -429,11 +383,5 @@ const packet& connection::send_sync(const packet& p) { return send_sync(p, timeo
 const packet& connection::get_sync_packet() const { return sync_packet_; }
 
 void connection::set_sync_packet(const packet& p) { sync_packet_ = p; }
-
-const packet& connection::get_cluster_status() {
-  packet request(packet::type_request, status_request_name);
-  request.get_properties().set_int_value("interface-version", interface_version);
-  return login_sync(request, timeout_);
-}
 
 }  // namespace zelcapi

@@ -4,7 +4,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <list>
+#include <optional>
+#include <string>
 
+#include "zelbase/severity.h"
 #include "zelcapi/connection.h"
 #include "zelnet/link.h"
 
@@ -35,5 +40,38 @@ class connection_impl final : public zelnet::zelp::client_link {
   bool version_mismatch_ = false;
   std::uint32_t server_version_ = 0;
 };
+
+// The asynchronous operations of a connection: each carries an id, so that an end posted for
+// one never ends a later one.
+struct connection_operations {
+  struct connect_op {
+    std::uint64_t id;
+    connection::connect_callback done;
+    zelnet::ioctrl::timer_id timer;
+  };
+  struct login_op {
+    std::uint64_t id;
+    zelnet::zelp::packet request;
+    unsigned timeout;
+    connection::reply_callback done;
+    zelnet::ioctrl::timer_id timer = 0;
+    bool awaiting_reply = false;
+  };
+  struct request_op {
+    std::uint64_t id;
+    std::string name;
+    connection::reply_callback done;
+    zelnet::ioctrl::timer_id timer;
+  };
+  std::optional<connect_op> connecting;
+  std::optional<login_op> login;
+  std::list<request_op> requests;
+  std::uint64_t next_id = 1;
+};
+
+// Reports `text` (kind 3) at `line` of `file` and gives it as the es::uspec that a synchronous
+// call raises.
+std::exception_ptr reported_failure(const char* file, unsigned line, zelbase::severity s,
+                                    const std::string& text);
 
 }  // namespace zelcapi

@@ -3,15 +3,22 @@
 //
 // Threads: the connection starts no thread. All I/O, and every handler call, happens on the
 // thread that is inside connect, login_sync, admin_login_sync, send, send_sync,
-// get_cluster_status, wait or run. A connection is used by one thread at a time.
+// get_cluster_status, wait, run or step. A connection is used by one thread at a time.
+//
+// Event loops: connect_async, login_async and send_async start an operation and return; it
+// completes through its callback inside a later step(), wait() or run() (see zelnet::ioctrl for
+// the files, the deadline and the step that an application's loop drives).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "zelbase/exceptions.h"
 #include "zelbase/refcount.h"
 #include "zelcapi/export.h"
 #include "zelnet/ioctrl.h"
@@ -60,6 +67,7 @@ class ZELCAPI_EXPORT handler {
 };
 
 class connection_impl;
+struct connection_operations;
 
 // A connection to one cluster node. It is its own I/O controller: call run() (or wait()) on
 // it to receive unsolicited packets, which go to the handler.
@@ -77,6 +85,19 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // to the handler); a connection that was connected is disconnected first.
   result_code connect(const std::string& host, const std::string& port, unsigned timeout);
   result_code connect(const std::string& host, const std::string& port);
+
+  // The end of connect_async: the result that connect would return.
+  using connect_callback = std::function<void(result_code result)>;
+  // The end of an asynchronous exchange: the reply (valid during the call), or, when `error` is
+  // set, the es::uspec that the synchronous form raises (the reply is then the sync packet).
+  using reply_callback =
+      std::function<void(const zelnet::zelp::packet& reply, std::exception_ptr error)>;
+
+  // Starts what connect does and returns: `done` gets the result from inside a later step, wait
+  // or run, or from this call when the connect fails at once. The handler hears the same
+  // status changes. A connect_async or disconnect before the end ends it with connection_failed.
+  void connect_async(const std::string& host, const std::string& port, unsigned timeout,
+                     connect_callback done);
   // Drops the link; the handler hears of it through status (manual_disconnection) and
   // disconnected (reason, reconnecting). Without a link it only logs and stores the reason:
   // the end of the next link then reports it.
@@ -126,6 +147,18 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
                                          unsigned timeout, bool broadcasts);
   // Sends "admin.login" and returns the reply; follows no redirect, calls no handler. Raises
   // es::uspec "no connection", "connection timeout" or "connection error".
+  // Starts what login_sync does and returns: the not-ready retries, the redirect and its connect
+  // run inside later steps, and `done` gets the reply or the failure that login_sync raises
+  // (from this call when there is no connection). One login at a time: another one meanwhile
+  // fails with "login in progress".
+  void login_async(const zelnet::zelp::packet& request, unsigned timeout, reply_callback done);
+  // The "cluster.client.login" request that login_sync sends (the password as its SHA-1 hex
+  // digest; "storages", "id" and "io-port" only when not empty).
+  static zelnet::zelp::packet login_request(const std::string& username,
+                                            const std::string& password,
+                                            const std::map<std::string, std::string>& storages,
+                                            const std::string& id, const std::string& io_port,
+                                            bool broadcasts);
   const zelnet::zelp::packet& admin_login_sync(const std::string& username,
                                                const std::string& password, unsigned timeout);
 
@@ -139,6 +172,11 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // taken at the next wait) or "Connection error" (the link was lost).
   const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p, unsigned timeout);
   const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p);
+  // Sends `p` and returns; `done` gets the first reply of the same name that is not awaited by
+  // send_sync, or es::uspec "Connection timeout" after `timeout` seconds (a later reply goes to
+  // the handler), "Connection error" when the link is lost, or "No connection" from this call.
+  // Any number may be in flight; replies of one name end their requests in the order sent.
+  void send_async(const zelnet::zelp::packet& p, unsigned timeout, reply_callback done);
   // The slot of the synchronous exchange: the last reply (or pending request).
   const zelnet::zelp::packet& get_sync_packet() const;
   void set_sync_packet(const zelnet::zelp::packet& p);
@@ -158,6 +196,28 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // packet will touch (fetching it into cache). It must change nothing that the packet handled
   // first could see. The default does nothing.
   virtual void packet_ahead(const zelnet::zelp::packet& next) noexcept;
+
+  // The asynchronous operations: the connect's end, the login's steps, the requests in flight.
+  // A handler raised while a link opened: the connect fails with its message.
+  void _connect_raised(const zelbase::es::base& e);
+  // The link is established or gone: the connect in progress ends after the current callback.
+  void _post_connect_end();
+  void _connect_ended(std::uint64_t id);
+  void _finish_connect(result_code result);
+  // The steps of login_async; each one that raises ends the login with what it raised.
+  void _login_send();
+  void _exchange_replied();
+  void _login_replied(std::uint64_t id);
+  void _login_handle_reply();
+  void _login_retry();
+  void _login_redirect(const std::string& hostname, const std::string& client_port);
+  void _login_finish(std::exception_ptr error);
+  // Runs `step` for the login `id` if it is still the current one.
+  void _login_step(std::uint64_t id, const std::function<void()>& step);
+  // A reply for a request of send_async: ends it and returns true.
+  bool _take_reply(const zelnet::zelp::packet& in);
+  // The link ended: the operations that needed it end after the current callback.
+  void _link_lost();
 
   // Copies the link's version outcome and destroys it.
   void _destroy_link();
@@ -187,6 +247,7 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   std::size_t login_frame_limit_;
   std::size_t decode_cap_;
   bool logged_in_;
+  std::unique_ptr<connection_operations> operations_;
 };
 
 }  // namespace zelcapi

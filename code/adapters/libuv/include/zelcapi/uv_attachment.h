@@ -1,0 +1,158 @@
+// Runs a connection (or a state connection, or any zelnet::ioctrl) inside a libuv loop: its
+// files are watched by uv_poll_t handles, its deadline by a uv_timer_t, and its step() runs in
+// their callbacks, on the thread that runs the loop. The loop's thread is never given to the
+// library: a step never blocks. Link libuv (pkg-config "libuv") beside zelcapi.
+//
+//   uv_loop_t* loop = uv_default_loop();
+//   zelcapi::state_connection sc(&handler, 0, &plugins);
+//   zelcapi::uv_attachment attached(loop, sc);
+//   sc.connect_async(host, port, 15, [&](zelcapi::result_code r) { ... });
+//   uv_run(loop, UV_RUN_DEFAULT);
+//   attached.rethrow_if_failed();
+#pragma once
+
+#include <uv.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "zelnet/ioctrl.h"
+
+namespace zelcapi {
+
+class uv_attachment {
+ public:
+  // Attaches `controller` to `loop` until destruction; both must outlive the attachment. Takes
+  // over the controller's watch callback.
+  uv_attachment(uv_loop_t* loop, zelnet::ioctrl& controller)
+      : loop_(loop), controller_(controller), timer_(new timer_handle) {
+    timer_->owner = this;
+    uv_timer_init(loop_, &timer_->timer);
+    controller_.set_watch_callback([this] { refresh(); });
+    refresh();
+  }
+
+  // Stops watching. The handles close inside the loop's next iteration, which frees them.
+  ~uv_attachment() {
+    controller_.set_watch_callback({});
+    for (auto& [descriptor, w] : watches_) close(w);
+    timer_->owner = nullptr;
+    uv_timer_stop(&timer_->timer);
+    uv_close(reinterpret_cast<uv_handle_t*>(&timer_->timer),
+             [](uv_handle_t* h) { delete reinterpret_cast<timer_handle*>(h); });
+  }
+
+  uv_attachment(const uv_attachment&) = delete;
+  uv_attachment& operator=(const uv_attachment&) = delete;
+
+  // What a step raises (an exception from a handler of the application) cannot cross libuv's C
+  // frames: it goes to `handler`. Without one it is kept, the loop stops (uv_stop), and
+  // rethrow_if_failed() raises it after uv_run returns; running the loop again goes on after
+  // it, as the next step is already scheduled.
+  void set_error_handler(std::function<void(std::exception_ptr)> handler) {
+    error_handler_ = std::move(handler);
+  }
+  void rethrow_if_failed() {
+    if (!failure_) return;
+    std::exception_ptr raised = std::exchange(failure_, nullptr);
+    std::rethrow_exception(raised);
+  }
+
+ private:
+  // The handle comes first, so that a pointer to it is a pointer to its struct.
+  struct poll_handle {
+    uv_poll_t poll;
+    uv_attachment* owner;
+    zelnet::ioctrl::watched_file file;
+  };
+  struct timer_handle {
+    uv_timer_t timer;
+    uv_attachment* owner;
+  };
+
+  static void close(poll_handle* w) {
+    w->owner = nullptr;
+    uv_poll_stop(&w->poll);
+    uv_close(reinterpret_cast<uv_handle_t*>(&w->poll),
+             [](uv_handle_t* h) { delete reinterpret_cast<poll_handle*>(h); });
+  }
+
+  // Brings the poll handles in line with the controller's files and re-arms the timer.
+  void refresh() {
+    const std::vector<zelnet::ioctrl::watched_file> files = controller_.watched_files();
+    zelnet::forget_unwatched(watches_, files, close);
+    for (const zelnet::ioctrl::watched_file& f : files) {
+      auto it = watches_.find(f.descriptor);
+      if (it == watches_.end()) {
+        auto* w = new poll_handle{};
+        w->owner = this;
+        w->file = f;
+        w->file.events = 0;
+        if (uv_poll_init_socket(loop_, &w->poll, f.descriptor) != 0) {
+          delete w;
+          continue;
+        }
+        it = watches_.emplace(f.descriptor, w).first;
+      }
+      poll_handle* w = it->second;
+      if (w->file.events == f.events) continue;
+      w->file.events = f.events;
+      int events = 0;
+      if ((f.events & zelnet::ioctrl::watch_readable) != 0) events |= UV_READABLE;
+      if ((f.events & zelnet::ioctrl::watch_writable) != 0) events |= UV_WRITABLE;
+      uv_poll_start(&w->poll, events, [](uv_poll_t* h, int, int) {
+        auto* self = reinterpret_cast<poll_handle*>(h);
+        if (self->owner != nullptr) self->owner->serve();
+      });
+    }
+    arm_timer();
+  }
+
+  void arm_timer() {
+    const auto deadline = controller_.next_deadline();
+    if (!deadline) {
+      uv_timer_stop(&timer_->timer);
+      return;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - zelnet::ioctrl::clock::now());
+    uv_timer_start(
+        &timer_->timer,
+        [](uv_timer_t* h) {
+          auto* self = reinterpret_cast<timer_handle*>(h);
+          if (self->owner != nullptr) self->owner->serve();
+        },
+        static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 0)), 0);
+  }
+
+  void serve() {
+    std::exception_ptr raised;
+    try {
+      controller_.step();
+    } catch (...) {
+      raised = std::current_exception();
+    }
+    refresh();
+    if (!raised) return;
+    if (error_handler_) {
+      error_handler_(raised);
+    } else {
+      failure_ = raised;
+      uv_stop(loop_);
+    }
+  }
+
+  uv_loop_t* loop_;
+  zelnet::ioctrl& controller_;
+  timer_handle* timer_;
+  std::map<int, poll_handle*> watches_;
+  std::function<void(std::exception_ptr)> error_handler_;
+  std::exception_ptr failure_;
+};
+
+}  // namespace zelcapi
