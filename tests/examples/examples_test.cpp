@@ -225,6 +225,37 @@ TEST_F(Examples, MonitorRefusesBadSecondsAndUnknownUsers) {
       << unknown.err;
 }
 
+// The monitors that run inside an event loop of their own: one line a second from their own
+// timer, the replica filled and the changes counted while the cluster works.
+TEST_F(Examples, LoopMonitorsCountTheChangesFromTheirOwnTimer) {
+  make_changes(300);
+  std::vector<const char*> programs{EXAMPLE_ASIO_MONITOR};
+#ifdef EXAMPLE_UV_MONITOR
+  programs.push_back(EXAMPLE_UV_MONITOR);
+#endif
+  for (const char* program : programs) {
+    zeltest::child_process monitor(program, as("demo", "demo", {"2"}));
+    make_changes_while_running(monitor);
+    ASSERT_EQ(monitor.wait(), 0) << program << ": " << monitor.err();
+    const std::vector<std::string> lines = lines_of(monitor.out());
+    ASSERT_EQ(lines.size(), 2u) << monitor.out();
+    long second = 0, jobs = 0, tasks = 0, changes = 0;
+    ASSERT_EQ(std::sscanf(lines[1].c_str(), "%ld jobs %ld tasks %ld changes %ld", &second, &jobs,
+                          &tasks, &changes),
+              4)
+        << lines[1];
+    EXPECT_EQ(second, 2);
+    EXPECT_GT(jobs, 0) << program;
+    EXPECT_GT(changes, 0) << program;
+
+    const run_result unknown = run_program(program, as("mallory", "x", {"1"}));
+    EXPECT_EQ(unknown.code, 1);
+    EXPECT_NE(unknown.err.find("login as 'mallory' failed: No such user"), std::string::npos)
+        << unknown.err;
+    EXPECT_EQ(run_program(program, as("demo", "demo", {"soon"})).code, 2);
+  }
+}
+
 TEST_F(Examples, AdminStatusNamesTheMasterAndEveryNode) {
   const run_result r = run_program(EXAMPLE_ADMIN_STATUS, as("root", "rootpw"));
   ASSERT_EQ(r.code, 0) << r.err;
