@@ -72,13 +72,32 @@ class key_cache {
   key_ref lines_[std::size_t{1} << line_bits];
 };
 
-// Initial-exec: reached without a call into the dynamic loader on every key.
-thread_local key_cache local_keys __attribute__((tls_model("initial-exec")));
+// Initial-exec: reached without a call into the dynamic loader on every key. Only a pointer:
+// the cache itself would not fit in the static TLS that the loader keeps for a library opened
+// with dlopen (a Python extension module links this one).
+thread_local key_cache* local_keys __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Frees the thread's cache when the thread ends.
+struct key_cache_owner {
+  ~key_cache_owner() {
+    delete local_keys;
+    local_keys = nullptr;
+  }
+};
+thread_local key_cache_owner local_keys_owner;
+
+key_cache& thread_keys() {
+  if (local_keys == nullptr) {
+    (void)&local_keys_owner;  // registers the owner for this thread
+    local_keys = new key_cache();
+  }
+  return *local_keys;
+}
 
 }  // namespace
 
 key_ref key_lookup(const char* data, std::size_t size, std::uint64_t order) {
-  return local_keys.get(data, size, order);
+  return thread_keys().get(data, size, order);
 }
 
 void key_make_permanent(const key_node* node) noexcept {

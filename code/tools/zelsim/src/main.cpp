@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
   o.workload = true;
   o.rate = 10;
   bool idle = false;
+  std::uint64_t changes = 0;
   std::vector<std::string> users, admins;
   std::string accounts_file;
   CLI::App app{
@@ -61,6 +62,9 @@ int main(int argc, char** argv) {
                  "seconds the master keeps history (0: none)")
       ->capture_default_str();
   app.add_flag("--idle", idle, "no workload: the state keeps its nodes and templates only");
+  app.add_option("--changes", changes,
+                 "the workload makes this many changes, then stops (0: no end)")
+      ->excludes("--idle");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -69,7 +73,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zelsim: %s (see zelsim --help)\n", e.what());
     return 2;
   }
-  o.workload = !idle;
+  o.workload = !idle && changes == 0;
 
   for (const auto& u : users) {
     if (!add_account(u, o.users)) {
@@ -95,6 +99,7 @@ int main(int argc, char** argv) {
     if (!accounts_file.empty()) zelsim::read_accounts_file(accounts_file, o);
     zelsim::cluster sim(o);
     sim.start();
+    if (changes > 0) sim.run_workload(changes);
     int received = 0;
     sigwait(&stop_signals, &received);
     std::fprintf(stderr, "zelsim: stopping on %s\n", received == SIGINT ? "SIGINT" : "SIGTERM");

@@ -1,0 +1,13 @@
+// The zelcapi module: the library's connection, state connection, replica and SQLite stores for
+// Python. Blocking calls release the GIL; callbacks hold it.
+#include "bindings.h"
+#include "errors.h"
+#include "tree.h"
+
+PYBIND11_MODULE(_zelcapi, m) {
+  m.doc() = "Client of the cluster job and workflow system (the zelcapi C++ library).";
+  zelpy::bind_errors(m);
+  zelpy::bind_tree(m);
+  zelpy::bind_connection(m);
+  zelpy::bind_state(m);
+}

@@ -1,0 +1,238 @@
+// The state connection, its handler, the replica it keeps and the SQLite stores.
+#include <pybind11/stl.h>
+
+#include "bindings.h"
+#include "tree.h"
+#include "zelcapi/sqlite_db.h"
+#include "zelcapi/state_connection.h"
+
+namespace zelpy {
+
+namespace {
+
+using zelnet::zelp::packet;
+using release_gil = py::call_guard<py::gil_scoped_release>;
+
+// The plugin database of every replica made from Python: it holds no plugins.
+const zelcore::plugin_db& no_plugins() {
+  static const zelcore::plugin_db plugins;
+  return plugins;
+}
+
+// A Python subclass of StateHandler. A method that the subclass does not define costs no
+// conversion: the library's default runs.
+class py_state_handler : public zelcapi::state_handler {
+ public:
+  bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
+                          const zelcore::properties& props) override {
+    return item_call("item_updated", type, id, &props);
+  }
+  bool state_item_set(zelcapi::state_item_type type, const std::string& id,
+                      const zelcore::properties& props) override {
+    return item_call("item_set", type, id, &props);
+  }
+  bool state_item_removed(zelcapi::state_item_type type, const std::string& id) override {
+    return item_call("item_removed", type, id, nullptr);
+  }
+  bool state_item_historized(zelcapi::state_item_type type, const std::string& id) override {
+    return item_call("item_historized", type, id, nullptr);
+  }
+  bool state_item_erased_property_ref(zelcapi::state_item_type type, const std::string& id,
+                                      const std::string& ref) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("item_erased_property_ref");
+    return !f || truth(f(static_cast<int>(type), id, ref));
+  }
+  bool state_workflow_result_added(const std::string& id,
+                                   zelcapi::workflow_result_info result) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("workflow_result_added");
+    return !f || truth(f(id, result.status, result.ht));
+  }
+  bool state_workflow_result_removed(const std::string& id) override {
+    return id_call("workflow_result_removed", id);
+  }
+  bool state_workflow_added(const std::string& id, const zelcore::properties& workflow) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("workflow_added");
+    return !f || truth(f(id, to_python(workflow)));
+  }
+  bool state_workflow_removed(const std::string& id) override {
+    return id_call("workflow_removed", id);
+  }
+  bool state_workflow_updated(const zelcore::properties& command) override {
+    return tree_call("workflow_updated", command);
+  }
+  bool state_pre_workflow_update(const zelcore::properties& command) override {
+    return tree_call("pre_workflow_update", command);
+  }
+  bool state_new_state(const zelcore::properties& state) override {
+    return tree_call("new_state", state);
+  }
+  bool history_request_reply(std::uint32_t request_id,
+                             const zelcore::property_list& history) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("history_reply");
+    return !f || truth(f(request_id, to_python(&history)));
+  }
+  bool handle(const packet& in, packet& out) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("handle");
+    if (!f) return zelcapi::state_handler::handle(in, out);
+    return answer(f(in.get_name(), in.get_type(), to_python(in.get_properties())), in, out);
+  }
+  bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("status");
+    if (!f) return zelcapi::state_handler::status(code, text, flag);
+    return truth(f(code, text, flag));
+  }
+  void disconnected(const std::string& reason, bool reconnecting) override {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of("disconnected");
+    if (!f) return zelcapi::state_handler::disconnected(reason, reconnecting);
+    f(reason, reconnecting);
+  }
+
+ private:
+  py::function override_of(const char* name) const {
+    return py::get_override(static_cast<const zelcapi::state_handler*>(this), name);
+  }
+  bool item_call(const char* name, zelcapi::state_item_type type, const std::string& id,
+                 const zelcore::properties* props) {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of(name);
+    if (!f) return true;
+    if (props == nullptr) return truth(f(static_cast<int>(type), id));
+    return truth(f(static_cast<int>(type), id, to_python(*props)));
+  }
+  bool id_call(const char* name, const std::string& id) {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of(name);
+    return !f || truth(f(id));
+  }
+  bool tree_call(const char* name, const zelcore::properties& tree) {
+    py::gil_scoped_acquire gil;
+    const py::function f = override_of(name);
+    return !f || truth(f(to_python(tree)));
+  }
+};
+
+zelcapi::state_item_type item_type(int type) {
+  if (type < 0 || type > static_cast<int>(zelcapi::state_item_task)) {
+    throw py::value_error("item type " + std::to_string(type) + " is not 0 (client) to 6 (task)");
+  }
+  return static_cast<zelcapi::state_item_type>(type);
+}
+
+}  // namespace
+
+void bind_state(py::module_& m) {
+  py::enum_<zelcapi::state_item_type>(m, "ItemType", "The seven kinds of state items.")
+      .value("CLIENT", zelcapi::state_item_client)
+      .value("NODE", zelcapi::state_item_node)
+      .value("SUBMISSION", zelcapi::state_item_submission)
+      .value("SOURCE", zelcapi::state_item_source)
+      .value("SLOT", zelcapi::state_item_slot)
+      .value("JOB", zelcapi::state_item_job)
+      .value("TASK", zelcapi::state_item_task);
+
+  py::class_<zelcapi::state_db>(m, "StateDB", "A store that a replica loads from and saves to.");
+  py::class_<zelcapi::sqlite_state_db, zelcapi::state_db>(m, "SQLiteStateDB",
+                                                          "The state store in one SQLite file.")
+      .def(py::init<const std::string&>(), py::arg("path"))
+      .def_property_readonly("path", &zelcapi::sqlite_state_db::path);
+
+  py::class_<zelcapi::state_handler, py_state_handler>(
+      m, "StateHandler",
+      "Subclass and define item_set, item_updated, item_removed, item_historized, "
+      "item_erased_property_ref, workflow_result_added, workflow_result_removed, workflow_added, "
+      "workflow_removed, workflow_updated, pre_workflow_update, new_state, history_reply, "
+      "handle, status or disconnected.")
+      .def(py::init<>());
+
+  py::class_<zelcapi::state, std::unique_ptr<zelcapi::state, py::nodelete>>(
+      m, "State", "The replica of a state connection; valid while the connection lives.")
+      .def(
+          "items",
+          [](const zelcapi::state& s, int type) {
+            py::dict out;
+            for (const auto& [id, record] : s.get_items(item_type(type))) {
+              out[py::str(id)] = to_python(record);
+            }
+            return out;
+          },
+          py::arg("type"), "The records of a kind, by id.")
+      .def(
+          "item",
+          [](const zelcapi::state& s, int type, const std::string& id) {
+            return to_python(s.get_item(item_type(type), id));
+          },
+          py::arg("type"), py::arg("id"), "One record; raises ArgError when absent.")
+      .def(
+          "has_item",
+          [](const zelcapi::state& s, int type, const std::string& id) {
+            return s.has_item(item_type(type), id);
+          },
+          py::arg("type"), py::arg("id"))
+      .def(
+          "count",
+          [](const zelcapi::state& s, int type) { return s.get_items(item_type(type)).size(); },
+          py::arg("type"))
+      .def(
+          "snapshot",
+          [](const zelcapi::state& s) {
+            zelcore::properties out;
+            s.get_state(out);
+            return to_python(out);
+          },
+          "The whole state as the master sends it.")
+      .def(
+          "load",
+          [](zelcapi::state& s, zelcapi::state_db* db) { s.set_and_update_from_state_db(db); },
+          py::arg("db"), py::keep_alive<1, 2>(), release_gil(),
+          "Makes db the store and loads the replica from it.")
+      .def("save", &zelcapi::state::save_state_to_db, py::arg("wait") = true, release_gil(),
+           "Saves a copy of the replica to its store on the saver thread.");
+
+  py::class_<zelcapi::state_connection, zelcapi::connection>(
+      m, "StateConnection", "A connection that keeps a replica of the cluster's state.")
+      .def(py::init([](zelcapi::state_handler* h, std::uint32_t history_keep_time, bool replica) {
+             if (!replica) return new zelcapi::state_connection(h);
+             return new zelcapi::state_connection(h, history_keep_time, &no_plugins());
+           }),
+           py::arg("handler"), py::arg("history_keep_time") = 0, py::arg("replica") = true,
+           py::keep_alive<1, 2>())
+      .def_property_readonly(
+          "state",
+          [](zelcapi::state_connection& c) -> zelcapi::state* {
+            if (c.get_state() == nullptr) return nullptr;
+            return c.get_state_non_const();
+          },
+          py::return_value_policy::reference_internal, "The replica, or None.")
+      .def("request_new_state", &zelcapi::state_connection::request_new_state,
+           "Asks for a snapshot; it arrives at new_state inside a later wait or step.")
+      .def("request_new_state_sync", &zelcapi::state_connection::request_new_state_sync,
+           release_gil(), "Asks for a snapshot and waits until the replica holds it.")
+      .def(
+          "request_history",
+          [](zelcapi::state_connection& c, int type, std::uint32_t request_id,
+             const std::string& client_id, const std::string& state_id,
+             const std::string& submission_id) {
+            const zelcapi::state_item_type kind = item_type(type);
+            if (!client_id.empty()) {
+              c.request_history_items_by_client_id(kind, client_id, request_id);
+            } else if (!state_id.empty()) {
+              c.request_history_items_by_state_id(kind, state_id, request_id);
+            } else if (!submission_id.empty()) {
+              c.request_history_items_by_submission_id(kind, submission_id, request_id);
+            } else {
+              c.request_history_items_by_type(kind, request_id);
+            }
+          },
+          py::arg("type"), py::arg("request_id"), py::arg("client_id") = "",
+          py::arg("state_id") = "", py::arg("submission_id") = "",
+          "Asks for history items; the answer reaches history_reply with request_id.");
+}
+
+}  // namespace zelpy

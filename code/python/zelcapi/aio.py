@@ -1,0 +1,235 @@
+"""zelcapi inside a running asyncio loop.
+
+LoopAttachment lets the loop watch a connection's files (add_reader, add_writer) and its
+deadline (call_at), and calls the connection's step when one is due: the library never blocks
+the loop. AsyncStateConnection builds on it: await connect, login and requests, and
+``async for change in connection.changes()``.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import collections
+from typing import Any, AsyncIterator, Deque, Dict, NamedTuple, Optional
+
+from . import _zelcapi
+
+_WRITABLE = 2
+
+
+class LoopAttachment:
+    """Drives `connection` from `loop` (the running loop by default) until close()."""
+
+    def __init__(self, connection: _zelcapi.Connection,
+                 loop: Optional[asyncio.AbstractEventLoop] = None) -> None:
+        self._connection = connection
+        self._loop = loop or asyncio.get_running_loop()
+        self._readers: Dict[int, int] = {}  # descriptor -> serial of the file watched
+        self._writers: set = set()
+        self._timer: Optional[asyncio.TimerHandle] = None
+        self._timer_when: Optional[float] = None
+        connection.set_watch_callback(self._refresh)
+        self._refresh()
+
+    def close(self) -> None:
+        """Stops watching; the connection is left as it is."""
+        self._connection.set_watch_callback(None)
+        for fd in self._readers:
+            self._loop.remove_reader(fd)
+        for fd in self._writers:
+            self._loop.remove_writer(fd)
+        self._readers.clear()
+        self._writers.clear()
+        if self._timer is not None:
+            self._timer.cancel()
+        self._timer = None
+        self._timer_when = None
+
+    def _refresh(self) -> None:
+        wanted = {fd: (events, serial) for fd, events, serial in self._connection.watched_files()}
+        for fd in list(self._readers):
+            if fd not in wanted or wanted[fd][1] != self._readers[fd]:
+                self._loop.remove_reader(fd)
+                del self._readers[fd]
+                if fd in self._writers:
+                    self._loop.remove_writer(fd)
+                    self._writers.discard(fd)
+        for fd, (events, serial) in wanted.items():
+            if fd not in self._readers:
+                self._loop.add_reader(fd, self._serve)
+                self._readers[fd] = serial
+            if events & _WRITABLE and fd not in self._writers:
+                self._loop.add_writer(fd, self._serve)
+                self._writers.add(fd)
+            elif not events & _WRITABLE and fd in self._writers:
+                self._loop.remove_writer(fd)
+                self._writers.discard(fd)
+        deadline = self._connection.next_deadline()
+        if deadline != self._timer_when:
+            if self._timer is not None:
+                self._timer.cancel()
+            self._timer = None if deadline is None else self._loop.call_at(deadline, self._on_timer)
+            self._timer_when = deadline
+
+    def _on_timer(self) -> None:
+        self._timer = None
+        self._timer_when = None
+        self._serve()
+
+    def _serve(self) -> None:
+        # What a handler raised leaves here for the loop's exception handler; the input after
+        # it is served next, as the refresh sees the deadline at now.
+        try:
+            self._connection.step()
+        finally:
+            self._refresh()
+
+
+class Change(NamedTuple):
+    """One change of the replica: kind is "set", "update", "remove", "historize", "erase",
+    "result", "result-removed" or "workflow"; type the ItemType (None for workflows and
+    results); data the record, the update, the property reference or the command (or None)."""
+
+    kind: str
+    type: Optional[int]
+    id: str
+    data: Any
+
+
+class _ChangeQueue(_zelcapi.StateHandler):
+    """Queues the changes of a state connection and wakes who awaits them."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.changes: Deque[Change] = collections.deque()
+        self.wakeup: Optional[asyncio.Future] = None
+        self.new_state_waiter: Optional[asyncio.Future] = None
+        self.lost: Optional[str] = None
+
+    def _put(self, change: Change) -> bool:
+        self.changes.append(change)
+        if self.wakeup is not None and not self.wakeup.done():
+            self.wakeup.set_result(None)
+        return True
+
+    def item_set(self, type: int, id: str, record: dict) -> bool:
+        return self._put(Change("set", type, id, record))
+
+    def item_updated(self, type: int, id: str, update: dict) -> bool:
+        return self._put(Change("update", type, id, update))
+
+    def item_removed(self, type: int, id: str) -> bool:
+        return self._put(Change("remove", type, id, None))
+
+    def item_historized(self, type: int, id: str) -> bool:
+        return self._put(Change("historize", type, id, None))
+
+    def item_erased_property_ref(self, type: int, id: str, ref: str) -> bool:
+        return self._put(Change("erase", type, id, ref))
+
+    def workflow_result_added(self, id: str, status: int, ht: int) -> bool:
+        return self._put(Change("result", None, id, {"st": status, "ht": ht}))
+
+    def workflow_result_removed(self, id: str) -> bool:
+        return self._put(Change("result-removed", None, id, None))
+
+    def workflow_updated(self, command: dict) -> bool:
+        return self._put(Change("workflow", None, str(command.get("state-id", "")), command))
+
+    def new_state(self, state: dict) -> bool:
+        if self.new_state_waiter is not None and not self.new_state_waiter.done():
+            self.new_state_waiter.set_result(None)
+        return True
+
+    def disconnected(self, reason: str, reconnecting: bool) -> None:
+        self.lost = reason
+        if self.wakeup is not None and not self.wakeup.done():
+            self.wakeup.set_result(None)
+
+
+def _settle(future: asyncio.Future, reply: Any, error: Optional[BaseException]) -> None:
+    if future.done():
+        return
+    if error is not None:
+        future.set_exception(error)
+    else:
+        future.set_result(reply)
+
+
+class AsyncStateConnection:
+    """A state connection with a replica, driven by the running asyncio loop.
+
+    async with AsyncStateConnection() as c:
+        await c.connect("127.0.0.1", "7001")
+        await c.login("demo", "demo")
+        await c.snapshot()
+        async for change in c.changes():
+            ...
+    """
+
+    def __init__(self, history_keep_time: int = 0) -> None:
+        self._queue = _ChangeQueue()
+        self.connection = _zelcapi.StateConnection(self._queue, history_keep_time)
+        self._attachment = LoopAttachment(self.connection)
+
+    async def __aenter__(self) -> "AsyncStateConnection":
+        return self
+
+    async def __aexit__(self, *exc: Any) -> None:
+        self.close()
+
+    @property
+    def state(self) -> _zelcapi.State:
+        """The replica."""
+        return self.connection.state
+
+    def close(self) -> None:
+        """Disconnects and stops watching."""
+        if self.connection.is_connected:
+            self.connection.disconnect("closed", False)
+        self._attachment.close()
+
+    async def connect(self, host: str, port: str, timeout: int = 15) -> _zelcapi.ResultCode:
+        """Connects; returns the ResultCode (CONNECTION_OK on success)."""
+        future = asyncio.get_running_loop().create_future()
+        self._queue.lost = None
+        self.connection.connect_async(host, str(port), timeout,
+                                      lambda r: future.done() or future.set_result(r))
+        return await future
+
+    async def login(self, username: str, password: str, timeout: int = 15,
+                    broadcasts: bool = True) -> dict:
+        """Logs in (following the redirect to the master); returns the reply, which holds
+        "error" when the node refused. Raises UnspecifiedError for transport failures."""
+        future = asyncio.get_running_loop().create_future()
+        self.connection.login_async(username, password, timeout,
+                                    lambda reply, error: _settle(future, reply, error),
+                                    broadcasts)
+        return await future
+
+    async def request(self, name: str, props: Optional[dict] = None, timeout: int = 15) -> dict:
+        """Sends a request and returns its reply. Raises UnspecifiedError "Connection
+        timeout", "Connection error" or "No connection"."""
+        future = asyncio.get_running_loop().create_future()
+        self.connection.request_async(name, props, timeout,
+                                      lambda reply, error: _settle(future, reply, error))
+        return await future
+
+    async def snapshot(self) -> None:
+        """Asks for the master's state and returns once the replica holds it."""
+        future = asyncio.get_running_loop().create_future()
+        self._queue.new_state_waiter = future
+        self.connection.request_new_state()
+        await future
+
+    async def changes(self) -> AsyncIterator[Change]:
+        """The replica's changes as they are applied; ends when the link is lost."""
+        queue = self._queue
+        while True:
+            while queue.changes:
+                yield queue.changes.popleft()
+            if queue.lost is not None and not self.connection.is_connected:
+                return
+            queue.wakeup = asyncio.get_running_loop().create_future()
+            await queue.wakeup
+            queue.wakeup = None

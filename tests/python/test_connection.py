@@ -1,0 +1,115 @@
+"""Connection, login with redirect, wrong password, requests and the library's errors."""
+
+import pytest
+
+import zelcapi
+
+
+class Recorder(zelcapi.Handler):
+    def __init__(self):
+        super().__init__()
+        self.events = []
+
+    def status(self, code, text, flag):
+        self.events.append((code, text, flag))
+        return True
+
+    def disconnected(self, reason, reconnecting):
+        self.events.append(("disconnected", reason, reconnecting))
+
+
+def test_login_straight_to_the_master(cluster):
+    sim = cluster("--idle")
+    h = Recorder()
+    c = zelcapi.Connection(h)
+    assert c.connect("127.0.0.1", sim.ports[1], 5) == zelcapi.ResultCode.CONNECTION_OK
+    reply = c.login("alice", "secret", 5)
+    assert "error" not in reply
+    assert reply["node-id"] == reply["master-id"] == "node-1"
+    assert h.events[-1] == (zelcapi.ResultCode.LOGIN_OK, "node-1", True)
+
+
+def test_login_follows_the_redirect_to_the_master(cluster):
+    sim = cluster("--idle", "--master", "2")
+    h = Recorder()
+    c = zelcapi.Connection(h)
+    assert c.connect("127.0.0.1", sim.ports[1], 5) == zelcapi.ResultCode.CONNECTION_OK
+    reply = c.login("alice", "secret", 5)
+    assert reply["node-id"] == "node-2"
+    assert c.port == sim.ports[2]
+    assert (zelcapi.ResultCode.RECONNECTING_TO_MASTER, "127.0.0.1", False) in h.events
+
+
+def test_a_wrong_password_comes_back_in_the_reply(cluster):
+    sim = cluster("--idle")
+    c = zelcapi.Connection()
+    assert c.connect("127.0.0.1", sim.ports[1], 5) == zelcapi.ResultCode.CONNECTION_OK
+    reply = c.login("alice", "wrong", 5)
+    assert "error" in reply
+
+
+def test_a_request_returns_its_reply_as_a_dict(cluster):
+    sim = cluster("--idle")
+    c = zelcapi.Connection()
+    c.connect("127.0.0.1", sim.ports[1], 5)
+    c.login("alice", "secret", 5)
+    reply = c.request("cluster.api.state.request", {"bounce": {"tag": b"\xff"}}, 5)
+    assert isinstance(reply["state"]["nodes"], dict)
+    assert reply["bounce"] == {"tag": b"\xff"}
+
+
+def test_a_request_the_tree_cannot_hold_raises_and_sends_nothing(cluster):
+    sim = cluster("--idle")
+    c = zelcapi.Connection()
+    c.connect("127.0.0.1", sim.ports[1], 5)
+    c.login("alice", "secret", 5)
+    with pytest.raises(TypeError) as raised:
+        c.request("cluster.api.state.request", {"bounce": {"x": 1.5}}, 5)
+    assert "at 'cluster.api.state.request/bounce/x'" in str(raised.value)
+    assert c.is_connected
+    assert "state" in c.request("cluster.api.state.request", None, 5)
+
+
+def test_transport_failures_raise_the_librarys_errors(cluster):
+    c = zelcapi.Connection()
+    with pytest.raises(zelcapi.UnspecifiedError) as raised:
+        c.request("cluster.api.state.request")
+    assert str(raised.value) == "No connection"
+    with pytest.raises(zelcapi.UnspecifiedError) as raised:
+        c.login("alice", "secret", 5)
+    assert str(raised.value) == "no connection"
+    assert c.connect("no-such-host.invalid", "1", 5) == zelcapi.ResultCode.CONNECTION_FAILED
+
+
+def test_the_non_blocking_calls_end_through_their_callbacks(cluster):
+    sim = cluster("--idle", "--master", "3")
+    c = zelcapi.Connection()
+    ended = {}
+    c.connect_async("127.0.0.1", sim.ports[1], 5, lambda r: ended.setdefault("connect", r))
+    while "connect" not in ended:
+        c.wait(10)
+    assert ended["connect"] == zelcapi.ResultCode.CONNECTION_OK
+    c.login_async("alice", "secret", 5, lambda reply, error: ended.setdefault("login", (reply, error)))
+    while "login" not in ended:
+        c.wait(10)
+    reply, error = ended["login"]
+    assert error is None and reply["node-id"] == "node-3"
+    c.request_async("no.such.request", None, 5, lambda r, e: ended.setdefault("request", (r, e)))
+    while "request" not in ended:
+        c.wait(10)
+    reply, error = ended["request"]
+    assert error is None and reply == {"error": "unknown request 'no.such.request'"}
+
+
+def test_an_unanswered_request_ends_with_the_timeout_error(silent_node):
+    c = zelcapi.Connection()
+    assert c.connect("127.0.0.1", silent_node, 5) == zelcapi.ResultCode.CONNECTION_OK
+    ended = []
+    c.request_async("test.unanswered", {"n": 1}, 1, lambda r, e: ended.append((r, e)))
+    while not ended:
+        c.wait(10)
+    reply, error = ended[0]
+    assert reply is None
+    assert isinstance(error, zelcapi.UnspecifiedError) and str(error) == "Connection timeout"
+    with pytest.raises(zelcapi.UnspecifiedError, match="^Connection timeout$"):
+        c.request("test.unanswered", None, 1)
