@@ -96,6 +96,14 @@ foreach(program IN LISTS programs)
 endforeach()
 list(REMOVE_DUPLICATES CPACK_COMPONENT_TOOLS_DEPENDS)
 
+if(ZEL_PYTHON_BUILT)
+  zel_package(python python3-zelcapi python "zelcapi: Python 3 module"
+    "${zel_about}\nThis package holds the Python 3 module zelcapi, with its asyncio\nsupport and type stubs.")
+  set(CPACK_COMPONENT_PYTHON_DEPENDS zelcapi zelcapi_sqlite)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3 (>= ${zel_python_version}~), python3 (<< ${zel_python_next}~)")
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zelcapi)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})

@@ -31,6 +31,14 @@ read -ra pc_sqlite_flags <<<"$(pkg-config --cflags --libs zelcapi_sqlite)"
 g++ -std=c++17 tests/install/consumer_sqlite.cpp "${pc_sqlite_flags[@]}" -o "$scratch/pc-consumer-sqlite"
 "$scratch/pc-consumer-sqlite"
 
+# The Python module from the prefix, named in PYTHONPATH as for a prefix that Python does not search.
+python_dirs=("$prefix"/lib/python3*/*-packages)
+PYTHONPATH=${python_dirs[0]} /usr/bin/python3 -c '
+import zelcapi
+assert zelcapi.decode(zelcapi.encode({"a": [1, b"\xff"]})) == {"a": [1, b"\xff"]}
+assert zelcapi.Connection().connect("no-such-host.invalid", "1", 1) == zelcapi.ResultCode.CONNECTION_FAILED
+print("installed python module: ok")'
+
 scripts/check-examples.sh "$scratch/examples" -I"$prefix/include"
 scripts/check-symbols.sh "$libdir"/lib*.so.*.*.*
 

@@ -23,6 +23,11 @@ echo "unpacked zelsim --help: ok"
 "$root/usr/bin/zelctl" --help >/dev/null
 echo "unpacked zelctl --help: ok"
 
+PYTHONPATH=$root/usr/lib/python3/dist-packages /usr/bin/python3 -c '
+import zelcapi, zelcapi.aio
+assert zelcapi.decode(zelcapi.encode({"a": 1})) == {"a": 1}'
+echo "unpacked python3-zelcapi import: ok"
+
 cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$scratch/consumer" >/dev/null
 "$scratch/consumer/consumer"
