@@ -16,35 +16,48 @@ namespace zelpy {
 namespace {
 
 using zelnet::zelp::packet;
-using release_gil = py::call_guard<py::gil_scoped_release>;
 
 // A Python subclass of Handler: each method it defines replaces the library's default.
 class py_handler : public zelcapi::handler {
  public:
   bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = py::get_override(static_cast<const zelcapi::handler*>(this), "status");
-    if (!f) return zelcapi::handler::status(code, text, flag);
-    return truth(f(code, text, flag));
+    gil_for_callback gil;
+    PyObject* f = find(status_change, "status");
+    if (f == nullptr) return zelcapi::handler::status(code, text, flag);
+    return truth(methods::call(f, self(), code, text, flag));
   }
   void disconnected(const std::string& reason, bool reconnecting) override {
-    py::gil_scoped_acquire gil;
-    const py::function f =
-        py::get_override(static_cast<const zelcapi::handler*>(this), "disconnected");
-    if (!f) return zelcapi::handler::disconnected(reason, reconnecting);
-    f(reason, reconnecting);
+    gil_for_callback gil;
+    PyObject* f = find(link_lost, "disconnected");
+    if (f == nullptr) return zelcapi::handler::disconnected(reason, reconnecting);
+    methods::call(f, self(), reason, reconnecting);
   }
   bool handle(const packet& in, packet& out) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = py::get_override(static_cast<const zelcapi::handler*>(this), "handle");
-    if (!f) return zelcapi::handler::handle(in, out);
-    return answer(f(in.get_name(), in.get_type(), to_python(in.get_properties())), in, out);
+    gil_for_callback gil;
+    PyObject* f = find(handle_packet, "handle");
+    if (f == nullptr) return zelcapi::handler::handle(in, out);
+    return answer(
+        methods::call(f, self(), in.get_name(), in.get_type(), to_python(in.get_properties())), in,
+        out);
   }
+
+ private:
+  enum slot : std::size_t { status_change, link_lost, handle_packet, slot_count };
+  using methods = python_methods<slot_count>;
+
+  py::handle self() {
+    if (!self_) self_ = py::cast(static_cast<zelcapi::handler*>(this)).ptr();
+    return self_;
+  }
+  PyObject* find(slot s, const char* name) { return methods_.find(self(), s, name); }
+
+  py::handle self_;
+  methods methods_;
 };
 
 zelcapi::connection::reply_callback reply_callback_of(py::function callback) {
   return [held = hold(std::move(callback))](const packet& reply, std::exception_ptr error) {
-    py::gil_scoped_acquire gil;
+    gil_for_callback gil;
     if (error) {
       (*held)(py::none(), exception_object(error));
     } else {
@@ -104,12 +117,17 @@ void bind_connection(py::module_& m) {
 
   py::class_<zelcapi::connection>(m, "Connection",
                                   "A connection to one cluster node; use it from one thread.")
-      .def(py::init<zelcapi::handler*>(), py::arg("handler") = nullptr, py::keep_alive<1, 2>())
+      .def(py::init([](zelcapi::handler* h) {
+             auto* c = new zelcapi::connection(h);
+             release_gil_while_blocking(*c);
+             return c;
+           }),
+           py::arg("handler") = nullptr, py::keep_alive<1, 2>())
       .def(
           "connect",
           [](zelcapi::connection& c, const std::string& host, const std::string& port,
              unsigned timeout) { return c.connect(host, port, timeout); },
-          py::arg("host"), py::arg("port"), py::arg("timeout") = 15, release_gil())
+          py::arg("host"), py::arg("port"), py::arg("timeout") = 15)
       .def("disconnect", &zelcapi::connection::disconnect, py::arg("reason") = "Disconnected",
            py::arg("reconnecting") = false)
       .def_property_readonly("is_connected", &zelcapi::connection::is_connected)
@@ -127,12 +145,7 @@ void bind_connection(py::module_& m) {
              const std::map<std::string, std::string>& storages) {
             const packet request = zelcapi::connection::login_request(username, password, storages,
                                                                       id, io_port, broadcasts);
-            const zelcore::properties* reply = nullptr;
-            {
-              py::gil_scoped_release released;
-              reply = &c.login_sync(request, timeout).get_properties();
-            }
-            return to_python(*reply);
+            return to_python(c.login_sync(request, timeout).get_properties());
           },
           py::arg("username"), py::arg("password"), py::arg("timeout") = 15,
           py::arg("broadcasts") = false, py::arg("id") = "", py::arg("io_port") = "",
@@ -141,12 +154,7 @@ void bind_connection(py::module_& m) {
           "admin_login",
           [](zelcapi::connection& c, const std::string& username, const std::string& password,
              unsigned timeout) {
-            const zelcore::properties* reply = nullptr;
-            {
-              py::gil_scoped_release released;
-              reply = &c.admin_login_sync(username, password, timeout).get_properties();
-            }
-            return to_python(*reply);
+            return to_python(c.admin_login_sync(username, password, timeout).get_properties());
           },
           py::arg("username"), py::arg("password"), py::arg("timeout") = 15)
       .def(
@@ -154,12 +162,8 @@ void bind_connection(py::module_& m) {
           [](zelcapi::connection& c, const std::string& name, py::object props,
              std::optional<unsigned> timeout) {
             const packet request = packet_of(name, props);
-            const zelcore::properties* reply = nullptr;
-            {
-              py::gil_scoped_release released;
-              reply = &c.send_sync(request, timeout.value_or(c.get_timeout())).get_properties();
-            }
-            return to_python(*reply);
+            return to_python(
+                c.send_sync(request, timeout.value_or(c.get_timeout())).get_properties());
           },
           py::arg("name"), py::arg("props") = py::none(), py::arg("timeout") = py::none(),
           "Sends a request and waits for its reply, which it returns as a dict.")
@@ -170,7 +174,7 @@ void bind_connection(py::module_& m) {
           },
           py::arg("name"), py::arg("props") = py::none(), py::arg("type") = 2,
           "Sends a packet (a request by default) without waiting.")
-      .def("wait", &zelcapi::connection::wait, py::arg("ms"), release_gil(),
+      .def("wait", &zelcapi::connection::wait, py::arg("ms"),
            "Processes I/O for up to ms milliseconds; True when a reply ended it.")
       // The non-blocking surface: an event loop watches the files and calls step.
       .def("step", &zelcapi::connection::step,

@@ -2,6 +2,7 @@
 #include <pybind11/stl.h>
 
 #include "bindings.h"
+#include "callbacks.h"
 #include "tree.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelcapi/state_connection.h"
@@ -25,97 +26,127 @@ class py_state_handler : public zelcapi::state_handler {
  public:
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
                           const zelcore::properties& props) override {
-    return item_call("item_updated", type, id, &props);
+    return item_call(item_updated, "item_updated", type, id, &props);
   }
   bool state_item_set(zelcapi::state_item_type type, const std::string& id,
                       const zelcore::properties& props) override {
-    return item_call("item_set", type, id, &props);
+    return item_call(item_set, "item_set", type, id, &props);
   }
   bool state_item_removed(zelcapi::state_item_type type, const std::string& id) override {
-    return item_call("item_removed", type, id, nullptr);
+    return item_call(item_removed, "item_removed", type, id, nullptr);
   }
   bool state_item_historized(zelcapi::state_item_type type, const std::string& id) override {
-    return item_call("item_historized", type, id, nullptr);
+    return item_call(item_historized, "item_historized", type, id, nullptr);
   }
   bool state_item_erased_property_ref(zelcapi::state_item_type type, const std::string& id,
                                       const std::string& ref) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("item_erased_property_ref");
-    return !f || truth(f(static_cast<int>(type), id, ref));
+    gil_for_callback gil;
+    PyObject* f = find(item_erased_property_ref, "item_erased_property_ref");
+    return f == nullptr || truth(methods::call(f, self(), static_cast<int>(type), id, ref));
   }
   bool state_workflow_result_added(const std::string& id,
                                    zelcapi::workflow_result_info result) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("workflow_result_added");
-    return !f || truth(f(id, result.status, result.ht));
+    gil_for_callback gil;
+    PyObject* f = find(workflow_result_added, "workflow_result_added");
+    return f == nullptr || truth(methods::call(f, self(), id, result.status, result.ht));
   }
   bool state_workflow_result_removed(const std::string& id) override {
-    return id_call("workflow_result_removed", id);
+    return id_call(workflow_result_removed, "workflow_result_removed", id);
   }
   bool state_workflow_added(const std::string& id, const zelcore::properties& workflow) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("workflow_added");
-    return !f || truth(f(id, to_python(workflow)));
+    gil_for_callback gil;
+    PyObject* f = find(workflow_added, "workflow_added");
+    return f == nullptr || truth(methods::call(f, self(), id, to_python(workflow)));
   }
   bool state_workflow_removed(const std::string& id) override {
-    return id_call("workflow_removed", id);
+    return id_call(workflow_removed, "workflow_removed", id);
   }
   bool state_workflow_updated(const zelcore::properties& command) override {
-    return tree_call("workflow_updated", command);
+    return tree_call(workflow_updated, "workflow_updated", command);
   }
   bool state_pre_workflow_update(const zelcore::properties& command) override {
-    return tree_call("pre_workflow_update", command);
+    return tree_call(pre_workflow_update, "pre_workflow_update", command);
   }
   bool state_new_state(const zelcore::properties& state) override {
-    return tree_call("new_state", state);
+    return tree_call(new_state, "new_state", state);
   }
   bool history_request_reply(std::uint32_t request_id,
                              const zelcore::property_list& history) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("history_reply");
-    return !f || truth(f(request_id, to_python(&history)));
+    gil_for_callback gil;
+    PyObject* f = find(history_reply, "history_reply");
+    return f == nullptr || truth(methods::call(f, self(), request_id, to_python(&history)));
   }
   bool handle(const packet& in, packet& out) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("handle");
-    if (!f) return zelcapi::state_handler::handle(in, out);
-    return answer(f(in.get_name(), in.get_type(), to_python(in.get_properties())), in, out);
+    gil_for_callback gil;
+    PyObject* f = find(handle_packet, "handle");
+    if (f == nullptr) return zelcapi::state_handler::handle(in, out);
+    return answer(
+        methods::call(f, self(), in.get_name(), in.get_type(), to_python(in.get_properties())), in,
+        out);
   }
   bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("status");
-    if (!f) return zelcapi::state_handler::status(code, text, flag);
-    return truth(f(code, text, flag));
+    gil_for_callback gil;
+    PyObject* f = find(status_change, "status");
+    if (f == nullptr) return zelcapi::state_handler::status(code, text, flag);
+    return truth(methods::call(f, self(), code, text, flag));
   }
   void disconnected(const std::string& reason, bool reconnecting) override {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of("disconnected");
-    if (!f) return zelcapi::state_handler::disconnected(reason, reconnecting);
-    f(reason, reconnecting);
+    gil_for_callback gil;
+    PyObject* f = find(link_lost, "disconnected");
+    if (f == nullptr) return zelcapi::state_handler::disconnected(reason, reconnecting);
+    methods::call(f, self(), reason, reconnecting);
   }
 
  private:
-  py::function override_of(const char* name) const {
-    return py::get_override(static_cast<const zelcapi::state_handler*>(this), name);
+  enum slot : std::size_t {
+    item_updated,
+    item_set,
+    item_removed,
+    item_historized,
+    item_erased_property_ref,
+    workflow_result_added,
+    workflow_result_removed,
+    workflow_added,
+    workflow_removed,
+    workflow_updated,
+    pre_workflow_update,
+    new_state,
+    history_reply,
+    handle_packet,
+    status_change,
+    link_lost,
+    slot_count
+  };
+  using methods = python_methods<slot_count>;
+
+  // The Python object of this handler (borrowed: it owns this C++ object).
+  py::handle self() {
+    if (!self_) self_ = py::cast(static_cast<zelcapi::state_handler*>(this)).ptr();
+    return self_;
   }
-  bool item_call(const char* name, zelcapi::state_item_type type, const std::string& id,
+  PyObject* find(slot s, const char* name) { return methods_.find(self(), s, name); }
+
+  bool item_call(slot s, const char* name, zelcapi::state_item_type type, const std::string& id,
                  const zelcore::properties* props) {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of(name);
-    if (!f) return true;
-    if (props == nullptr) return truth(f(static_cast<int>(type), id));
-    return truth(f(static_cast<int>(type), id, to_python(*props)));
+    gil_for_callback gil;
+    PyObject* f = find(s, name);
+    if (f == nullptr) return true;
+    if (props == nullptr) return truth(methods::call(f, self(), static_cast<int>(type), id));
+    return truth(methods::call(f, self(), static_cast<int>(type), id, to_python(*props)));
   }
-  bool id_call(const char* name, const std::string& id) {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of(name);
-    return !f || truth(f(id));
+  bool id_call(slot s, const char* name, const std::string& id) {
+    gil_for_callback gil;
+    PyObject* f = find(s, name);
+    return f == nullptr || truth(methods::call(f, self(), id));
   }
-  bool tree_call(const char* name, const zelcore::properties& tree) {
-    py::gil_scoped_acquire gil;
-    const py::function f = override_of(name);
-    return !f || truth(f(to_python(tree)));
+  bool tree_call(slot s, const char* name, const zelcore::properties& tree) {
+    gil_for_callback gil;
+    PyObject* f = find(s, name);
+    return f == nullptr || truth(methods::call(f, self(), to_python(tree)));
   }
+
+  py::handle self_;
+  methods methods_;
 };
 
 zelcapi::state_item_type item_type(int type) {
@@ -198,8 +229,10 @@ void bind_state(py::module_& m) {
   py::class_<zelcapi::state_connection, zelcapi::connection>(
       m, "StateConnection", "A connection that keeps a replica of the cluster's state.")
       .def(py::init([](zelcapi::state_handler* h, std::uint32_t history_keep_time, bool replica) {
-             if (!replica) return new zelcapi::state_connection(h);
-             return new zelcapi::state_connection(h, history_keep_time, &no_plugins());
+             auto* c = replica ? new zelcapi::state_connection(h, history_keep_time, &no_plugins())
+                               : new zelcapi::state_connection(h);
+             release_gil_while_blocking(*c);
+             return c;
            }),
            py::arg("handler"), py::arg("history_keep_time") = 0, py::arg("replica") = true,
            py::keep_alive<1, 2>())
@@ -213,7 +246,7 @@ void bind_state(py::module_& m) {
       .def("request_new_state", &zelcapi::state_connection::request_new_state,
            "Asks for a snapshot; it arrives at new_state inside a later wait or step.")
       .def("request_new_state_sync", &zelcapi::state_connection::request_new_state_sync,
-           release_gil(), "Asks for a snapshot and waits until the replica holds it.")
+           "Asks for a snapshot and waits until the replica holds it.")
       .def(
           "request_history",
           [](zelcapi::state_connection& c, int type, std::uint32_t request_id,

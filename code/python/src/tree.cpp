@@ -10,8 +10,8 @@ namespace zelpy {
 namespace {
 
 // The path of a value being converted: built into text only when an error names it.
-struct path {
-  const path* parent;
+struct key_path {
+  const key_path* parent;
   const std::string* key;
   std::size_t index;
 
@@ -22,7 +22,7 @@ struct path {
   }
 };
 
-[[noreturn]] void cannot_hold(py::handle value, const path* at, const std::string& root) {
+[[noreturn]] void cannot_hold(py::handle value, const key_path* at, const std::string& root) {
   const std::string where = at != nullptr ? at->text(root) : root;
   const std::string type = py::str(py::type::handle_of(value).attr("__name__"));
   throw py::type_error("a value of type " + type + " at '" + where +
@@ -30,9 +30,9 @@ struct path {
                        "tuple, dict with str keys or None)");
 }
 
-zelcore::property_ptr convert(py::handle value, const path* at, const std::string& root);
+zelcore::property_ptr convert(py::handle value, const key_path* at, const std::string& root);
 
-zelcore::properties convert_dict(py::handle value, const path* at, const std::string& root) {
+zelcore::properties convert_dict(py::handle value, const key_path* at, const std::string& root) {
   zelcore::properties tree;
   for (const auto& [key, item] : py::reinterpret_borrow<py::dict>(value)) {
     if (!PyUnicode_Check(key.ptr())) {
@@ -42,13 +42,13 @@ zelcore::properties convert_dict(py::handle value, const path* at, const std::st
                            "' is not a string: a property tree's keys are strings");
     }
     const std::string name = key.cast<std::string>();
-    const path here{at, &name, 0};
+    const key_path here{at, &name, 0};
     tree[name] = convert(item, &here, root);
   }
   return tree;
 }
 
-zelcore::property_ptr convert(py::handle value, const path* at, const std::string& root) {
+zelcore::property_ptr convert(py::handle value, const key_path* at, const std::string& root) {
   PyObject* o = value.ptr();
   if (o == Py_None) return zelcore::property_ptr();
   if (PyBool_Check(o)) return zelcore::make_bool(o == Py_True);
@@ -79,7 +79,7 @@ zelcore::property_ptr convert(py::handle value, const path* at, const std::strin
     auto list = zelbase::make_refcount<zelcore::property_list>();
     std::size_t index = 0;
     for (const py::handle item : py::reinterpret_borrow<py::sequence>(value)) {
-      const path here{at, nullptr, index++};
+      const key_path here{at, nullptr, index++};
       // A tree holds "no value" only under a key.
       if (item.is_none()) {
         throw py::type_error("None at '" + here.text(root) +
@@ -107,7 +107,11 @@ py::object string_to_python(const std::string& s) {
 
 py::dict to_python(const zelcore::properties& tree) {
   py::dict out;
-  for (const auto& [key, value] : tree) out[string_to_python(key)] = to_python(value.get());
+  for (const auto& [key, value] : tree) {
+    const py::object name = string_to_python(key);
+    const py::object converted = to_python(value.get());
+    if (PyDict_SetItem(out.ptr(), name.ptr(), converted.ptr()) != 0) throw py::error_already_set();
+  }
   return out;
 }
 

@@ -203,6 +203,11 @@ void ioctrl::set_watch_callback(std::function<void()> callback) {
   told_watches_ = watched_files();
 }
 
+void ioctrl::set_blocking_hooks(std::function<void()> before, std::function<void()> after) {
+  before_block_ = std::move(before);
+  after_block_ = std::move(after);
+}
+
 void ioctrl::update_watches() {
   if (!watch_callback_) return;
   std::vector<watched_file> now = watched_files();
@@ -267,7 +272,10 @@ int ioctrl::poll_once(int ms) {
     fds.push_back(pollfd{fd, events, 0});
     ids.push_back(e.id);
   }
+  const bool may_block = ms != 0;
+  if (may_block && before_block_) before_block_();
   const int ready = ::poll(fds.data(), fds.size(), ms);
+  if (may_block && after_block_) after_block_();
   if (ready <= 0) return 0;
   {
     depth_guard guard(depth_);

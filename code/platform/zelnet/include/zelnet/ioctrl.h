@@ -109,6 +109,11 @@ class ZELNET_EXPORT ioctrl {
   // timer. It is called on the thread that uses the controller, from inside the call that made
   // the change (a step, or a call such as connect_async).
   void set_watch_callback(std::function<void()> callback);
+  // `before` runs before each poll(2) that may block (a time-out other than 0) and `after` once
+  // it returns, on the thread that polls; either may be empty. An interpreter releases its lock
+  // there, so that its callbacks run with the lock held and other threads run while the
+  // controller waits.
+  void set_blocking_hooks(std::function<void()> before, std::function<void()> after);
   // Calls the watch callback if watched_files() changed since it was last told; the links call
   // it after queuing output that the socket did not take at once.
   void update_watches();
@@ -171,6 +176,8 @@ class ZELNET_EXPORT ioctrl {
   std::map<timer_id, clock::time_point> timer_times_;
   timer_id next_timer_id_ = 1;
   std::function<void()> watch_callback_;
+  std::function<void()> before_block_;
+  std::function<void()> after_block_;
   std::vector<watched_file> told_watches_;
 };
 
