@@ -1,5 +1,8 @@
 """Connection, login with redirect, wrong password, requests and the library's errors."""
 
+import threading
+import time
+
 import pytest
 
 import zelcapi
@@ -113,3 +116,27 @@ def test_an_unanswered_request_ends_with_the_timeout_error(silent_node):
     assert isinstance(error, zelcapi.UnspecifiedError) and str(error) == "Connection timeout"
     with pytest.raises(zelcapi.UnspecifiedError, match="^Connection timeout$"):
         c.request("test.unanswered", None, 1)
+
+
+def test_other_threads_run_while_a_connection_waits(cluster):
+    sim = cluster("--idle")
+    c = zelcapi.Connection()
+    c.connect("127.0.0.1", sim.ports[1], 5)
+    spins = 0
+    stop = False
+
+    def spin():
+        nonlocal spins
+        while not stop:
+            spins += 1
+
+    thread = threading.Thread(target=spin)
+    thread.start()
+    time.sleep(0.05)
+    before = spins
+    assert c.wait(500) is False
+    during = spins - before
+    stop = True
+    thread.join()
+    # Holding Python's lock through the wait would have stopped the thread for half a second.
+    assert during > 10000
