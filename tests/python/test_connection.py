@@ -1,5 +1,6 @@
 """Connection, login with redirect, wrong password, requests and the library's errors."""
 
+import gc
 import threading
 import time
 
@@ -140,3 +141,14 @@ def test_other_threads_run_while_a_connection_waits(cluster):
     thread.join()
     # Holding Python's lock through the wait would have stopped the thread for half a second.
     assert during > 10000
+
+
+def test_a_connection_let_go_calls_no_handler_while_it_is_destroyed(cluster):
+    sim = cluster("--idle")
+    h = Recorder()
+    c = zelcapi.Connection(h)
+    c.connect("127.0.0.1", sim.ports[1], 5)
+    told = len(h.events)
+    del c
+    gc.collect()
+    assert len(h.events) == told

@@ -3,11 +3,28 @@
 
 #include <pybind11/pybind11.h>
 
+#include <memory>
+
+#include "zelcapi/connection.h"
 #include "zelnet/packet.h"
 
 namespace zelpy {
 
 namespace py = pybind11;
+
+// Deletes a connection that Python let go of: the handler, the watch callback and the blocking
+// hooks are taken off first, so that its disconnection calls no Python code while the Python
+// object is being destroyed.
+struct connection_deleter {
+  void operator()(zelcapi::connection* c) const {
+    c->set_handler(nullptr);
+    c->set_watch_callback({});
+    c->set_blocking_hooks({}, {});
+    delete c;
+  }
+};
+template <class Connection>
+using connection_holder = std::unique_ptr<Connection, connection_deleter>;
 
 void bind_connection(py::module_& m);
 void bind_state(py::module_& m);

@@ -115,8 +115,8 @@ void bind_connection(py::module_& m) {
                                            "Subclass and define status, disconnected or handle.")
       .def(py::init<>());
 
-  py::class_<zelcapi::connection>(m, "Connection",
-                                  "A connection to one cluster node; use it from one thread.")
+  py::class_<zelcapi::connection, connection_holder<zelcapi::connection>>(
+      m, "Connection", "A connection to one cluster node; use it from one thread.")
       .def(py::init([](zelcapi::handler* h) {
              auto* c = new zelcapi::connection(h);
              release_gil_while_blocking(*c);

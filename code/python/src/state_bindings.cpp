@@ -226,7 +226,8 @@ void bind_state(py::module_& m) {
       .def("save", &zelcapi::state::save_state_to_db, py::arg("wait") = true, release_gil(),
            "Saves a copy of the replica to its store on the saver thread.");
 
-  py::class_<zelcapi::state_connection, zelcapi::connection>(
+  py::class_<zelcapi::state_connection, zelcapi::connection,
+             connection_holder<zelcapi::state_connection>>(
       m, "StateConnection", "A connection that keeps a replica of the cluster's state.")
       .def(py::init([](zelcapi::state_handler* h, std::uint32_t history_keep_time, bool replica) {
              auto* c = replica ? new zelcapi::state_connection(h, history_keep_time, &no_plugins())
