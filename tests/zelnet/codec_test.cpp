@@ -91,6 +91,43 @@ TEST(Codec, PacketRoundTrip) {
   EXPECT_TRUE(back.get_properties() == p.get_properties());
 }
 
+// Packets of every form of type and name (fixint and uint 8 types, fixstr, str 8 and str 16
+// names) decode to what was encoded, whichever way the decoder reads them.
+TEST(Codec, EveryFormOfTypeAndNameDecodesToThePacketSent) {
+  for (const int type : {0, 2, 4, 127, 128, 255}) {
+    for (const std::size_t name_size : {0, 1, 31, 32, 255, 256, 70000}) {
+      packet p = sample(type);
+      p = packet(type, std::string(name_size, 'n'), p.get_properties());
+      const std::string payload = payload_of(encode_packet_frame(p));
+      const packet back = decode_packet(payload.data(), payload.size());
+      EXPECT_EQ(back.get_type(), type);
+      EXPECT_EQ(back.get_name(), p.get_name());
+      EXPECT_TRUE(back.get_properties() == p.get_properties()) << type << " " << name_size;
+    }
+  }
+}
+
+// A packet's map may nest as deep as the limit allows counting the packet's own array, and bytes
+// after the map are refused, with the texts of the general decoder.
+TEST(Codec, TheMapsDepthAndTrailingBytesAreJudgedWithThePacketsArray) {
+  const auto nested = [](std::size_t levels) {
+    std::string map;
+    for (std::size_t i = 1; i < levels; ++i) map += "\x81\xa1k";
+    map += "\x80";
+    return std::string("\x93\x02\xa1n", 4) + map;
+  };
+  const std::string deepest = nested(zelcore::default_decode_max_depth - 1);
+  EXPECT_NO_THROW(decode_packet(deepest.data(), deepest.size()));
+  const std::string too_deep = nested(zelcore::default_decode_max_depth);
+  EXPECT_EQ(arg_message([&] { decode_packet(too_deep.data(), too_deep.size()); }),
+            "invalid packet: cannot decode property: nesting deeper than 256 levels");
+  const std::string trailing = payload_of(encode_packet_frame(sample(3))) + std::string(1, '\0');
+  EXPECT_EQ(arg_message([&] {
+              decode_packet(trailing.data(), trailing.size());
+            }).rfind("invalid packet: cannot decode property:", 0),
+            0u);
+}
+
 TEST(Codec, WrongShapesAreRefusedWithTheirReason) {
   const auto message = [](const std::string& bytes) {
     return arg_message([&] { decode_packet(bytes.data(), bytes.size()); });

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <optional>
 
 #include "zelbase/encoder_network.h"
 #include "zelbase/exceptions.h"
@@ -122,7 +123,60 @@ void append_packet_frame(const packet& p, zelbase::encoder_network& out) {
   }
 }
 
+namespace {
+
+// The form that every sender writes: an array of three, the type as a positive fixint or a
+// uint 8, the name as a fixstr or a str 8, then the map. It is read without building the outer
+// array, its type and its name as properties, which a packet would only copy and free: a
+// stream of small notifications spends a good part of its decoding there. Any other form, and
+// any failure, goes the general way, which gives every error its text; the map is held to one
+// level less, as it sits one level down there.
+std::optional<packet> decode_common_packet(const char* data, std::size_t size,
+                                           std::size_t memory_per_byte) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+  if (size < 4 || bytes[0] != 0x93) return std::nullopt;
+  std::size_t at = 1;
+  std::int32_t type = 0;
+  if (bytes[at] <= 0x7f) {
+    type = bytes[at++];
+  } else if (bytes[at] == 0xcc && size - at > 1) {
+    type = bytes[at + 1];
+    at += 2;
+  } else {
+    return std::nullopt;
+  }
+  if (at >= size) return std::nullopt;
+  std::size_t name_size = 0;
+  if ((bytes[at] & 0xe0) == 0xa0) {
+    name_size = bytes[at++] & 0x1f;
+  } else if (bytes[at] == 0xd9 && size - at > 1) {
+    name_size = bytes[at + 1];
+    at += 2;
+  } else {
+    return std::nullopt;
+  }
+  // The name, and at least the map's first byte after it.
+  if (size - at <= name_size) return std::nullopt;
+  const char* name = data + at;
+  at += name_size;
+  try {
+    return packet(
+        type, std::string(name, name_size),
+        zelcore::decode_properties(data + at, size - at, zelcore::default_decode_max_depth - 1,
+                                   memory_per_byte));
+  } catch (const zelbase::es::base&) {
+    return std::nullopt;
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
 packet decode_packet(const char* data, std::size_t size, std::size_t memory_per_byte) {
+  if (std::optional<packet> common = decode_common_packet(data, size, memory_per_byte)) {
+    return std::move(*common);
+  }
   zelcore::property_ptr value;
   try {
     value =
