@@ -89,10 +89,14 @@ def test_the_replica_saves_to_sqlite_and_loads_back(cluster, tmp_path):
 
 
 def test_a_history_request_reaches_history_reply_with_its_id(cluster):
-    sim = cluster("--rate", "0", "--changes", "3000", "--jobs", "50")
+    # Three seconds of changes: most come after the login, into the replica's own history.
+    sim = cluster("--rate", "1000", "--changes", "3000", "--jobs", "50")
     h = Counter()
-    c = follow(sim, h)
+    c = follow(sim, h, history_keep_time=3600)
     wait_quiet(c, h, quiet=0.5)
+    assert len(c.state.history()["jobs"]) > 0
+    with pytest.raises(zelcapi.UnspecifiedError, match="can't get history without history"):
+        follow(sim, Counter()).state.history()
     c.request_history(zelcapi.ItemType.JOB, 7)
     end = time.monotonic() + 10
     while 7 not in h.histories and time.monotonic() < end:

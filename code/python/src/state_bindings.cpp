@@ -219,6 +219,14 @@ void bind_state(py::module_& m) {
           },
           "The whole state as the master sends it.")
       .def(
+          "history",
+          [](const zelcapi::state& s) {
+            zelcore::properties out;
+            s.get_history(out);
+            return to_python(out);
+          },
+          "The history kept in memory, as a snapshot; UnspecifiedError without history.")
+      .def(
           "load",
           [](zelcapi::state& s, zelcapi::state_db* db) { s.set_and_update_from_state_db(db); },
           py::arg("db"), py::keep_alive<1, 2>(), release_gil(),
