@@ -22,6 +22,7 @@ cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$pre
 cmake --build "$scratch/consumer" >/dev/null
 "$scratch/consumer/consumer"
 "$scratch/consumer/consumer_sqlite"
+"$scratch/consumer/consumer_asio"
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 read -ra pc_flags <<<"$(pkg-config --cflags --libs zelcapi)"

@@ -31,6 +31,7 @@ echo "unpacked python3-zelcapi import: ok"
 cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$scratch/consumer" >/dev/null
 "$scratch/consumer/consumer"
+"$scratch/consumer/consumer_asio"
 
 # The .pc file of a /usr install adds no run path (the dynamic linker searches /usr/lib/<arch>
 # itself); the scratch root stands in for /usr, so the client names it here.

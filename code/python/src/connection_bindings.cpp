@@ -8,6 +8,7 @@
 #include "bindings.h"
 #include "callbacks.h"
 #include "errors.h"
+#include "handler_trampoline.h"
 #include "tree.h"
 #include "zelcapi/connection.h"
 
@@ -18,42 +19,7 @@ namespace {
 using zelnet::zelp::packet;
 
 // A Python subclass of Handler: each method it defines replaces the library's default.
-class py_handler : public zelcapi::handler {
- public:
-  bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
-    gil_for_callback gil;
-    PyObject* f = find(status_change, "status");
-    if (f == nullptr) return zelcapi::handler::status(code, text, flag);
-    return truth(methods::call(f, self(), code, text, flag));
-  }
-  void disconnected(const std::string& reason, bool reconnecting) override {
-    gil_for_callback gil;
-    PyObject* f = find(link_lost, "disconnected");
-    if (f == nullptr) return zelcapi::handler::disconnected(reason, reconnecting);
-    methods::call(f, self(), reason, reconnecting);
-  }
-  bool handle(const packet& in, packet& out) override {
-    gil_for_callback gil;
-    PyObject* f = find(handle_packet, "handle");
-    if (f == nullptr) return zelcapi::handler::handle(in, out);
-    return answer(
-        methods::call(f, self(), in.get_name(), in.get_type(), to_python(in.get_properties())), in,
-        out);
-  }
-
- private:
-  enum slot : std::size_t { status_change, link_lost, handle_packet, slot_count };
-  using methods = python_methods<slot_count>;
-
-  py::handle self() {
-    if (!self_) self_ = py::cast(static_cast<zelcapi::handler*>(this)).ptr();
-    return self_;
-  }
-  PyObject* find(slot s, const char* name) { return methods_.find(self(), s, name); }
-
-  py::handle self_;
-  methods methods_;
-};
+class py_handler : public handler_trampoline<zelcapi::handler, 0> {};
 
 zelcapi::connection::reply_callback reply_callback_of(py::function callback) {
   return [held = hold(std::move(callback))](const packet& reply, std::exception_ptr error) {

@@ -3,6 +3,7 @@
 
 #include "bindings.h"
 #include "callbacks.h"
+#include "handler_trampoline.h"
 #include "tree.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelcapi/state_connection.h"
@@ -22,7 +23,7 @@ const zelcore::plugin_db& no_plugins() {
 
 // A Python subclass of StateHandler. A method that the subclass does not define costs no
 // conversion: the library's default runs.
-class py_state_handler : public zelcapi::state_handler {
+class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
  public:
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
                           const zelcore::properties& props) override {
@@ -76,30 +77,10 @@ class py_state_handler : public zelcapi::state_handler {
     PyObject* f = find(history_reply, "history_reply");
     return f == nullptr || truth(methods::call(f, self(), request_id, to_python(&history)));
   }
-  bool handle(const packet& in, packet& out) override {
-    gil_for_callback gil;
-    PyObject* f = find(handle_packet, "handle");
-    if (f == nullptr) return zelcapi::state_handler::handle(in, out);
-    return answer(
-        methods::call(f, self(), in.get_name(), in.get_type(), to_python(in.get_properties())), in,
-        out);
-  }
-  bool status(zelcapi::result_code code, const std::string& text, bool flag) override {
-    gil_for_callback gil;
-    PyObject* f = find(status_change, "status");
-    if (f == nullptr) return zelcapi::state_handler::status(code, text, flag);
-    return truth(methods::call(f, self(), code, text, flag));
-  }
-  void disconnected(const std::string& reason, bool reconnecting) override {
-    gil_for_callback gil;
-    PyObject* f = find(link_lost, "disconnected");
-    if (f == nullptr) return zelcapi::state_handler::disconnected(reason, reconnecting);
-    methods::call(f, self(), reason, reconnecting);
-  }
 
  private:
   enum slot : std::size_t {
-    item_updated,
+    item_updated = shared_slots,
     item_set,
     item_removed,
     item_historized,
@@ -112,19 +93,9 @@ class py_state_handler : public zelcapi::state_handler {
     pre_workflow_update,
     new_state,
     history_reply,
-    handle_packet,
-    status_change,
-    link_lost,
-    slot_count
+    slot_end
   };
-  using methods = python_methods<slot_count>;
-
-  // The Python object of this handler (borrowed: it owns this C++ object).
-  py::handle self() {
-    if (!self_) self_ = py::cast(static_cast<zelcapi::state_handler*>(this)).ptr();
-    return self_;
-  }
-  PyObject* find(slot s, const char* name) { return methods_.find(self(), s, name); }
+  static_assert(slot_end == shared_slots + 13, "the trampoline's slot count");
 
   bool item_call(slot s, const char* name, zelcapi::state_item_type type, const std::string& id,
                  const zelcore::properties* props) {
@@ -144,9 +115,6 @@ class py_state_handler : public zelcapi::state_handler {
     PyObject* f = find(s, name);
     return f == nullptr || truth(methods::call(f, self(), to_python(tree)));
   }
-
-  py::handle self_;
-  methods methods_;
 };
 
 zelcapi::state_item_type item_type(int type) {
