@@ -46,6 +46,7 @@ class LoopAttachment:
         self._timer_when = None
 
     def _refresh(self) -> None:
+        # The watch callback: every change of the files comes through here.
         wanted = {fd: (events, serial) for fd, events, serial in self._connection.watched_files()}
         for fd in list(self._readers):
             if fd not in wanted or wanted[fd][1] != self._readers[fd]:
@@ -64,6 +65,9 @@ class LoopAttachment:
             elif not events & _WRITABLE and fd in self._writers:
                 self._loop.remove_writer(fd)
                 self._writers.discard(fd)
+        self._arm_timer()
+
+    def _arm_timer(self) -> None:
         deadline = self._connection.next_deadline()
         if deadline != self._timer_when:
             if self._timer is not None:
@@ -78,11 +82,12 @@ class LoopAttachment:
 
     def _serve(self) -> None:
         # What a handler raised leaves here for the loop's exception handler; the input after
-        # it is served next, as the refresh sees the deadline at now.
+        # it is served next, as the deadline is then now. The files' changes came through the
+        # watch callback already.
         try:
             self._connection.step()
         finally:
-            self._refresh()
+            self._arm_timer()
 
 
 class Change(NamedTuple):

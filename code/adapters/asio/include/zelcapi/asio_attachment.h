@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -66,7 +67,8 @@ class asio_attachment {
     bool write_armed = false;
   };
 
-  // Brings the watches in line with the controller's files and re-arms the timer.
+  // Brings the watches in line with the controller's files; the watch callback calls it for
+  // every change of them, so a step needs only rearm().
   void refresh() {
     const std::vector<zelnet::ioctrl::watched_file> files = controller_.watched_files();
     zelnet::forget_unwatched(watches_, files,
@@ -76,8 +78,13 @@ class asio_attachment {
       if (it == watches_.end())
         it = watches_.emplace(f.descriptor, std::make_shared<watch>(io_, f)).first;
       it->second->file.events = f.events;
-      arm(it->second);
     }
+    rearm();
+  }
+
+  // Arms again the waits that have ended, and the timer when the deadline moved.
+  void rearm() {
+    for (auto& [descriptor, w] : watches_) arm(w);
     arm_timer();
   }
 
@@ -107,6 +114,9 @@ class asio_attachment {
 
   void arm_timer() {
     const auto deadline = controller_.next_deadline();
+    // The wait armed for the same deadline still stands.
+    if (deadline == timer_deadline_) return;
+    timer_deadline_ = deadline;
     if (!deadline) {
       timer_.cancel();
       return;
@@ -115,6 +125,7 @@ class asio_attachment {
     timer_.async_wait(
         [this, alive = std::weak_ptr<bool>(alive_)](const boost::system::error_code& ec) {
           if (alive.expired() || ec == boost::asio::error::operation_aborted) return;
+          timer_deadline_.reset();
           serve();
         });
   }
@@ -126,7 +137,7 @@ class asio_attachment {
     } catch (...) {
       raised = std::current_exception();
     }
-    refresh();
+    rearm();
     if (!raised) return;
     if (!error_handler_) std::rethrow_exception(raised);
     error_handler_(raised);
@@ -135,6 +146,7 @@ class asio_attachment {
   boost::asio::io_context& io_;
   zelnet::ioctrl& controller_;
   boost::asio::steady_timer timer_;
+  std::optional<zelnet::ioctrl::clock::time_point> timer_deadline_;  // what timer_ waits for
   std::map<int, std::shared_ptr<watch>> watches_;
   std::shared_ptr<bool> alive_;
   std::function<void(std::exception_ptr)> error_handler_;

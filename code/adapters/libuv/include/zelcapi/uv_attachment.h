@@ -18,6 +18,7 @@
 #include <exception>
 #include <functional>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -82,7 +83,8 @@ class uv_attachment {
              [](uv_handle_t* h) { delete reinterpret_cast<poll_handle*>(h); });
   }
 
-  // Brings the poll handles in line with the controller's files and re-arms the timer.
+  // Brings the poll handles in line with the controller's files and re-arms the timer; the
+  // watch callback calls it for every change of the files, so a step needs only arm_timer().
   void refresh() {
     const std::vector<zelnet::ioctrl::watched_file> files = controller_.watched_files();
     zelnet::forget_unwatched(watches_, files, close);
@@ -115,6 +117,9 @@ class uv_attachment {
 
   void arm_timer() {
     const auto deadline = controller_.next_deadline();
+    // The timer started for the same deadline still runs.
+    if (deadline == timer_deadline_) return;
+    timer_deadline_ = deadline;
     if (!deadline) {
       uv_timer_stop(&timer_->timer);
       return;
@@ -125,7 +130,9 @@ class uv_attachment {
         &timer_->timer,
         [](uv_timer_t* h) {
           auto* self = reinterpret_cast<timer_handle*>(h);
-          if (self->owner != nullptr) self->owner->serve();
+          if (self->owner == nullptr) return;
+          self->owner->timer_deadline_.reset();
+          self->owner->serve();
         },
         static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 0)), 0);
   }
@@ -137,7 +144,7 @@ class uv_attachment {
     } catch (...) {
       raised = std::current_exception();
     }
-    refresh();
+    arm_timer();
     if (!raised) return;
     if (error_handler_) {
       error_handler_(raised);
@@ -150,6 +157,7 @@ class uv_attachment {
   uv_loop_t* loop_;
   zelnet::ioctrl& controller_;
   timer_handle* timer_;
+  std::optional<zelnet::ioctrl::clock::time_point> timer_deadline_;  // what timer_ runs for
   std::map<int, poll_handle*> watches_;
   std::function<void(std::exception_ptr)> error_handler_;
   std::exception_ptr failure_;

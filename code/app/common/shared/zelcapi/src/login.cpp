@@ -126,10 +126,9 @@ void connection::_login_finish(std::exception_ptr error) {
 void connection::_login_send() {
   connection_operations::login_op& login = *operations_->login;
   if (!link_) {
-    report(__LINE__, 3, "no connection");
+    const std::exception_ptr failure = reported_failure(source_file, __LINE__, 3, "no connection");
     _status(no_connection_for_login, "", false);
-    _login_finish(
-        std::make_exception_ptr(zelbase::es::uspec(source_file, __LINE__, "no connection")));
+    _login_finish(failure);
     return;
   }
   const std::uint64_t id = login.id;
@@ -138,15 +137,19 @@ void connection::_login_send() {
     _login_step(id, [this] {
       // The slot keeps waiting: a late reply is taken there, not given to the handler.
       operations_->login->awaiting_reply = false;
-      report(__LINE__, 4, "connection timeout");
-      _status(login_timeout, "", false);
-      _login_finish(
-          std::make_exception_ptr(zelbase::es::uspec(source_file, __LINE__, "connection timeout")));
+      _login_timed_out();
     });
   });
   link_->set_waiting_sync_reply(true);
   sync_packet_ = login.request;
   link_->send(login.request);
+}
+
+void connection::_login_timed_out() {
+  const std::exception_ptr failure =
+      reported_failure(source_file, __LINE__, 4, "connection timeout");
+  _status(login_timeout, "", false);
+  _login_finish(failure);
 }
 
 void connection::_exchange_replied() {
@@ -166,10 +169,9 @@ void connection::_login_replied(std::uint64_t id) {
 
 void connection::_login_handle_reply() {
   if (!link_) {
-    report(__LINE__, 4, "disconnected");
+    const std::exception_ptr failure = reported_failure(source_file, __LINE__, 4, "disconnected");
     _status(disconnected_on_login, "", false);
-    _login_finish(
-        std::make_exception_ptr(zelbase::es::uspec(source_file, __LINE__, "disconnected")));
+    _login_finish(failure);
     return;
   }
   report(__LINE__, 7, "login_sync - have connection");
@@ -184,10 +186,7 @@ void connection::_login_handle_reply() {
     // The retries have used up the time-out (an answer can beat even a wait of 0): one
     // second less would wrap around to an endless one.
     if (login.timeout == 0) {
-      report(__LINE__, 4, "connection timeout");
-      _status(login_timeout, "", false);
-      _login_finish(
-          std::make_exception_ptr(zelbase::es::uspec(source_file, __LINE__, "connection timeout")));
+      _login_timed_out();
       return;
     }
     const std::string text = zelbase::string_with_format(

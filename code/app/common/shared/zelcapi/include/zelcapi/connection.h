@@ -212,6 +212,8 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   void _login_retry();
   void _login_redirect(const std::string& hostname, const std::string& client_port);
   void _login_finish(std::exception_ptr error);
+  // The reply did not come in time, or the retries used the time-out up.
+  void _login_timed_out();
   // Runs `step` for the login `id` if it is still the current one.
   void _login_step(std::uint64_t id, const std::function<void()>& step);
   // A reply for a request of send_async: ends it and returns true.
