@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config clang-format
   libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev sqlite3 nlohmann-json3-dev libcli11-dev
-  libgtest-dev libgmock-dev libbenchmark-dev dpkg-dev file lintian libuv1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev dpkg-dev file lintian libuv1-dev libxxhash-dev
   python3-dev pybind11-dev python3-pytest python3-pytest-asyncio python3-msgpack)
 missing=()
 for p in "${packages[@]}"; do

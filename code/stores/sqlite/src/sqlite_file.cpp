@@ -18,10 +18,10 @@ constexpr const char* source_file = "code\\stores\\sqlite\\src\\sqlite_file";
 }  // namespace
 
 zelcore::properties decode_record(const connection& db, const char* table, std::string_view id,
-                                  std::string_view json, shared_strings* strings) {
+                                  std::string_view json, store_detail::shared_strings* strings) {
   try {
-    return read_json(json, strings);
-  } catch (const malformed_json& e) {
+    return store_detail::read_json(json, strings);
+  } catch (const store_detail::malformed_json& e) {
     db.fail("malformed record in table " + std::string(table) + ", id '" + std::string(id) +
             "': " + e.what());
   }

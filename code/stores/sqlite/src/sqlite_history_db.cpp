@@ -23,8 +23,8 @@ constexpr const char* schema =
 // Whether json_extract can find `key` by a quoted path label and compare `value` as text: both
 // plain UTF-8, the key neither quoted nor escaped in JSON nor an escape form's.
 bool selectable(const std::string& key, const std::string& value) {
-  if (key.empty() || key[0] == '~' || !sqlite_detail::is_utf8(key) ||
-      !sqlite_detail::is_utf8(value) || value.find('\0') != std::string::npos)
+  if (key.empty() || key[0] == '~' || !store_detail::is_utf8(key) ||
+      !store_detail::is_utf8(value) || value.find('\0') != std::string::npos)
     return false;
   for (const char c : key)
     if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') return false;
@@ -148,7 +148,7 @@ void sqlite_history_db::store_item(db_item_type type, const std::string& id,
   std::lock_guard<std::mutex> hold(impl_->lock);
   zelbase::encoder_network& json = impl_->buffer;
   json.clear();
-  sqlite_detail::write_json(record, json);
+  store_detail::write_json(record, json);
   statement& store = impl_->store;
   store.bind(1, kind);
   store.bind(2, id);

@@ -1,10 +1,12 @@
 // The SQLite state_db: one transaction per save on a writing connection, loads on a second
 // connection that sees the last committed save.
+#include <algorithm>
 #include <array>
 #include <mutex>
 #include <utility>
 
 #include "json_record.h"
+#include "record_digests.h"
 #include "sqlite_file.h"
 #include "zelcapi/memory_db.h"
 #include "zelcapi/sqlite_db.h"
@@ -14,6 +16,7 @@ namespace zelcapi {
 using sqlite_detail::connection;
 using sqlite_detail::reset_on_exit;
 using sqlite_detail::statement;
+using store_detail::kind_digests;
 
 namespace {
 
@@ -53,13 +56,17 @@ std::string sql(const char* pattern, const char* table) {
 }  // namespace
 
 struct sqlite_state_db::impl {
-  // The statements of one kind's table on the writing connection.
+  // The statements of one kind's table on the writing connection, and the digests of what it
+  // committed.
   struct kind_writes {
     kind_writes(connection& db, const char* table)
         : insert(db, sql("INSERT OR REPLACE INTO @(id, record) VALUES(?1, ?2)", table).c_str()),
           remove(db, sql("DELETE FROM @ WHERE id = ?1", table).c_str()),
-          remove_all(db, sql("DELETE FROM @", table).c_str()) {}
-    statement insert, remove, remove_all;
+          remove_all(db, sql("DELETE FROM @", table).c_str()),
+          ids(db, sql("SELECT id FROM @", table).c_str()),
+          records(db, sql("SELECT id, record FROM @", table).c_str()) {}
+    statement insert, remove, remove_all, ids, records;
+    kind_digests digests;
   };
   // The statements of one kind's table on the reading connection.
   struct kind_reads {
@@ -103,24 +110,74 @@ struct sqlite_state_db::impl {
       if (own) begin.run();
       body();
       if (own || completes) commit.run();
-      if (completes) state = phase::idle;
     } catch (...) {
       writer.rollback_quietly();
       if (!own) state = phase::abandoned;
+      forget_digests();
       throw;
+    }
+    if (completes) {
+      state = phase::idle;
+      if (!own) {
+        for (kind_writes& kind : writes) kind.digests.commit_save();
+      }
     }
   }
 
-  // Rolls back an open save and begins a transaction with every table emptied: a save whose
-  // further writes go into it.
-  void begin_emptied() {
+  void forget_digests() noexcept {
+    for (kind_writes& kind : writes) kind.digests.forget();
+  }
+
+  // Reads the digests of what a kind's table holds, inside the save's transaction.
+  void rebuild_digests(kind_writes& kind) {
+    std::vector<store_detail::record_digest> entries;
+    reset_on_exit done(kind.records);
+    while (kind.records.step())
+      entries.push_back(store_detail::digest_of(kind.records.text(0), kind.records.text(1)));
+    kind.digests.rebuild(std::move(entries));
+  }
+
+  // Deletes the stored records of a kind that the save did not hold: every row whose id's hash
+  // the save has not seen (found by reading the ids, which only a save with removals does).
+  void remove_unseen(kind_writes& kind) {
+    const std::vector<std::uint64_t> unseen = kind.digests.unseen();
+    if (unseen.empty()) return;
+    std::vector<std::string> gone;
+    {
+      reset_on_exit done(kind.ids);
+      while (kind.ids.step()) {
+        const std::string_view id = kind.ids.text(0);
+        if (std::binary_search(unseen.begin(), unseen.end(), store_detail::id_hash_of(id)))
+          gone.emplace_back(id);
+      }
+    }
+    for (const std::string& id : gone) {
+      kind.remove.bind(1, id);
+      kind.remove.run();
+    }
+    counts.removed += gone.size();
+  }
+
+  // Rolls back an open save and begins a transaction for a new one; with `emptied` every table
+  // is emptied within it, otherwise the digests of what the tables hold are made known.
+  void begin_transaction(bool emptied) {
     writer.rollback_quietly();
+    if (state != phase::idle) forget_digests();  // the open save changed them in place
     state = phase::abandoned;
+    counts = {};
     try {
       begin.run();
-      remove_all();
+      if (emptied) {
+        remove_all();
+        for (kind_writes& kind : writes) kind.digests.rebuild({});
+      } else {
+        for (kind_writes& kind : writes) {
+          if (!kind.digests.known()) rebuild_digests(kind);
+        }
+      }
     } catch (...) {
       writer.rollback_quietly();
+      forget_digests();
       throw;
     }
     state = phase::saving;
@@ -138,6 +195,7 @@ struct sqlite_state_db::impl {
   statement results_remove_all, results_insert, sequence_remove_all, sequence_insert;
   statement begin, commit;
   phase state = phase::idle;
+  save_counts counts;               // of the save in progress, or the last one
   zelbase::encoder_network buffer;  // the JSON text of the record being written
 
   std::mutex read_lock;
@@ -155,14 +213,26 @@ const std::string& sqlite_state_db::path() const noexcept { return impl_->writer
 
 void sqlite_state_db::clear() {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  impl_->begin_emptied();
+  impl_->begin_transaction(true);
   // Committed as a save without records; a failure abandons it as it would a save.
   impl_->write_unlocked([] {}, true);
 }
 
 void sqlite_state_db::begin_save() {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  impl_->begin_emptied();
+  impl_->begin_transaction(false);
+}
+
+save_counts sqlite_state_db::last_save_counts() const {
+  std::lock_guard<std::mutex> hold(impl_->write_lock);
+  return impl_->counts;
+}
+
+std::size_t sqlite_state_db::digest_memory_bytes() const {
+  std::lock_guard<std::mutex> hold(impl_->write_lock);
+  std::size_t bytes = 0;
+  for (const auto& kind : impl_->writes) bytes += kind.digests.memory_bytes();
+  return bytes;
 }
 
 void sqlite_state_db::store_item(db_item_type type, const std::string& id,
@@ -171,20 +241,33 @@ void sqlite_state_db::store_item(db_item_type type, const std::string& id,
   impl_->write([&] {
     zelbase::encoder_network& json = impl_->buffer;
     json.clear();
-    sqlite_detail::write_json(record, json);
-    statement& insert = impl_->writes[kind].insert;
-    insert.bind(1, id);
-    insert.bind(2, json.view());
-    insert.run();
+    store_detail::write_json(record, json);
+    impl::kind_writes& writes = impl_->writes[kind];
+    if (impl_->state == impl::phase::saving) {
+      if (!writes.digests.needs_write(store_detail::digest_of(id, json.view()))) {
+        ++impl_->counts.unchanged;
+        return;
+      }
+      ++impl_->counts.written;
+    } else {
+      writes.digests.forget();
+    }
+    writes.insert.bind(1, id);
+    writes.insert.bind(2, json.view());
+    writes.insert.run();
   });
 }
 
 void sqlite_state_db::remove_item(db_item_type type, const std::string& id) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
-    statement& remove = impl_->writes[kind].remove;
-    remove.bind(1, id);
-    remove.run();
+    impl::kind_writes& writes = impl_->writes[kind];
+    if (impl_->state == impl::phase::saving)
+      writes.digests.removed();
+    else
+      writes.digests.forget();
+    writes.remove.bind(1, id);
+    writes.remove.run();
   });
 }
 
@@ -205,6 +288,9 @@ void sqlite_state_db::store_workflow_results(const workflow_result_map& results)
 void sqlite_state_db::store_workflow_sequence_number(std::uint64_t sequence_number) {
   impl_->write(
       [&] {
+        if (impl_->state == impl::phase::saving) {
+          for (impl::kind_writes& kind : impl_->writes) impl_->remove_unseen(kind);
+        }
         impl_->sequence_remove_all.run();
         impl_->sequence_insert.bind(1, static_cast<std::int64_t>(sequence_number));
         impl_->sequence_insert.run();
@@ -218,7 +304,7 @@ properties_cptr sqlite_state_db::load_items(db_item_type type) {
   statement& all = impl_->reads[kind].all;
   reset_on_exit done(all);
   zelcore::properties::container children;
-  sqlite_detail::shared_strings strings;  // the records of a kind repeat users, nodes, states
+  store_detail::shared_strings strings;  // the records of a kind repeat users, nodes, states
   while (all.step()) {
     const std::string_view id = all.text(0);
     children.emplace_back(

@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "zelcapi/save_counts.h"
 #include "zelcapi/state.h"
 #include "zelcapi_sqlite/export.h"
 
@@ -42,7 +43,10 @@ struct sqlite_options {
 // A state_db in an SQLite file: one table per kind of record, the workflow results and the
 // sequence number in their own tables. A save is one transaction: begin_save begins it (rolling
 // back one left open by an error), store_workflow_sequence_number commits it; a save abandoned
-// part-way or cut by a crash leaves the previous complete save. Outside a save, store_item and
+// part-way or cut by a crash leaves the previous complete save. A save writes only the records
+// that changed since the previous one and deletes those it no longer holds: the store keeps a
+// 16-byte digest a record of what it committed, read from the file by the first save and again
+// after a save that failed. Outside a save, store_item and
 // remove_item write one record each. Errors of SQLite raise zelbase::es::uspec with SQLite's
 // message and the file's path; a write that fails inside a save rolls the save back, and the
 // save's further writes raise until the next begin_save. A kind outside 0 to 7 raises es::arg.
@@ -73,9 +77,13 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
   // True when the file holds a sequence number, i.e. a complete save.
   bool has_saved_state() override;
-  // Begins the save's transaction and empties the tables within it.
+  // Begins the save's transaction.
   void begin_save() override;
 
+  // What the last save wrote (counted up to its commit or failure).
+  save_counts last_save_counts() const;
+  // Heap bytes that the digests of the committed records take.
+  std::size_t digest_memory_bytes() const;
   const std::string& path() const noexcept;
 
  private:

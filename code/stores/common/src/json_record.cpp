@@ -11,7 +11,7 @@
 
 #include "zelbase/exceptions.h"
 
-namespace zelcapi::sqlite_detail {
+namespace zelcapi::store_detail {
 
 namespace {
 
@@ -19,7 +19,7 @@ using zelcore::properties;
 using zelcore::property;
 using zelcore::property_ptr;
 
-constexpr const char* source_file = "code\\stores\\sqlite\\src\\json_record";
+constexpr const char* source_file = "code\\stores\\common\\src\\json_record";
 constexpr char hex_digits[] = "0123456789abcdef";
 
 // The length of the valid UTF-8 sequence at p (at most `left` bytes there), 0 when invalid:
@@ -101,7 +101,7 @@ const char* skip_plain(const char* p, const char* const end) {
 
 class writer {
  public:
-  explicit writer(zelbase::encoder_network& out) : out_(out) {}
+  writer(zelbase::encoder_network& out, json_nul nul) : out_(out), nul_(nul) {}
 
   void tree(const properties& p, std::size_t depth) {
     const std::size_t start = out_.size();
@@ -201,7 +201,8 @@ class writer {
     out_.advance(static_cast<std::size_t>(w + 2 - begin));
   }
 
-  // Writes s as a JSON string; false (writing nothing) when s is not valid UTF-8.
+  // Writes s as a JSON string; false (writing nothing) when s is not valid UTF-8 or holds a NUL
+  // that must not be escaped.
   bool string(const std::string& s) {
     const std::size_t start = out_.size();
     put('"');
@@ -220,6 +221,10 @@ class writer {
         out_.write(reinterpret_cast<const char*>(p), n);
         p += n;
         continue;
+      }
+      if (c == 0 && nul_ == json_nul::as_bytes) {
+        out_.truncate(start);
+        return false;
       }
       escape(c);
       ++p;
@@ -274,6 +279,7 @@ class writer {
   static constexpr std::size_t int_room = 20;
 
   zelbase::encoder_network& out_;
+  json_nul nul_;
 };
 
 class reader {
@@ -586,8 +592,8 @@ bool is_utf8(std::string_view text) {
   return true;
 }
 
-void write_json(const properties& tree, zelbase::encoder_network& out) {
-  writer(out).tree(tree, 1);
+void write_json(const properties& tree, zelbase::encoder_network& out, json_nul nul) {
+  writer(out, nul).tree(tree, 1);
 }
 
 properties read_json(std::string_view text, shared_strings* strings) {
@@ -612,4 +618,4 @@ property_ptr shared_strings::get(std::string_view key, std::string_view text) {
   return made;
 }
 
-}  // namespace zelcapi::sqlite_detail
+}  // namespace zelcapi::store_detail

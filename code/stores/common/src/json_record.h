@@ -1,9 +1,9 @@
-// The JSON text of a record in the SQLite stores: a property tree written and read directly.
-// int -> integer, bool -> true/false, string -> string, list -> array, properties -> object.
-// A string that is not valid UTF-8 becomes {"~x":"<hex of its bytes>"}; a tree with a key that
-// is not valid UTF-8 or that begins with "~" becomes {"~o":[key, value, key, value, ...]} (keys
-// as strings, or as {"~x":...} when not valid UTF-8). Every other object has no key beginning
-// with "~", so the two forms cannot be mistaken for a tree.
+// The JSON text of a record in the stores (SQLite text, PostgreSQL jsonb): a property tree written
+// and read directly. int -> integer, bool -> true/false, string -> string, list -> array,
+// properties -> object. A string that is not valid UTF-8 becomes {"~x":"<hex of its bytes>"}; a
+// tree with a key that is not valid UTF-8 or that begins with "~" becomes {"~o":[key, value, key,
+// value, ...]} (keys as strings, or as {"~x":...} when not valid UTF-8). Every other object has no
+// key beginning with "~", so the two forms cannot be mistaken for a tree.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@
 #include "zelbase/encoder_network.h"
 #include "zelcore/properties.h"
 
-namespace zelcapi::sqlite_detail {
+namespace zelcapi::store_detail {
 
 // Nesting deeper than this is neither written nor read (the deepest tree the decoder accepts).
 constexpr std::size_t json_max_depth = 1024;
@@ -31,9 +31,15 @@ class shared_strings;
 
 // Whether `text` is valid UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 bool is_utf8(std::string_view text);
+// How a NUL byte in a string or key is written: as the escape \u0000 (valid JSON), or, for a
+// store whose JSON type cannot hold that character (PostgreSQL's jsonb), by writing the whole
+// string in the {"~x":...} form as if it were not UTF-8.
+enum class json_nul { escaped, as_bytes };
+
 // Appends the JSON text of `tree` to `out`. Raises zelbase::es::arg for a tree nested deeper
 // than json_max_depth.
-void write_json(const zelcore::properties& tree, zelbase::encoder_network& out);
+void write_json(const zelcore::properties& tree, zelbase::encoder_network& out,
+                json_nul nul = json_nul::escaped);
 // The tree of a JSON object written by write_json (or by any writer of the same mapping).
 // Raises malformed_json for other text: bad syntax, numbers that are not 64-bit integers, null,
 // an escape form that is not one of the two above, nesting deeper than json_max_depth.
@@ -63,4 +69,4 @@ class shared_strings {
   std::unordered_map<std::string_view, zelcore::property_ptr> seen_;
 };
 
-}  // namespace zelcapi::sqlite_detail
+}  // namespace zelcapi::store_detail

@@ -1,0 +1,67 @@
+// What a store last committed, 16 bytes a record: a save compares each record with it, writes
+// only the records that changed or are new, and deletes the records that it no longer holds.
+//
+// An entry is a 64-bit hash of the record's id and a 64-bit digest of its id and content. Two ids
+// of one kind that share a hash make their entry "always write" (digest 0): the records are then
+// written on every save, never skipped. A record is skipped only when its digest equals the one
+// committed for its id, which a change misses with a chance of 2^-64.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace zelcapi::store_detail {
+
+struct record_digest {
+  std::uint64_t id_hash;
+  std::uint64_t digest;  // never 0 for a record; 0 marks an entry to write always
+};
+
+std::uint64_t id_hash_of(std::string_view id);
+// `content` is the text that the store writes for the record.
+record_digest digest_of(std::string_view id, std::string_view content);
+
+// The committed entries of one kind of record and the save in progress over them. A save marks
+// the entries it sees and updates their digests in place; a save that does not commit leaves the
+// entries unknown, and the store rebuilds them from what it holds before the next save. A write
+// outside a save makes them unknown as well.
+class kind_digests {
+ public:
+  // Whether the entries describe what the store holds.
+  bool known() const noexcept { return known_; }
+  // Replaces the entries with those of the records the store holds (any order, ids distinct or
+  // not) and makes them known.
+  void rebuild(std::vector<record_digest> entries);
+  // Makes the entries unknown: after a failed save, or a save begun while another was open.
+  void forget() noexcept;
+
+  // In a save: whether the record must be written (new, changed, or sharing its id's hash);
+  // remembers it as seen either way.
+  bool needs_write(const record_digest& record);
+  // In a save: a record was removed by its id. Another id may share its hash, so the entries are
+  // rebuilt after the save rather than trusted.
+  void removed() noexcept { stale_after_save_ = true; }
+  // In a save: the sorted id hashes of the committed records that the save has not seen, which
+  // the store deletes before it commits.
+  std::vector<std::uint64_t> unseen() const;
+  // The save committed: the seen and new records become the entries.
+  void commit_save();
+
+  std::size_t size() const noexcept { return entries_.size(); }
+  // Heap bytes held between saves (the entries' and the seen marks' capacity).
+  std::size_t memory_bytes() const noexcept;
+
+ private:
+  std::vector<record_digest>::iterator find(std::uint64_t id_hash);
+  static void sort_and_merge_twins(std::vector<record_digest>& entries);
+
+  bool known_ = false;
+  bool stale_after_save_ = false;
+  std::vector<record_digest> entries_;  // sorted by id hash, hashes distinct
+  std::vector<bool> seen_;              // one mark per entry, for the save in progress
+  std::vector<record_digest> fresh_;    // records of the save with no entry yet
+};
+
+}  // namespace zelcapi::store_detail
