@@ -64,6 +64,15 @@ class ratio_reporter : public benchmark::ConsoleReporter {
                 fraction * 100, ratio >= fraction ? "met" : "NOT MET",
                 median_.at(peer) / median_.at(ours) * 100);
   }
+  // "ours takes N% of peer's time" (target: at most `fraction`).
+  void print_share(const char* what, const std::string& ours, const std::string& peer,
+                   double fraction) const {
+    if (!has(ours) || !has(peer)) return;
+    const double share = min_.at(ours) / min_.at(peer);
+    std::printf("%-48s %7.1f%%   (target <= %.0f%% of the time)  %-7s  median %.1f%%\n", what,
+                share * 100, fraction * 100, share <= fraction ? "met" : "NOT MET",
+                median_.at(ours) / median_.at(peer) * 100);
+  }
   // An information line without a target.
   void print_info(const char* what, const std::string& ours, const std::string& peer) const {
     if (!has(ours) || !has(peer)) return;

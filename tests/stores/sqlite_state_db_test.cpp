@@ -96,6 +96,21 @@ TEST_F(SqliteStateDbTest, ReopenedFileHoldsTheLastSave) {
   expect_saved(db, first, 41);
 }
 
+TEST_F(SqliteStateDbTest, SaveRewritesOnlyTheRowsOfChangedRecordsAsTheFileShows) {
+  // A row written again gets a new rowid; rows left alone keep theirs.
+  properties records = jobs(2000, 1);
+  sqlite_state_db db(path);
+  save(db, records, 1);
+  const std::string highest = sql_on(path, "SELECT max(rowid) FROM jobs");
+  for (int n = 0; n < 2000; n += 100)
+    records.set_properties_value("j" + std::to_string(n), job("x", 7));
+  save(db, records, 2);
+  EXPECT_EQ(sql_on(path, "SELECT count(*) FROM jobs WHERE rowid > " +
+                             highest.substr(0, highest.find('|'))),
+            "20|\n");
+  expect_saved(db, records, 2);
+}
+
 TEST_F(SqliteStateDbTest, OpenSaveIsRolledBackWhenTheStoreCloses) {
   const properties first = jobs(3, 1);
   {

@@ -3,6 +3,11 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "json_record.h"
+#include "zelbase/exceptions.h"
 
 namespace zelcapi::store_detail {
 
@@ -12,6 +17,92 @@ namespace {
 // sharing a hash do not share digests of equal content.
 constexpr XXH64_hash_t id_seed = 0x7a656c6964ULL;
 constexpr XXH64_hash_t content_seed = 0x7a656c636fULL;
+
+constexpr const char* source_file = "code\\stores\\common\\src\\record_digests";
+
+// The bytes that a record's digest is taken over: each value as its kind and its content, each
+// string with its length first, each container closed by a byte that no value begins with, so
+// that two different trees never give the same bytes. Absent children are left out, as the JSON
+// text leaves them out.
+class tree_bytes {
+ public:
+  explicit tree_bytes(std::string& out) : out_(out) {}
+
+  void tree(const zelcore::properties& p, std::size_t depth) {
+    check_depth(depth);
+    // The children are objects of their own across the heap: asking for all of them before
+    // reading any lets their cache misses overlap instead of following one another.
+    for (const auto& entry : p) __builtin_prefetch(entry.second.get());
+    for (const auto& entry : p) {
+      if (const zelcore::property* child = entry.second.get()) prefetch_content(*child);
+    }
+    put_kind('{');
+    for (const auto& [key, child] : p) {
+      if (!child) continue;
+      put_kind('k');
+      put_text(key);
+      value(*child, depth);
+    }
+    put_kind('}');
+  }
+
+ private:
+  void value(const zelcore::property& v, std::size_t depth) {
+    switch (v.kind()) {
+      case zelcore::property::kind_int: {
+        put_kind('i');
+        const std::int64_t n = static_cast<const zelcore::property_int&>(v).value();
+        put_raw(&n, sizeof n);
+        return;
+      }
+      case zelcore::property::kind_bool:
+        put_kind(static_cast<const zelcore::property_bool&>(v).value() ? 't' : 'f');
+        return;
+      case zelcore::property::kind_string:
+        put_kind('s');
+        put_text(static_cast<const zelcore::property_string&>(v).value());
+        return;
+      case zelcore::property::kind_list: {
+        check_depth(depth + 1);
+        const auto& elements = static_cast<const zelcore::property_list&>(v).value();
+        put_kind('[');
+        for (const zelcore::property_ptr& element : elements) {
+          if (element) value(*element, depth + 1);
+        }
+        put_kind(']');
+        return;
+      }
+      case zelcore::property::kind_properties:
+        tree(static_cast<const zelcore::properties&>(v), depth + 1);
+        return;
+    }
+  }
+
+  // The second level: a string's bytes.
+  static void prefetch_content(const zelcore::property& v) {
+    if (v.kind() == zelcore::property::kind_string)
+      __builtin_prefetch(static_cast<const zelcore::property_string&>(v).value().data());
+  }
+
+  static void check_depth(std::size_t depth) {
+    if (depth > json_max_depth)
+      zelbase::es::arg::raise(
+          source_file, __LINE__,
+          "record nested deeper than " + std::to_string(json_max_depth) + " levels");
+  }
+  void put_kind(char kind) { out_.push_back(kind); }
+  void put_size(std::size_t n) {
+    const std::uint64_t size = n;
+    put_raw(&size, sizeof size);
+  }
+  void put_text(const std::string& text) {
+    put_size(text.size());
+    out_.append(text);
+  }
+  void put_raw(const void* p, std::size_t n) { out_.append(static_cast<const char*>(p), n); }
+
+  std::string& out_;
+};
 
 bool by_id_hash(const record_digest& a, const record_digest& b) noexcept {
   return a.id_hash < b.id_hash;
@@ -23,9 +114,12 @@ std::uint64_t id_hash_of(std::string_view id) {
   return XXH3_64bits_withSeed(id.data(), id.size(), id_seed);
 }
 
-record_digest digest_of(std::string_view id, std::string_view content) {
+record_digest digest_of(std::string_view id, const zelcore::properties& record) {
+  thread_local std::string bytes;
+  bytes.clear();
+  tree_bytes(bytes).tree(record, 1);
   const XXH64_hash_t of_id = XXH3_64bits_withSeed(id.data(), id.size(), content_seed);
-  std::uint64_t digest = XXH3_64bits_withSeed(content.data(), content.size(), of_id);
+  std::uint64_t digest = XXH3_64bits_withSeed(bytes.data(), bytes.size(), of_id);
   if (digest == 0) digest = 1;  // 0 marks an entry to write always
   return {id_hash_of(id), digest};
 }

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "zelcore/properties.h"
+
 namespace zelcapi::store_detail {
 
 struct record_digest {
@@ -20,8 +22,10 @@ struct record_digest {
 };
 
 std::uint64_t id_hash_of(std::string_view id);
-// `content` is the text that the store writes for the record.
-record_digest digest_of(std::string_view id, std::string_view content);
+// Hashes the record's tree itself (keys, kinds and values, length-prefixed), which costs a
+// fraction of writing its text: a save computes it for every record and writes few. Raises
+// zelbase::es::arg for a tree nested deeper than the stores write.
+record_digest digest_of(std::string_view id, const zelcore::properties& record);
 
 // The committed entries of one kind of record and the save in progress over them. A save marks
 // the entries it sees and updates their digests in place; a save that does not commit leaves the

@@ -132,8 +132,12 @@ struct sqlite_state_db::impl {
   void rebuild_digests(kind_writes& kind) {
     std::vector<store_detail::record_digest> entries;
     reset_on_exit done(kind.records);
-    while (kind.records.step())
-      entries.push_back(store_detail::digest_of(kind.records.text(0), kind.records.text(1)));
+    while (kind.records.step()) {
+      const std::string_view id = kind.records.text(0);
+      entries.push_back(store_detail::digest_of(
+          id, sqlite_detail::decode_record(writer, tables[&kind - writes.data()], id,
+                                           kind.records.text(1))));
+    }
     kind.digests.rebuild(std::move(entries));
   }
 
@@ -239,22 +243,27 @@ void sqlite_state_db::store_item(db_item_type type, const std::string& id,
                                  const zelcore::properties& record) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
+    impl::kind_writes& writes = impl_->writes[kind];
+    const bool saving = impl_->state == impl::phase::saving;
+    // With nothing stored to compare with, the record is written first and its digest taken
+    // after, while its tree is still in the cache.
+    const bool compare_first = saving && writes.digests.size() != 0;
+    if (compare_first && !writes.digests.needs_write(store_detail::digest_of(id, record))) {
+      ++impl_->counts.unchanged;
+      return;
+    }
     zelbase::encoder_network& json = impl_->buffer;
     json.clear();
     store_detail::write_json(record, json);
-    impl::kind_writes& writes = impl_->writes[kind];
-    if (impl_->state == impl::phase::saving) {
-      if (!writes.digests.needs_write(store_detail::digest_of(id, json.view()))) {
-        ++impl_->counts.unchanged;
-        return;
-      }
-      ++impl_->counts.written;
-    } else {
-      writes.digests.forget();
-    }
     writes.insert.bind(1, id);
     writes.insert.bind(2, json.view());
     writes.insert.run();
+    if (!saving) {
+      writes.digests.forget();
+      return;
+    }
+    if (!compare_first) writes.digests.needs_write(store_detail::digest_of(id, record));
+    ++impl_->counts.written;
   });
 }
 
