@@ -1,5 +1,6 @@
 // zelctl history: asks the master for historized records of one kind (all, or those of a state
-// id, client id or submission id) and prints the returned list as JSON.
+// id, client id or submission id), or reads them from a mirror with --from, and prints the list
+// as JSON.
 #include <chrono>
 #include <memory>
 #include <string>
@@ -7,6 +8,8 @@
 #include "commands.h"
 #include "json_output.h"
 #include "kinds.h"
+#include "mirror_location.h"
+#include "zelbase/exceptions.h"
 #include "zelcapi/state_connection.h"
 #include "zelcore/report.h"
 
@@ -18,6 +21,7 @@ struct history_flags {
   std::string state_id;
   std::string client_id;
   std::string submission_id;
+  std::string from;
 };
 
 const std::uint32_t request_id = 1;
@@ -57,9 +61,39 @@ void send_request(zelcapi::state_connection& c, const history_flags& f,
   }
 }
 
+// The mirror's historized records that the flags select, in id order, as the master lists them.
+nlohmann::json mirror_history(const history_flags& f, zelcapi::state_item_type type) {
+  const mirror_location mirror = open_mirror(f.from, "--from", mirror_use::read_history);
+  const auto kind = static_cast<zelcapi::db_item_type>(type);
+  nlohmann::json list = nlohmann::json::array();
+  try {
+    if (!f.state_id.empty()) {
+      zelcore::properties record;
+      if (mirror.histories->load_item(kind, f.state_id, record)) list.push_back(to_json(record));
+      return list;
+    }
+    zelcapi::properties_cptr records;
+    if (!f.client_id.empty())
+      records = mirror.histories->load_items_where(kind, "client-id", f.client_id);
+    else if (!f.submission_id.empty())
+      records = mirror.histories->load_items_where(kind, "submission-id", f.submission_id);
+    else
+      records = mirror.histories->load_items(kind);
+    for (const auto& [id, record] : *records)
+      list.push_back(to_json(static_cast<const zelcore::properties&>(*record)));
+  } catch (const zelbase::es::base& e) {
+    throw failure(exit_failure, "cannot read --from '" + mirror.name + "': " + e.message());
+  }
+  return list;
+}
+
 int run_history(const history_flags& f, target& t) {
   zelcapi::state_item_type type{};
   item_type_of(f.kind, type);
+  if (!f.from.empty()) {
+    print_json(mirror_history(f, type), true);
+    return exit_ok;
+  }
   history_receiver receiver;
   zelcapi::state_connection c(&receiver);
   log_in(c, t);
@@ -119,6 +153,8 @@ command add_history_command(CLI::App& app, global_options& options) {
                                                "only records of this submission id");
   state_id->excludes(client_id)->excludes(submission_id);
   client_id->excludes(submission_id);
+  sub->add_option("--from", flags->from,
+                  "read what a mirror (an SQLite file) historized instead of asking the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) { return run_history(*flags, t); }};
 }

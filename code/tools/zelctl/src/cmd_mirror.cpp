@@ -14,11 +14,11 @@
 #include "commands.h"
 #include "json_output.h"
 #include "kinds.h"
+#include "mirror_location.h"
 #include "mirror_store.h"
 #include "stop_signal.h"
 #include "time_text.h"
 #include "zelbase/exceptions.h"
-#include "zelcapi/sqlite_db.h"
 #include "zelcapi/state_connection.h"
 #include "zelcore/report.h"
 
@@ -102,7 +102,8 @@ std::string ms_text(double seconds) {
 std::string save_text(const save_figures& f) {
   if (f.saves == 0) return "no save yet";
   return "last save " + iso_time(f.last_end) + " (" + std::to_string(f.last_records) +
-         " records, " + ms_text(f.last_seconds) + ")";
+         " records, " + std::to_string(f.last_written) + " written, " + ms_text(f.last_seconds) +
+         ")";
 }
 
 // The mirror's run: the replica, the file, the output.
@@ -112,11 +113,14 @@ class mirror {
       : flags_(flags),
         json_(json),
         target_(t),
-        file_(open(flags.db)),
-        store_(file_),
+        location_(open_mirror(flags.db, "--db", mirror_use::write)),
+        store_(*location_.states, [this] { return location_.last_save_counts().written; }),
+        history_(*location_.histories),
         connection_(&counter_, flags.history_keep, &plugins_),
         replica_(*connection_.get_state_non_const()),
-        on_terminal_(::isatty(STDOUT_FILENO) != 0) {}
+        on_terminal_(::isatty(STDOUT_FILENO) != 0) {
+    replica_.set_history_db(&history_);
+  }
 
   int run() {
     install_stop_signals();
@@ -145,6 +149,7 @@ class mirror {
     }
     end_status_line();
     finishing_ = true;
+    write_history();
     replica_.save_state_to_db(true);
     print_summary();
     return exit_ok;
@@ -154,28 +159,44 @@ class mirror {
   static constexpr double initial_backoff = 0.5;
   static constexpr double max_backoff = 10;
 
-  static zelcapi::sqlite_state_db open(const std::string& path) {
-    try {
-      return zelcapi::sqlite_state_db(path);
-    } catch (const zelbase::es::base& e) {
-      throw failure(exit_failure, "cannot open --db '" + path + "': " + e.message());
-    }
-  }
-
   double elapsed() const { return std::chrono::duration<double>(steady::now() - start_).count(); }
   bool finished() const {
     return stop_requested() || (flags_.duration > 0 && elapsed() >= flags_.duration);
   }
 
   void load_file() {
-    const bool saved = file_.has_saved_state();
     try {
+      const bool saved = location_.states->has_saved_state();
       replica_.set_and_update_from_state_db(&store_);
+      log(saved ? "loaded " + location_.name + ": " + counts_text(item_counts(replica_))
+                : "new mirror " + location_.name);
     } catch (const zelbase::es::base& e) {
-      throw failure(exit_failure, "cannot load --db '" + flags_.db + "': " + e.message());
+      throw failure(exit_failure, "cannot load --db '" + location_.name + "': " + e.message());
     }
-    log(saved ? "loaded " + flags_.db + ": " + counts_text(item_counts(replica_))
-              : "new file " + flags_.db);
+  }
+
+  // Writes the history that the replica gathered since the last call; a failure is logged and
+  // the mirror goes on (the replica keeps its own history).
+  void write_history() {
+    try {
+      history_.flush();
+    } catch (const zelbase::es::base& e) {
+      end_status_line();
+      std::fprintf(stderr, "zelctl: mirror: cannot write history: %s\n", e.message().c_str());
+    }
+  }
+
+  // A fresh snapshot's history goes to the store as well: it holds what the cluster
+  // historized while the mirror was away.
+  void store_snapshot_history() {
+    if (!replica_.has_history()) return;
+    for (std::uint32_t type = zelcapi::state_item_client; type <= zelcapi::state_item_task;
+         ++type) {
+      const auto kind = static_cast<zelcapi::state_item_type>(type);
+      for (const auto& [id, record] : replica_.get_history_items(kind))
+        history_.store_item(static_cast<zelcapi::db_item_type>(type), id, record);
+    }
+    write_history();
   }
 
   // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits `backoff`
@@ -186,6 +207,7 @@ class mirror {
       taking_snapshot_ = true;
       const login_result where = load_snapshot(connection_, target_);
       taking_snapshot_ = false;
+      store_snapshot_history();
       ++connects_;
       log(std::string(connects_ > 1 ? "reconnected" : "connected") + " to " + where.master_id +
           " at " + where.host + ":" + where.port + "; snapshot " +
@@ -214,6 +236,7 @@ class mirror {
     std::uint64_t saves_logged = store_.figures().saves;
     while (connection_.is_connected() && !finished()) {
       connection_.wait(100);
+      write_history();
       const auto now = steady::now();
       if (now >= next_save) {
         replica_.save_state_to_db(false);
@@ -225,9 +248,9 @@ class mirror {
         status_line(figures);
         next_status = now + std::chrono::milliseconds(500);
       } else if (!on_terminal_ && figures.saves > saves_logged) {
-        log("saved " + std::to_string(figures.last_records) + " records in " +
-            ms_text(figures.last_seconds) + "; " + std::to_string(counter_.changes()) +
-            " changes applied");
+        log("saved " + std::to_string(figures.last_records) + " records (" +
+            std::to_string(figures.last_written) + " written) in " + ms_text(figures.last_seconds) +
+            "; " + std::to_string(counter_.changes()) + " changes applied");
       }
       saves_logged = figures.saves;
     }
@@ -268,18 +291,19 @@ class mirror {
     const nlohmann::json items = item_counts(replica_);
     if (json_) {
       nlohmann::json summary{
-          {"file", flags_.db},     {"seconds", elapsed()}, {"changes-applied", counter_.changes()},
-          {"connects", connects_}, {"saves", f.saves},     {"items", items}};
+          {"file", location_.name}, {"seconds", elapsed()}, {"changes-applied", counter_.changes()},
+          {"connects", connects_},  {"saves", f.saves},     {"items", items}};
       if (f.saves > 0) {
         summary["last-save"] = iso_time(f.last_end);
         summary["last-save-seconds"] = f.last_seconds;
         summary["last-save-records"] = f.last_records;
+        summary["last-save-written"] = f.last_written;
       }
       print_json(summary, true);
       return;
     }
     std::printf("mirror summary\n");
-    std::printf("  file:            %s\n", flags_.db.c_str());
+    std::printf("  file:            %s\n", location_.name.c_str());
     std::printf("  ran:             %.1f s, %llu connection(s)\n", elapsed(),
                 static_cast<unsigned long long>(connects_));
     std::printf("  changes applied: %llu\n", static_cast<unsigned long long>(counter_.changes()));
@@ -292,8 +316,9 @@ class mirror {
   const mirror_flags& flags_;
   bool json_;
   target& target_;
-  zelcapi::sqlite_state_db file_;
+  mirror_location location_;
   timed_state_db store_;
+  queued_history_db history_;
   zelcore::plugin_db plugins_;
   change_counter counter_;
   zelcapi::state_connection connection_;

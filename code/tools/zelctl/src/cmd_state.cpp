@@ -1,11 +1,13 @@
-// zelctl state: loads the cluster's snapshot and prints it as JSON: whole, one kind, one item,
-// or the number of records per kind.
+// zelctl state: loads the cluster's snapshot, or a mirror's last save with --from, and prints it
+// as JSON: whole, one kind, one item, or the number of records per kind.
 #include <memory>
 #include <string>
 
 #include "commands.h"
 #include "json_output.h"
 #include "kinds.h"
+#include "mirror_location.h"
+#include "zelbase/exceptions.h"
 #include "zelcapi/state_connection.h"
 
 namespace zelctl {
@@ -15,6 +17,7 @@ struct state_flags {
   std::string kind;
   std::string id;
   bool count = false;
+  std::string from;
 };
 
 // The part of the snapshot that the flags select.
@@ -32,9 +35,34 @@ nlohmann::json select(const nlohmann::json& snapshot, const state_flags& f) {
   const nlohmann::json records = snapshot.contains(key) ? snapshot[key] : nlohmann::json::object();
   if (f.id.empty()) return records;
   if (!records.contains(f.id)) {
-    throw failure(exit_failure, "no " + key + " record '" + f.id + "' in the cluster's state");
+    throw failure(exit_failure, "no " + key + " record '" + f.id + "' in the " +
+                                    (f.from.empty() ? "cluster's state" : "mirror"));
   }
   return records[f.id];
+}
+
+// The snapshot of the cluster, or of the mirror's last complete save.
+zelcore::properties snapshot_of(const state_flags& f, target& t) {
+  zelcore::plugin_db plugins;
+  zelcore::properties snapshot;
+  if (f.from.empty()) {
+    zelcapi::state_handler quiet;
+    zelcapi::state_connection c(&quiet, 0, &plugins);
+    load_snapshot(c, t);
+    c.get_state()->get_state(snapshot);
+    return snapshot;
+  }
+  const mirror_location mirror = open_mirror(f.from, "--from", mirror_use::read_states);
+  try {
+    if (!mirror.states->has_saved_state())
+      throw failure(exit_failure, "the mirror at --from '" + mirror.name + "' holds no save yet");
+    zelcapi::state replica(plugins, nullptr);
+    replica.set_and_update_from_state_db(mirror.states.get());
+    replica.get_state(snapshot);
+  } catch (const zelbase::es::base& e) {
+    throw failure(exit_failure, "cannot load --from '" + mirror.name + "': " + e.message());
+  }
+  return snapshot;
 }
 
 }  // namespace
@@ -46,15 +74,11 @@ command add_state_command(CLI::App& app, global_options& options) {
                           ->check(CLI::IsMember(kind_names()));
   sub->add_option("--id", flags->id, "only this record of --kind")->needs(kind);
   sub->add_flag("--count", flags->count, "print the number of records per kind");
+  sub->add_option("--from", flags->from,
+                  "read a mirror's last save (an SQLite file) instead of the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) {
-            zelcore::plugin_db plugins;
-            zelcapi::state_handler quiet;
-            zelcapi::state_connection c(&quiet, 0, &plugins);
-            load_snapshot(c, t);
-            zelcore::properties snapshot;
-            c.get_state()->get_state(snapshot);
-            print_json(select(to_json(snapshot), *flags), true);
+            print_json(select(to_json(snapshot_of(*flags, t)), *flags), true);
             return int{exit_ok};
           }};
 }

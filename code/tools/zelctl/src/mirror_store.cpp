@@ -1,4 +1,4 @@
-// The timing state_db of the mirror: passes calls to the SQLite store and measures saves.
+// The mirror's timing state_db and its queued history_db.
 #include "mirror_store.h"
 
 namespace zelctl {
@@ -28,6 +28,75 @@ void timed_state_db::store_workflow_sequence_number(std::uint64_t sequence_numbe
   figures_.last_end = std::chrono::system_clock::now();
   figures_.last_seconds = std::chrono::duration<double>(end - save_start_).count();
   figures_.last_records = save_records_;
+  figures_.last_written = written_by_last_save_();
+}
+
+void queued_history_db::flush() {
+  if (held_.empty()) return;
+  std::vector<std::function<void(zelcapi::history_db&)>> writes;
+  writes.swap(held_);
+  store_.begin_batch();
+  try {
+    for (const auto& write : writes) write(store_);
+  } catch (...) {
+    try {
+      store_.end_batch();
+    } catch (...) {  // the first error says more
+    }
+    throw;
+  }
+  store_.end_batch();
+}
+
+zelcapi::properties_cptr queued_history_db::load_items(zelcapi::db_item_type type) {
+  return store_.load_items(type);
+}
+
+bool queued_history_db::load_item(zelcapi::db_item_type type, const std::string& id,
+                                  zelcore::properties& out) {
+  return store_.load_item(type, id, out);
+}
+
+void queued_history_db::store_item(zelcapi::db_item_type type, const std::string& id,
+                                   const zelcore::properties& record) {
+  held_.emplace_back(
+      [type, id, record](zelcapi::history_db& db) { db.store_item(type, id, record); });
+}
+
+void queued_history_db::remove_item(zelcapi::db_item_type type, const std::string& id) {
+  held_.emplace_back([type, id](zelcapi::history_db& db) { db.remove_item(type, id); });
+}
+
+void queued_history_db::remove_items(zelcapi::db_item_type type) {
+  held_.emplace_back([type](zelcapi::history_db& db) { db.remove_items(type); });
+}
+
+void queued_history_db::remove_items(zelcapi::db_item_type type, const std::set<std::string>& ids) {
+  held_.emplace_back([type, ids](zelcapi::history_db& db) { db.remove_items(type, ids); });
+}
+
+std::uint64_t queued_history_db::count_items(zelcapi::db_item_type type) {
+  return store_.count_items(type);
+}
+
+std::uint32_t queued_history_db::get_historize_time(zelcapi::db_item_type type,
+                                                    const std::string& id) {
+  return store_.get_historize_time(type, id);
+}
+
+void queued_history_db::remove_items_historized_until(std::uint32_t time) {
+  held_.emplace_back([time](zelcapi::history_db& db) { db.remove_items_historized_until(time); });
+}
+
+zelcapi::properties_cptr queued_history_db::load_items_where(zelcapi::db_item_type type,
+                                                             const std::string& key,
+                                                             const std::string& value) {
+  return store_.load_items_where(type, key, value);
+}
+
+void queued_history_db::clear() {
+  held_.clear();
+  store_.clear();
 }
 
 }  // namespace zelctl

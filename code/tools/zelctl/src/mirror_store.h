@@ -1,14 +1,17 @@
-// The mirror's store: a state_db that passes every call to the SQLite store and measures each
+// The mirror's stores: a state_db that passes every call to the mirror's store and measures each
 // complete save (when it ended, how long it took, how many records), for the status line and
-// the summary. The saver thread writes through it while the main thread reads the figures.
+// the summary, and a history_db that holds the replica's history writes until the mirror
+// writes them together. The saver thread writes through the first while the main thread reads
+// the figures; the second is the main thread's alone.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
-#include "zelcapi/sqlite_db.h"
 #include "zelcapi/state.h"
 
 namespace zelctl {
@@ -18,11 +21,14 @@ struct save_figures {
   std::chrono::system_clock::time_point last_end{};
   double last_seconds = 0;
   std::uint64_t last_records = 0;
+  std::uint64_t last_written = 0;  // of last_records, those new or changed since the save before
 };
 
 class timed_state_db final : public zelcapi::forwarding_state_db {
  public:
-  explicit timed_state_db(zelcapi::sqlite_state_db& store) : forwarding_state_db(store) {}
+  // `written_by_last_save` tells how many records the store's last save wrote.
+  timed_state_db(zelcapi::state_db& store, std::function<std::uint64_t()> written_by_last_save)
+      : forwarding_state_db(store), written_by_last_save_(std::move(written_by_last_save)) {}
 
   // A copy of the figures of the saves completed so far.
   save_figures figures() const;
@@ -34,11 +40,45 @@ class timed_state_db final : public zelcapi::forwarding_state_db {
   void store_workflow_sequence_number(std::uint64_t sequence_number) override;
 
  private:
+  std::function<std::uint64_t()> written_by_last_save_;
   mutable std::mutex lock_;
   save_figures figures_;
   // Of the save in progress (saver thread only).
   std::chrono::steady_clock::time_point save_start_{};
   std::uint64_t save_records_ = 0;
+};
+
+// The replica's history writes, each a transaction of its own in the store, held until flush()
+// writes them as one batch: the replica historizes records while it applies notifications, and
+// one write between waits keeps the store's lock short. Loads pass straight through.
+class queued_history_db final : public zelcapi::history_db {
+ public:
+  explicit queued_history_db(zelcapi::history_db& store) : store_(store) {}
+
+  // Writes the held changes in one batch; raises what the store raises (the batch is then lost
+  // as a whole, and the replica's in-memory history still holds the records).
+  void flush();
+
+  zelcapi::properties_cptr load_items(zelcapi::db_item_type type) override;
+  bool load_item(zelcapi::db_item_type type, const std::string& id,
+                 zelcore::properties& out) override;
+  void store_item(zelcapi::db_item_type type, const std::string& id,
+                  const zelcore::properties& record) override;
+  void remove_item(zelcapi::db_item_type type, const std::string& id) override;
+  void remove_items(zelcapi::db_item_type type) override;
+  void remove_items(zelcapi::db_item_type type, const std::set<std::string>& ids) override;
+  std::uint64_t count_items(zelcapi::db_item_type type) override;
+  std::uint32_t get_historize_time(zelcapi::db_item_type type, const std::string& id) override;
+  void remove_items_historized_until(std::uint32_t time) override;
+  zelcapi::properties_cptr load_items_where(zelcapi::db_item_type type, const std::string& key,
+                                            const std::string& value) override;
+  void clear() override;
+  void begin_batch() override {}
+  void end_batch() override {}
+
+ private:
+  zelcapi::history_db& store_;
+  std::vector<std::function<void(zelcapi::history_db&)>> held_;
 };
 
 }  // namespace zelctl

@@ -1,0 +1,34 @@
+// Where a mirror is kept: an SQLite file, or (later in this file's life) a database server. The
+// mirror writes its saves and history there; `state --from` and `history --from` read them.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "zelcapi/save_counts.h"
+#include "zelcapi/state.h"
+
+namespace zelctl {
+
+struct mirror_location {
+  std::unique_ptr<zelcapi::state_db> states;
+  std::unique_ptr<zelcapi::history_db> histories;
+  // How output and errors name it: the file's path.
+  std::string name;
+  // What the state store's last save wrote.
+  std::function<zelcapi::save_counts()> last_save_counts;
+};
+
+enum class mirror_use {
+  write,         // both stores, creating the mirror when missing
+  read_states,   // the state store only, which must exist
+  read_history,  // the history store only, which must exist
+};
+
+// Opens the mirror that `where` names; the stores that `use` leaves out stay null. `flag` names
+// the option in errors. Raises failure (exit_failure) with the store's text when it cannot be
+// opened.
+mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use);
+
+}  // namespace zelctl
