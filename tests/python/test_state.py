@@ -86,6 +86,12 @@ def test_the_replica_saves_to_sqlite_and_loads_back(cluster, tmp_path):
     for kind in KINDS:
         assert loaded.state.items(kind) == c.state.items(kind)
     assert loaded.state.count(zelcapi.ItemType.JOB) > 0
+    # Nothing changed since: the next save writes no record.
+    c.state.save(True)
+    counts = db.last_save_counts()
+    assert counts["written"] == 0 and counts["removed"] == 0
+    assert counts["unchanged"] == sum(c.state.count(kind) for kind in KINDS) + len(
+        c.state.snapshot()["workflows"])
 
 
 def test_a_history_request_reaches_history_reply_with_its_id(cluster):

@@ -140,7 +140,18 @@ void bind_state(py::module_& m) {
   py::class_<zelcapi::sqlite_state_db, zelcapi::state_db>(m, "SQLiteStateDB",
                                                           "The state store in one SQLite file.")
       .def(py::init<const std::string&>(), py::arg("path"))
-      .def_property_readonly("path", &zelcapi::sqlite_state_db::path);
+      .def_property_readonly("path", &zelcapi::sqlite_state_db::path)
+      .def(
+          "last_save_counts",
+          [](const zelcapi::sqlite_state_db& db) {
+            const zelcapi::save_counts counts = db.last_save_counts();
+            py::dict out;
+            out["written"] = counts.written;
+            out["unchanged"] = counts.unchanged;
+            out["removed"] = counts.removed;
+            return out;
+          },
+          "What the last save did: records written (new or changed), unchanged, removed.");
 
   py::class_<zelcapi::state_handler, py_state_handler>(
       m, "StateHandler",
