@@ -101,6 +101,38 @@ postgres_server* running = nullptr;
 
 }  // namespace
 
+struct postgres_session::connection {
+  std::unique_ptr<PGconn, pg_closer> conn;
+  std::unique_ptr<PGresult, result_clearer> run(const std::string& sql) {
+    std::unique_ptr<PGresult, result_clearer> r(PQexec(conn.get(), sql.c_str()));
+    const ExecStatusType status = PQresultStatus(r.get());
+    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
+      throw std::runtime_error(sql + ": " + PQerrorMessage(conn.get()));
+    return r;
+  }
+};
+
+postgres_session::postgres_session(const std::string& conninfo)
+    : conn_(new connection{std::unique_ptr<PGconn, pg_closer>(PQconnectdb(conninfo.c_str()))}) {
+  if (PQstatus(conn_->conn.get()) != CONNECTION_OK)
+    throw std::runtime_error(std::string("cannot connect: ") + PQerrorMessage(conn_->conn.get()));
+}
+
+postgres_session::~postgres_session() = default;
+
+void postgres_session::execute(const std::string& sql) { conn_->run(sql); }
+
+std::string postgres_session::query(const std::string& sql) {
+  const auto r = conn_->run(sql);
+  return PQntuples(r.get()) > 0 ? PQgetvalue(r.get(), 0, 0) : "";
+}
+
+std::int64_t postgres_session::query_int(const std::string& sql) {
+  const std::string value = query(sql);
+  if (value.empty()) throw std::runtime_error(sql + ": no value");
+  return std::stoll(value);
+}
+
 postgres_server::postgres_server() : bindir_(server_bindir()) {
   char pattern[] = "/tmp/zelpg-XXXXXX";
   if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
@@ -150,27 +182,16 @@ std::string postgres_server::fresh_database() {
   return conninfo(name);
 }
 
-std::string postgres_server::_run(const std::string& dbname, const std::string& sql) const {
+void postgres_server::execute(const std::string& dbname, const std::string& sql) const {
   std::string info = conninfo(dbname);
   if (!password_.empty()) info += " password=" + password_;
-  std::unique_ptr<PGconn, pg_closer> conn(PQconnectdb(info.c_str()));
-  if (PQstatus(conn.get()) != CONNECTION_OK)
-    throw std::runtime_error(std::string("cannot connect: ") + PQerrorMessage(conn.get()));
-  std::unique_ptr<PGresult, result_clearer> r(PQexec(conn.get(), sql.c_str()));
-  const ExecStatusType status = PQresultStatus(r.get());
-  if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
-    throw std::runtime_error(sql + ": " + PQerrorMessage(conn.get()));
-  return PQntuples(r.get()) > 0 ? PQgetvalue(r.get(), 0, 0) : "";
-}
-
-void postgres_server::execute(const std::string& dbname, const std::string& sql) const {
-  _run(dbname, sql);
+  postgres_session(info).execute(sql);
 }
 
 std::int64_t postgres_server::query_int(const std::string& dbname, const std::string& sql) const {
-  const std::string value = _run(dbname, sql);
-  if (value.empty()) throw std::runtime_error(sql + ": no value");
-  return std::stoll(value);
+  std::string info = conninfo(dbname);
+  if (!password_.empty()) info += " password=" + password_;
+  return postgres_session(info).query_int(sql);
 }
 
 void postgres_server::require_password(const std::string& password) {

@@ -6,9 +6,30 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace zeltest {
+
+// A connection of the test's own to a server, apart from the stores' connections.
+class postgres_session {
+ public:
+  // Raises std::runtime_error with libpq's text when the connection fails.
+  explicit postgres_session(const std::string& conninfo);
+  ~postgres_session();
+  postgres_session(const postgres_session&) = delete;
+  postgres_session& operator=(const postgres_session&) = delete;
+
+  // Runs `sql` (statements without parameters); raises std::runtime_error with the server's text.
+  void execute(const std::string& sql);
+  // The first value of the answer to `sql` ("" when there is no row).
+  std::string query(const std::string& sql);
+  std::int64_t query_int(const std::string& sql);
+
+ private:
+  struct connection;
+  std::unique_ptr<connection> conn_;
+};
 
 class postgres_server {
  public:
@@ -44,8 +65,6 @@ class postgres_server {
  private:
   // pg_ctl `command` with the stop `mode` (fast, immediate) when not empty.
   void _pg_ctl(const std::string& command, const std::string& mode);
-  // Runs `sql` and returns the first value of its answer ("" when none).
-  std::string _run(const std::string& dbname, const std::string& sql) const;
 
   std::string bindir_;
   std::string dir_;

@@ -149,16 +149,15 @@ connection::connection(const std::string& conninfo) : conninfo_(conninfo) {
     server_ = "(malformed connection string)";
     fail(may_hold_password(conninfo) ? without_quoted(why) : why);
   }
-  for (const PQconninfoOption* o = options; o->keyword; ++o) {
-    if (!o->val || !*o->val) continue;
-    const std::string keyword = o->keyword;
-    if (keyword == "password") {
-      password_ = o->val;
-    } else if (keyword == "host" || keyword == "hostaddr" || keyword == "port" ||
-               keyword == "dbname" || keyword == "user" || keyword == "service") {
+  for (const char* shown : {"service", "host", "hostaddr", "port", "dbname", "user"}) {
+    for (const PQconninfoOption* o = options; o->keyword; ++o) {
+      if (std::strcmp(o->keyword, shown) != 0 || !o->val || !*o->val) continue;
       if (!server_.empty()) server_ += ' ';
-      server_ += keyword + "=" + o->val;
+      server_ += std::string(shown) + "=" + o->val;
     }
+  }
+  for (const PQconninfoOption* o = options; o->keyword; ++o) {
+    if (std::strcmp(o->keyword, "password") == 0 && o->val) password_ = o->val;
   }
   PQconninfoFree(options);
   if (server_.empty()) server_ = "(libpq defaults)";
@@ -167,6 +166,7 @@ connection::connection(const std::string& conninfo) : conninfo_(conninfo) {
 
 void connection::_connect() {
   copying_ = false;
+  broken_ = false;
   conn_.reset(PQconnectdb(conninfo_.c_str()));
   if (!conn_) fail("out of memory");
   if (PQstatus(conn_.get()) != CONNECTION_OK) fail_last();
@@ -185,6 +185,9 @@ result connection::_checked(PGresult* r, ExecStatusType expected) {
   if (!r) fail_last();
   const ExecStatusType status = PQresultStatus(r);
   if (status != expected && !(expected == PGRES_TUPLES_OK && status == PGRES_COMMAND_OK)) {
+    const char* state = PQresultErrorField(r, PG_DIAG_SQLSTATE);
+    if (!state || std::strncmp(state, "08", 2) == 0 || std::strncmp(state, "57P", 3) == 0)
+      broken_ = true;
     const char* primary = PQresultErrorField(r, PG_DIAG_MESSAGE_PRIMARY);
     fail(one_line(primary ? primary : PQresultErrorMessage(r)));
   }
@@ -248,6 +251,7 @@ void connection::fail(const std::string& why) const {
 }
 
 void connection::fail_last() const {
+  broken_ = true;
   fail(one_line(conn_ ? PQerrorMessage(conn_.get()) : "out of memory"));
 }
 

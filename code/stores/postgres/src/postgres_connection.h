@@ -54,8 +54,9 @@ class connection {
 
   // Connects again when the connection was lost; raises as the constructor does.
   void ensure_open();
-  // Whether libpq knows the connection to be lost.
-  bool lost() const noexcept { return PQstatus(conn_.get()) != CONNECTION_OK; }
+  // Whether the connection is lost: libpq knows it, or a statement failed without the server's
+  // answer or with an error of the connection (SQLSTATE class 08, 57P: shutdown, crash).
+  bool lost() const noexcept { return broken_ || PQstatus(conn_.get()) != CONNECTION_OK; }
 
   // Runs `sql` (one or more statements without parameters) and returns the last result.
   result exec(const std::string& sql);
@@ -92,6 +93,7 @@ class connection {
   std::string password_;  // only to keep it out of error texts
   std::unique_ptr<PGconn, closer> conn_;
   bool copying_ = false;
+  mutable bool broken_ = false;
 };
 
 // The tree of a stored record; raises es::uspec naming the table and the id when its JSON text
