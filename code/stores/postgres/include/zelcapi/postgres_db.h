@@ -33,10 +33,12 @@ namespace zelcapi {
 // save writes only the records that changed since the previous one and deletes those it no
 // longer holds: the store keeps a 16-byte digest a record of what it committed, read from the
 // server by the first save and again after a save that failed. The first save into an empty
-// table streams its records with COPY. Outside a save, store_item and remove_item write one
-// record each. Errors of the server or of the connection raise zelbase::es::uspec with the
-// server's text; a write that fails inside a save rolls the save back, and the save's further
-// writes raise until the next begin_save. A kind outside 0 to 7 raises es::arg.
+// table streams its records with COPY; within a save each id of a kind is stored once (as the
+// saver does), a second store_item of it fails the save. Outside a save, store_item and
+// remove_item write one record each. Errors of the server or of the connection raise
+// zelbase::es::uspec with the server's text; a write that fails inside a save rolls the save back,
+// and the save's further writes raise until the next begin_save. A kind outside 0 to 7 raises
+// es::arg.
 class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
  public:
   // Connects (twice: a writing and a reading connection) and creates the tables that are
