@@ -48,21 +48,28 @@ struct postgres_history_db::impl {
     postgres_detail::ensure_schema(db, layout, std::size(layout));
   }
 
-  // Runs a statement with the lock held. Outside a batch a lost connection is opened again
-  // first; inside one it is not, so that the batch's writes stay one transaction.
+  // Runs a statement with the lock held. Outside a batch a lost connection is opened again, and
+  // a statement that found it lost runs again once (every statement here is idempotent); inside
+  // a batch it is not, so that the batch's writes stay one transaction.
   result run(const char* sql, const std::vector<std::string>& params) {
-    if (batch_depth == 0) db.ensure_open();
-    if (batch_depth > 0 && batch_failed)
-      db.fail("the batch was rolled back after an error; end_batch ends it");
+    if (batch_depth > 0) {
+      if (batch_failed) db.fail("the batch was rolled back after an error; end_batch ends it");
+      try {
+        return db.exec(sql, params);
+      } catch (...) {
+        batch_failed = true;
+        db.rollback_quietly();
+        throw;
+      }
+    }
+    db.ensure_open();
     try {
       return db.exec(sql, params);
     } catch (...) {
-      if (batch_depth > 0) {
-        batch_failed = true;
-        db.rollback_quietly();
-      }
-      throw;
+      if (!db.lost()) throw;
     }
+    db.ensure_open();
+    return db.exec(sql, params);
   }
 
   // The records that `r` holds (id, record), those for which `keep` holds.
