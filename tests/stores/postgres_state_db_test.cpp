@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <thread>
 #include <vector>
@@ -146,20 +147,20 @@ TEST_F(PostgresStateDbTest, ReadersOfOtherConnectionsSeeThePreviousSaveWholeUnti
 
 namespace {
 
-// Stops the server as a crash would after `after` records of a save.
-class stopping_db final : public zelcapi::forwarding_state_db {
+// Does `action` (a crash of the server, say) after `after` records of a save.
+class interrupting_db final : public zelcapi::forwarding_state_db {
  public:
-  stopping_db(state_db& inner, zeltest::postgres_server& server, int after)
-      : forwarding_state_db(inner), server_(server), after_(after) {}
+  interrupting_db(state_db& inner, int after, std::function<void()> action)
+      : forwarding_state_db(inner), after_(after), action_(std::move(action)) {}
   void store_item(zelcapi::db_item_type type, const std::string& id,
                   const properties& record) override {
-    if (++calls_ == after_) server_.stop_immediately();
+    if (++calls_ == after_) action_();
     forwarding_state_db::store_item(type, id, record);
   }
 
  private:
-  zeltest::postgres_server& server_;
   int after_;
+  std::function<void()> action_;
   int calls_ = 0;
 };
 
@@ -168,8 +169,8 @@ class stopping_db final : public zelcapi::forwarding_state_db {
 TEST_F(PostgresStateDbTest, ServerKilledInTheMiddleOfASaveLosesNoCommittedSave) {
   const properties first = jobs(2000, 1, 100);
   save_jobs(db, first, 1);
-  stopping_db stopping(db, server, 1000);
-  const std::string message = uspec_of([&] { save_jobs(stopping, with_changes(first, 1), 2); });
+  interrupting_db crashing(db, 1000, [&] { server.stop_immediately(); });
+  const std::string message = uspec_of([&] { save_jobs(crashing, with_changes(first, 1), 2); });
   EXPECT_EQ(message.rfind("PostgreSQL store '" + label_of(conninfo) + "': ", 0), 0u) << message;
   EXPECT_EQ(message.find('\n'), std::string::npos) << message;
   server.start();
@@ -181,6 +182,25 @@ TEST_F(PostgresStateDbTest, ServerKilledInTheMiddleOfASaveLosesNoCommittedSave) 
   EXPECT_EQ(db.last_save_counts().written, 1000u);
   expect_saved(db, third, 3);
   expect_saved(*std::make_unique<postgres_state_db>(conninfo), third, 3);
+}
+
+TEST_F(PostgresStateDbTest, ConnectionsDroppedInTheMiddleOfASaveAreOpenedAgain) {
+  const properties first = jobs(500, 1);
+  save_jobs(db, first, 1);
+  // The server ends every session of the store's database, as an administrator may.
+  interrupting_db dropping(db, 250, [&] {
+    postgres_session(conninfo).execute(
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
+        " WHERE datname = current_database() AND pid <> pg_backend_pid()");
+  });
+  EXPECT_EQ(uspec_of([&] { save_jobs(dropping, with_changes(first, 1), 2); }),
+            "PostgreSQL store '" + db.server() +
+                "': terminating connection due to administrator command");
+  expect_saved(db, first, 1);
+  const properties third = with_changes(first, 5);
+  save_jobs(db, third, 3);
+  EXPECT_EQ(db.last_save_counts().written, 100u);
+  expect_saved(db, third, 3);
 }
 
 TEST_F(PostgresStateDbTest, StatementTimeoutRollsTheSaveBackWithTheServersText) {
