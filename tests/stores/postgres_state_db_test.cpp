@@ -239,6 +239,19 @@ TEST_F(PostgresStateDbTest, RecordsAreJsonbThatQueriesAnswer) {
   EXPECT_EQ(psql.query("SELECT value FROM zelcapi_meta WHERE key = 'schema_version'"), "1");
 }
 
+TEST_F(PostgresStateDbTest, RecordInJsonbsOwnKeyOrderAndSpacingLoadsAsStored) {
+  const properties record{{"aa", zelcore::make_int(1)},
+                          {"b", zelcore::make_string("x")},
+                          {"c", zelcore::make_int(INT64_MIN)}};
+  save_jobs(db, properties{{"j1", zelcore::property_ptr(new properties(record))}}, 1);
+  // jsonb orders keys by length first; ours are in byte order and without spaces.
+  EXPECT_EQ(postgres_session(conninfo).query("SELECT record::text FROM jobs WHERE id = 'j1'"),
+            "{\"b\": \"x\", \"c\": -9223372036854775808, \"aa\": 1}");
+  properties loaded(false);
+  ASSERT_TRUE(db.load_item(db_item_job, "j1", loaded));
+  EXPECT_TRUE(loaded == record) << loaded.describe();
+}
+
 TEST_F(PostgresStateDbTest, NewerSchemaVersionIsRefused) {
   postgres_session(conninfo).execute(
       "UPDATE zelcapi_meta SET value = '2' WHERE key = 'schema_version'");
