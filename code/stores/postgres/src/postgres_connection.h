@@ -105,16 +105,4 @@ zelcore::properties decode_record(const connection& db, const char* table, std::
 // Appends one row of COPY's text format: the fields separated by tabs, each escaped.
 void append_copy_row(std::string& out, std::initializer_list<std::string_view> fields);
 
-// A table of a store: its name, its columns as information_schema lists them ("id text,record
-// jsonb") and the statements that create it with its indexes.
-struct table_layout {
-  const char* name;
-  const char* columns;
-  const char* create;
-};
-// Creates the tables that are missing and the schema's version, in one transaction that holds
-// an advisory lock, so that stores opened at once on an empty database do not race. Raises
-// es::uspec for a newer schema version or a table of the same name with other columns.
-void ensure_schema(connection& db, const table_layout* tables, std::size_t count);
-
 }  // namespace zelcapi::postgres_detail

@@ -3,6 +3,7 @@
 
 #include "json_record.h"
 #include "postgres_connection.h"
+#include "postgres_schema.h"
 #include "zelbase/time.h"
 #include "zelcapi/memory_db.h"
 #include "zelcapi/postgres_db.h"

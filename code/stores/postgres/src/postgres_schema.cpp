@@ -2,7 +2,7 @@
 // whose tables of the same names have other columns.
 #include <map>
 
-#include "postgres_connection.h"
+#include "postgres_schema.h"
 
 namespace zelcapi::postgres_detail {
 

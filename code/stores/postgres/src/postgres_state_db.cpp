@@ -7,6 +7,7 @@
 
 #include "json_record.h"
 #include "postgres_connection.h"
+#include "postgres_schema.h"
 #include "record_digests.h"
 #include "zelcapi/memory_db.h"
 #include "zelcapi/postgres_db.h"
