@@ -3,13 +3,17 @@
 // dies in the middle of a save or cancels a statement, the schema's checks, and the texts of
 // connection failures.
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -217,6 +221,71 @@ TEST_F(PostgresStateDbTest, StatementTimeoutRollsTheSaveBackWithTheServersText) 
   const properties third = with_changes(first, 3);
   save_jobs(impatient, third, 3);
   expect_saved(impatient, third, 3);
+}
+
+namespace {
+
+// A file system of `bytes` (a tmpfs) in the server's directory, for a tablespace that fills up;
+// mounting needs root, so `mounted()` is false elsewhere.
+class small_file_system {
+ public:
+  small_file_system(const std::string& path, std::size_t bytes) : path_(path) {
+    if (::mkdir(path.c_str(), 0700) != 0) return;
+    const std::string size = "size=" + std::to_string(bytes);
+    mounted_ = ::mount("tmpfs", path.c_str(), "tmpfs", 0, size.c_str()) == 0;
+    if (const passwd* server = ::getpwnam("postgres"); mounted_ && server)
+      mounted_ = ::chown(path.c_str(), server->pw_uid, server->pw_gid) == 0;
+  }
+  ~small_file_system() {
+    ::umount2(path_.c_str(), MNT_DETACH);
+    ::rmdir(path_.c_str());
+  }
+  small_file_system(const small_file_system&) = delete;
+  small_file_system& operator=(const small_file_system&) = delete;
+  bool mounted() const noexcept { return mounted_; }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+};
+
+}  // namespace
+
+// `count` jobs of 4 KB of random hex each, which the server cannot compress much.
+properties incompressible_jobs(int count, int status) {
+  std::mt19937_64 random(7);
+  properties out = jobs(count, status);
+  for (const auto& [id, record] : jobs(count, status)) {
+    std::string noise;
+    while (noise.size() < 4096) noise += std::to_string(random());
+    properties noisy = static_cast<const properties&>(*record);
+    noisy.set_string_value("noise", noise);
+    out.set_properties_value(id, noisy);
+  }
+  return out;
+}
+
+TEST_F(PostgresStateDbTest, FullDiskDuringASaveRollsItBackWithTheServersText) {
+  small_file_system small(server.socket_dir() + "/small", 1024 * 1024);
+  if (!small.mounted() || ::geteuid() != 0) GTEST_SKIP() << "cannot mount a file system here";
+  postgres_session admin(conninfo);
+  admin.execute("CREATE TABLESPACE small LOCATION '" + server.socket_dir() + "/small'");
+  admin.execute("ALTER TABLE jobs SET TABLESPACE small");
+  const properties first = jobs(50, 1);
+  save_jobs(db, first, 1);
+
+  const std::string message = uspec_of([&] { save_jobs(db, incompressible_jobs(1000, 2), 2); });
+  EXPECT_EQ(message.rfind("PostgreSQL store '" + db.server() + "': could not extend file", 0), 0u)
+      << message;
+  EXPECT_NE(message.find("No space left on device"), std::string::npos) << message;
+  expect_saved(db, first, 1);
+
+  // With room again, the next save succeeds.
+  admin.execute("ALTER TABLE jobs SET TABLESPACE pg_default");
+  const properties third = incompressible_jobs(1000, 3);
+  save_jobs(db, third, 3);
+  expect_saved(db, third, 3);
+  admin.execute("DROP TABLESPACE small");
 }
 
 TEST_F(PostgresStateDbTest, RecordsAreJsonbThatQueriesAnswer) {
