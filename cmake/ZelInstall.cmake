@@ -1,5 +1,6 @@
 # Installs the CMake package (find_package(zelcapi CONFIG) -> zelcapi::zelcapi and
-# zelcapi::zelcapi_sqlite) and the pkg-config files zelcapi.pc and zelcapi_sqlite.pc.
+# zelcapi::zelcapi_sqlite, zelcapi::zelcapi_postgres) and the pkg-config files zelcapi.pc,
+# zelcapi_sqlite.pc and zelcapi_postgres.pc.
 include(CMakePackageConfigHelpers)
 
 install(EXPORT zelcapi-targets
@@ -24,7 +25,7 @@ string(REGEX REPLACE "/$" "" ZEL_PC_PREFIX_FROM_PCDIR "${ZEL_PC_PREFIX_FROM_PCDI
 set(zel_system_libdirs
   ${CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES} ${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES})
 list(REMOVE_DUPLICATES zel_system_libdirs)
-foreach(zel_pc zelcapi zelcapi_sqlite)
+foreach(zel_pc zelcapi zelcapi_sqlite zelcapi_postgres)
   configure_file(cmake/${zel_pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc @ONLY)
   install(CODE "
     set(zel_pc_file \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${zel_pc}.pc\")

@@ -1,7 +1,7 @@
-# Runs at install time: installs one .pc file (zelcapi.pc, zelcapi_sqlite.pc) into the libdir of
-# the prefix being installed. When that libdir is not one the toolchain and the dynamic linker
-# search anyway, Libs also gets a run path to it, so that a client linked through pkg-config
-# starts without LD_LIBRARY_PATH.
+# Runs at install time: installs one .pc file (zelcapi.pc, zelcapi_sqlite.pc, zelcapi_postgres.pc)
+# into the libdir of the prefix being installed. When that libdir is not one the toolchain and the
+# dynamic linker search anyway, Libs also gets a run path to it, so that a client linked through
+# pkg-config starts without LD_LIBRARY_PATH.
 # Set before inclusion: zel_pc_file, zel_libdir (relative), zel_system_libdirs.
 set(zel_pc_libdir "${CMAKE_INSTALL_PREFIX}/${zel_libdir}")
 file(READ "${zel_pc_file}" zel_pc)

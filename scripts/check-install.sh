@@ -22,6 +22,7 @@ cmake -S tests/install -B "$scratch/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$pre
 cmake --build "$scratch/consumer" >/dev/null
 "$scratch/consumer/consumer"
 "$scratch/consumer/consumer_sqlite"
+"$scratch/consumer/consumer_postgres"
 "$scratch/consumer/consumer_asio"
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
@@ -30,7 +31,13 @@ g++ -std=c++17 tests/install/consumer.cpp "${pc_flags[@]}" -o "$scratch/pc-consu
 "$scratch/pc-consumer"
 read -ra pc_sqlite_flags <<<"$(pkg-config --cflags --libs zelcapi_sqlite)"
 g++ -std=c++17 tests/install/consumer_sqlite.cpp "${pc_sqlite_flags[@]}" -o "$scratch/pc-consumer-sqlite"
+read -ra pc_postgres_flags <<<"$(pkg-config --cflags --libs zelcapi_postgres)"
+g++ -std=c++17 tests/install/consumer_postgres.cpp "${pc_postgres_flags[@]}" -o "$scratch/pc-consumer-postgres"
+"$scratch/pc-consumer-postgres"
 "$scratch/pc-consumer-sqlite"
+read -ra pc_postgres_flags <<<"$(pkg-config --cflags --libs zelcapi_postgres)"
+g++ -std=c++17 tests/install/consumer_postgres.cpp "${pc_postgres_flags[@]}" -o "$scratch/pc-consumer-postgres"
+"$scratch/pc-consumer-postgres"
 
 # The Python module from the prefix, named in PYTHONPATH as for a prefix that Python does not search.
 python_dirs=("$prefix"/lib/python3*/*-packages)

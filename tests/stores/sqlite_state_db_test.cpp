@@ -19,8 +19,11 @@ using zelcapi::db_item_job;
 using zelcapi::sqlite_options;
 using zelcapi::sqlite_state_db;
 using zelcore::properties;
+using zeltest::expect_saved;
 using zeltest::job;
+using zeltest::jobs;
 using zeltest::raised_message;
+using zeltest::save_jobs;
 
 namespace {
 
@@ -47,31 +50,6 @@ std::string sql_on(const std::string& path, const std::string& sql) {
   return out;
 }
 
-properties jobs(int count, int status, std::size_t padding = 0) {
-  properties out(false);
-  for (int n = 0; n < count; ++n) {
-    properties record = job("job " + std::to_string(n), status);
-    record.set_string_value("padding", std::string(padding, 'p'));
-    out.set_properties_value("j" + std::to_string(n), record);
-  }
-  return out;
-}
-
-void save(zelcapi::state_db& db, const properties& records, std::uint64_t sequence_number) {
-  db.begin_save();
-  for (const auto& [id, record] : records)
-    db.store_item(db_item_job, id, static_cast<const properties&>(*record));
-  db.store_workflow_results({{"WOFL-1", zelcapi::workflow_result_info(2u, 3u)}});
-  db.store_workflow_sequence_number(sequence_number);
-}
-
-void expect_saved(zelcapi::state_db& db, const properties& records, std::uint64_t sequence_number) {
-  const auto loaded = db.load_items(db_item_job);
-  EXPECT_TRUE(*loaded == records) << loaded->size() << " records instead of " << records.size();
-  EXPECT_EQ(db.load_workflow_sequence_number(), sequence_number);
-  EXPECT_EQ(db.load_workflow_results()->size(), 1u);
-}
-
 template <class F>
 std::string uspec_of(F f) {
   return raised_message<zelbase::es::uspec>(f);
@@ -89,7 +67,7 @@ TEST_F(SqliteStateDbTest, ReopenedFileHoldsTheLastSave) {
   const properties first = jobs(20, 1);
   {
     sqlite_state_db db(path);
-    save(db, first, 41);
+    save_jobs(db, first, 41);
   }
   sqlite_state_db db(path);
   EXPECT_TRUE(db.has_saved_state());
@@ -100,11 +78,11 @@ TEST_F(SqliteStateDbTest, SaveRewritesOnlyTheRowsOfChangedRecordsAsTheFileShows)
   // A row written again gets a new rowid; rows left alone keep theirs.
   properties records = jobs(2000, 1);
   sqlite_state_db db(path);
-  save(db, records, 1);
+  save_jobs(db, records, 1);
   const std::string highest = sql_on(path, "SELECT max(rowid) FROM jobs");
   for (int n = 0; n < 2000; n += 100)
     records.set_properties_value("j" + std::to_string(n), job("x", 7));
-  save(db, records, 2);
+  save_jobs(db, records, 2);
   EXPECT_EQ(sql_on(path, "SELECT count(*) FROM jobs WHERE rowid > " +
                              highest.substr(0, highest.find('|'))),
             "20|\n");
@@ -115,7 +93,7 @@ TEST_F(SqliteStateDbTest, OpenSaveIsRolledBackWhenTheStoreCloses) {
   const properties first = jobs(3, 1);
   {
     sqlite_state_db db(path);
-    save(db, first, 1);
+    save_jobs(db, first, 1);
     db.begin_save();
     db.store_item(db_item_job, "late", job("late", 0));
   }
@@ -135,7 +113,7 @@ TEST_F(SqliteStateDbTest, FileIsInWriteAheadLogModeWithTheSchemaVersion) {
 TEST_F(SqliteStateDbTest, RecordsAreJsonThatSqliteReads) {
   {
     sqlite_state_db db(path);
-    save(db, jobs(4, 2), 1);
+    save_jobs(db, jobs(4, 2), 1);
     db.store_item(db_item_job, "odd", properties{{"name", zelcore::make_string("\xff\x01")}});
   }
   EXPECT_EQ(sql_on(path,
@@ -165,7 +143,7 @@ TEST_F(SqliteStateDbTest, EveryByteToEscapeIsFoundAtEveryPositionOfAString) {
   }
   {
     sqlite_state_db db(path);
-    save(db, records, 1);
+    save_jobs(db, records, 1);
   }
   EXPECT_EQ(sql_on(path, "SELECT count(*) FROM jobs WHERE json_valid(record)"),
             std::to_string(n) + "|\n");
@@ -182,7 +160,7 @@ TEST_F(SqliteStateDbTest, ShellAnswersAJsonExtractQueryOverJobs) {
     sqlite_state_db db(path);
     properties records = jobs(5, 1);
     records.set_properties_value("j2", job("failed one", 5));
-    save(db, records, 1);
+    save_jobs(db, records, 1);
   }
   const std::string command = "sqlite3 -readonly '" + path +
                               "' \"SELECT id, json_extract(record, '\\$.name') FROM jobs"
@@ -240,7 +218,7 @@ TEST_F(SqliteStateDbTest, FileThatCannotBeOpenedIsRefused) {
 TEST_F(SqliteStateDbTest, MalformedRecordIsAnErrorNamingTableAndId) {
   {
     sqlite_state_db db(path);
-    save(db, jobs(2, 1), 1);
+    save_jobs(db, jobs(2, 1), 1);
   }
   sql_on(path, "UPDATE jobs SET record = '{\"name\":' WHERE id = 'j1'");
   sqlite_state_db db(path);
@@ -287,13 +265,13 @@ TEST_F(SqliteStateDbTest, ReadOnlyStoreRefusesASaveAndKeepsThePreviousOne) {
   const properties first = jobs(5, 1);
   {
     sqlite_state_db db(path);
-    save(db, first, 7);
+    save_jobs(db, first, 7);
   }
   sqlite_options read_only;
   read_only.read_only = true;
   sqlite_state_db db(path, read_only);
   expect_saved(db, first, 7);
-  EXPECT_EQ(uspec_of([&] { save(db, jobs(2, 2), 8); }),
+  EXPECT_EQ(uspec_of([&] { save_jobs(db, jobs(2, 2), 8); }),
             "SQLite store '" + path + "': attempt to write a readonly database");
   expect_saved(db, first, 7);
 }
@@ -302,12 +280,12 @@ TEST_F(SqliteStateDbTest, FullDiskDuringASaveKeepsThePreviousSave) {
   const properties first = jobs(5, 1);
   {
     sqlite_state_db db(path);
-    save(db, first, 7);
+    save_jobs(db, first, 7);
   }
   sqlite_options small;
   small.max_size_bytes = 64 * 1024;
   sqlite_state_db db(path, small);
-  EXPECT_EQ(uspec_of([&] { save(db, jobs(2000, 2, 200), 8); }),
+  EXPECT_EQ(uspec_of([&] { save_jobs(db, jobs(2000, 2, 200), 8); }),
             "SQLite store '" + path + "': database or disk is full");
   expect_saved(db, first, 7);
   // The failed save's further writes are refused; the next save starts afresh.
@@ -315,7 +293,7 @@ TEST_F(SqliteStateDbTest, FullDiskDuringASaveKeepsThePreviousSave) {
             "SQLite store '" + path +
                 "': the save was abandoned after an error; begin_save starts a new one");
   const properties next = jobs(6, 3);
-  save(db, next, 9);
+  save_jobs(db, next, 9);
   expect_saved(db, next, 9);
 }
 
@@ -323,7 +301,7 @@ TEST_F(SqliteStateDbTest, SaverKilledMidSaveLeavesThePreviousSave) {
   const properties first = jobs(300, 1, 50);
   {
     sqlite_state_db db(path);
-    save(db, first, 11);
+    save_jobs(db, first, 11);
   }
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -363,7 +341,7 @@ TEST_F(SqliteStateDbTest, FullDurabilityStoreSavesAndReopens) {
   const properties first = jobs(3, 1);
   {
     sqlite_state_db db(path, full);
-    save(db, first, 2);
+    save_jobs(db, first, 2);
   }
   sqlite_state_db db(path, full);
   expect_saved(db, first, 2);
@@ -376,7 +354,7 @@ TEST_F(SqliteStateDbTest, RecordsOfOneLoadShareEqualShortStringsAndStayApartFrom
                                  properties{{"user", zelcore::make_string("alice")},
                                             {"id", zelcore::make_string("j" + std::to_string(n))}});
   sqlite_state_db db(path);
-  save(db, records, 1);
+  save_jobs(db, records, 1);
   const auto first = db.load_items(db_item_job);
   const auto second = db.load_items(db_item_job);
   const auto user = [](const properties& loaded, const char* id) {

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 
+#include "zelcapi/state.h"
 #include "zelcore/properties.h"
 
 namespace zeltest {
@@ -94,6 +95,36 @@ inline zelcore::properties job(const std::string& name, std::int64_t status) {
   p.set_bool_value("killed", status == 4);
   p.set_properties_value("progress", zelcore::properties{{"done", zelcore::make_int(status)}});
   return p;
+}
+
+// `count` jobs "j0", "j1", ... of the given status, each with `padding` bytes of text.
+inline zelcore::properties jobs(int count, int status, std::size_t padding = 0) {
+  zelcore::properties out(false);
+  for (int n = 0; n < count; ++n) {
+    zelcore::properties record = job("job " + std::to_string(n), status);
+    record.set_string_value("padding", std::string(padding, 'p'));
+    out.set_properties_value("j" + std::to_string(n), record);
+  }
+  return out;
+}
+
+// A whole save of the jobs, one workflow result and the sequence number.
+inline void save_jobs(zelcapi::state_db& db, const zelcore::properties& records,
+                      std::uint64_t sequence_number) {
+  db.begin_save();
+  for (const auto& [id, record] : records)
+    db.store_item(zelcapi::db_item_job, id, static_cast<const zelcore::properties&>(*record));
+  db.store_workflow_results({{"WOFL-1", zelcapi::workflow_result_info(2u, 3u)}});
+  db.store_workflow_sequence_number(sequence_number);
+}
+
+// That the store holds that save.
+inline void expect_saved(zelcapi::state_db& db, const zelcore::properties& records,
+                         std::uint64_t sequence_number) {
+  const auto loaded = db.load_items(zelcapi::db_item_job);
+  EXPECT_TRUE(*loaded == records) << loaded->size() << " records instead of " << records.size();
+  EXPECT_EQ(db.load_workflow_sequence_number(), sequence_number);
+  EXPECT_EQ(db.load_workflow_results()->size(), 1u);
 }
 
 }  // namespace zeltest

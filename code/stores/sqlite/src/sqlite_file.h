@@ -24,7 +24,8 @@ class connection;
 // cannot be read. With `strings`, equal short strings share one property with the records read
 // before through it.
 zelcore::properties decode_record(const connection& db, const char* table, std::string_view id,
-                                  std::string_view json, store_detail::shared_strings* strings = nullptr);
+                                  std::string_view json,
+                                  store_detail::shared_strings* strings = nullptr);
 
 class connection {
  public:

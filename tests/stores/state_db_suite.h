@@ -1,17 +1,29 @@
-// What every state_db of the library guarantees, checked on the in-memory and the SQLite store:
-// a save replaces the previous one whole or not at all, loads see the last complete save, and
-// records come back exactly as stored.
+// The typed suite of what every state_db guarantees: a test binary
+// instantiates it with INSTANTIATE_TYPED_TEST_SUITE_P for each store it links, a store being a
+// type with `static std::unique_ptr<state_db> open(const std::string& path)` (a path in a
+// scratch directory of the test, which a store of files may use).
+#pragma once
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "stores/store_test_support.h"
 #include "support/raised_message.h"
 #include "zelbase/exceptions.h"
-#include "zelcapi/memory_db.h"
-#include "zelcapi/sqlite_db.h"
+#include "zelcapi/state.h"
+
+template <class Store>
+class StateDbTest : public testing::Test {
+ protected:
+  zeltest::scratch_dir dir;
+  std::unique_ptr<zelcapi::state_db> db = Store::open(dir.file("state.db"));
+};
+
+TYPED_TEST_SUITE_P(StateDbTest);
 
 using zelcapi::db_item_job;
 using zelcapi::db_item_node;
@@ -23,49 +35,11 @@ using zelcore::make_int;
 using zelcore::properties;
 using zeltest::job;
 
-namespace {
-
-struct memory_store {
-  static std::unique_ptr<state_db> open(const std::string&) {
-    return std::make_unique<zelcapi::memory_state_db>();
-  }
-};
-struct sqlite_store {
-  static std::unique_ptr<state_db> open(const std::string& path) {
-    return std::make_unique<zelcapi::sqlite_state_db>(path);
-  }
-};
-
-// The SQLite store behind a forwarding_state_db that overrides nothing: every guarantee holds
-// through it. The store is a base listed first, so that it is built before the forwarder.
-struct sqlite_holder {
-  explicit sqlite_holder(const std::string& path) : sqlite(path) {}
-  zelcapi::sqlite_state_db sqlite;
-};
-class forwarded_sqlite final : private sqlite_holder, public zelcapi::forwarding_state_db {
- public:
-  explicit forwarded_sqlite(const std::string& path)
-      : sqlite_holder(path), forwarding_state_db(sqlite) {}
-};
-struct forwarded_store {
-  static std::unique_ptr<state_db> open(const std::string& path) {
-    return std::make_unique<forwarded_sqlite>(path);
-  }
-};
-
-template <class Store>
-class StateDbTest : public testing::Test {
- protected:
-  zeltest::scratch_dir dir;
-  std::unique_ptr<state_db> db = Store::open(dir.file("state.db"));
-};
-
-using stores = testing::Types<memory_store, sqlite_store, forwarded_store>;
-TYPED_TEST_SUITE(StateDbTest, stores);
+namespace state_db_suite {
 
 // A whole save of the given jobs, results and sequence number.
-void save(state_db& db, const properties& jobs, const zelcapi::workflow_result_map& results,
-          std::uint64_t sequence_number) {
+inline void save(state_db& db, const properties& jobs, const zelcapi::workflow_result_map& results,
+                 std::uint64_t sequence_number) {
   db.begin_save();
   for (const auto& [id, record] : jobs)
     db.store_item(db_item_job, id, static_cast<const properties&>(*record));
@@ -73,25 +47,27 @@ void save(state_db& db, const properties& jobs, const zelcapi::workflow_result_m
   db.store_workflow_sequence_number(sequence_number);
 }
 
-void expect_same(const properties& got, const properties& expected) {
+inline void expect_same(const properties& got, const properties& expected) {
   EXPECT_TRUE(got == expected) << "got " << got.describe() << "\nexpected " << expected.describe();
 }
 
-properties jobs_named(std::initializer_list<std::string> ids, std::int64_t status) {
+inline properties jobs_named(std::initializer_list<std::string> ids, std::int64_t status) {
   properties out(false);
   for (const std::string& id : ids) out.set_properties_value(id, job("job " + id, status));
   return out;
 }
 
-properties one(const std::string& id, const properties& record) {
+inline properties one(const std::string& id, const properties& record) {
   properties out(false);
   out.set_properties_value(id, record);
   return out;
 }
 
-}  // namespace
+}  // namespace state_db_suite
 
-TYPED_TEST(StateDbTest, EmptyStoreLoadsEmptyTreesAndZero) {
+using namespace state_db_suite;
+
+TYPED_TEST_P(StateDbTest, EmptyStoreLoadsEmptyTreesAndZero) {
   for (int kind = 0; kind < 8; ++kind)
     EXPECT_TRUE(this->db->load_items(static_cast<db_item_type>(kind))->empty());
   EXPECT_TRUE(this->db->load_workflow_results()->empty());
@@ -101,7 +77,7 @@ TYPED_TEST(StateDbTest, EmptyStoreLoadsEmptyTreesAndZero) {
   EXPECT_FALSE(this->db->load_item(db_item_job, "j1", out));
 }
 
-TYPED_TEST(StateDbTest, SaveReplacesThePreviousSaveWhole) {
+TYPED_TEST_P(StateDbTest, SaveReplacesThePreviousSaveWhole) {
   save(*this->db, jobs_named({"j1", "j2", "j3"}, 1), {{"WOFL-1", workflow_result_info(3u, 7u)}}, 5);
   this->db->begin_save();
   this->db->store_item(db_item_node, "n1", job("node", 0));
@@ -115,7 +91,7 @@ TYPED_TEST(StateDbTest, SaveReplacesThePreviousSaveWhole) {
   EXPECT_EQ(this->db->load_workflow_sequence_number(), 6u);
 }
 
-TYPED_TEST(StateDbTest, WorkflowResultsAndSequenceNumberComeBackAsEncoded) {
+TYPED_TEST_P(StateDbTest, WorkflowResultsAndSequenceNumberComeBackAsEncoded) {
   save(*this->db, properties(false),
        {{"WOFL-a", workflow_result_info(3u, 7u)}, {"WOFL-b", workflow_result_info(0xFFFFFFFFu)}},
        UINT64_MAX);
@@ -132,7 +108,7 @@ TYPED_TEST(StateDbTest, WorkflowResultsAndSequenceNumberComeBackAsEncoded) {
   EXPECT_TRUE(this->db->has_saved_state());
 }
 
-TYPED_TEST(StateDbTest, SaveAbandonedPartWayLeavesThePreviousSave) {
+TYPED_TEST_P(StateDbTest, SaveAbandonedPartWayLeavesThePreviousSave) {
   const properties first = jobs_named({"j1", "j2"}, 1);
   save(*this->db, first, {}, 3);
   this->db->begin_save();
@@ -146,7 +122,7 @@ TYPED_TEST(StateDbTest, SaveAbandonedPartWayLeavesThePreviousSave) {
   expect_same(*this->db->load_items(db_item_job), jobs_named({"j5"}, 5));
 }
 
-TYPED_TEST(StateDbTest, SaveCutByTheNextBeginSaveLeavesNothingOfItself) {
+TYPED_TEST_P(StateDbTest, SaveCutByTheNextBeginSaveLeavesNothingOfItself) {
   save(*this->db, jobs_named({"j1"}, 1), {}, 1);
   this->db->begin_save();
   this->db->store_item(db_item_job, "j2", job("cut", 2));
@@ -157,7 +133,7 @@ TYPED_TEST(StateDbTest, SaveCutByTheNextBeginSaveLeavesNothingOfItself) {
   expect_same(*this->db->load_items(db_item_job), one("j3", job("whole", 3)));
 }
 
-TYPED_TEST(StateDbTest, WritesOutsideASaveChangeTheSavedRecords) {
+TYPED_TEST_P(StateDbTest, WritesOutsideASaveChangeTheSavedRecords) {
   save(*this->db, jobs_named({"j1", "j2"}, 1), {}, 1);
   this->db->store_item(db_item_job, "j3", job("job j3", 1));
   this->db->remove_item(db_item_job, "j1");
@@ -167,7 +143,7 @@ TYPED_TEST(StateDbTest, WritesOutsideASaveChangeTheSavedRecords) {
   expect_same(out, job("job j3", 1));
 }
 
-TYPED_TEST(StateDbTest, ClearRemovesEverything) {
+TYPED_TEST_P(StateDbTest, ClearRemovesEverything) {
   save(*this->db, jobs_named({"j1"}, 1), {{"WOFL-1", workflow_result_info(1u)}}, 9);
   this->db->clear();
   EXPECT_TRUE(this->db->load_items(db_item_job)->empty());
@@ -176,7 +152,7 @@ TYPED_TEST(StateDbTest, ClearRemovesEverything) {
   EXPECT_FALSE(this->db->has_saved_state());
 }
 
-TYPED_TEST(StateDbTest, KindOutsideTheEightIsRefused) {
+TYPED_TEST_P(StateDbTest, KindOutsideTheEightIsRefused) {
   const auto bad = static_cast<db_item_type>(8);
   EXPECT_EQ(zeltest::raised_message<zelbase::es::arg>([&] { this->db->load_items(bad); }),
             "state_db does not have item type 8");
@@ -185,7 +161,7 @@ TYPED_TEST(StateDbTest, KindOutsideTheEightIsRefused) {
             "state_db does not have item type 8");
 }
 
-TYPED_TEST(StateDbTest, EveryKindOfRecordHasItsOwnTable) {
+TYPED_TEST_P(StateDbTest, EveryKindOfRecordHasItsOwnTable) {
   this->db->begin_save();
   for (int kind = 0; kind < 8; ++kind)
     this->db->store_item(static_cast<db_item_type>(kind), "same-id", job("kind", kind));
@@ -198,7 +174,7 @@ TYPED_TEST(StateDbTest, EveryKindOfRecordHasItsOwnTable) {
   }
 }
 
-TYPED_TEST(StateDbTest, ArbitraryBytesAndEveryPropertyKindComeBackExactly) {
+TYPED_TEST_P(StateDbTest, ArbitraryBytesAndEveryPropertyKindComeBackExactly) {
   zeltest::random_bytes_trees random(17);
   properties all(false);
   for (int n = 0; n < 300; ++n) all.set_properties_value(random.bytes(), random.tree(4));
@@ -214,7 +190,7 @@ TYPED_TEST(StateDbTest, ArbitraryBytesAndEveryPropertyKindComeBackExactly) {
   expect_same(*this->db->load_items(db_item_job), all);
 }
 
-TYPED_TEST(StateDbTest, LoadsWhileASaverWritesSeeOnlyCompleteSaves) {
+TYPED_TEST_P(StateDbTest, LoadsWhileASaverWritesSeeOnlyCompleteSaves) {
   constexpr int saves = 30;
   constexpr int records = 40;
   std::atomic<bool> done{false};
@@ -242,3 +218,10 @@ TYPED_TEST(StateDbTest, LoadsWhileASaverWritesSeeOnlyCompleteSaves) {
   saver.join();
   EXPECT_EQ(this->db->load_workflow_sequence_number(), static_cast<std::uint64_t>(saves));
 }
+
+REGISTER_TYPED_TEST_SUITE_P(
+    StateDbTest, EmptyStoreLoadsEmptyTreesAndZero, SaveReplacesThePreviousSaveWhole,
+    WorkflowResultsAndSequenceNumberComeBackAsEncoded, SaveAbandonedPartWayLeavesThePreviousSave,
+    SaveCutByTheNextBeginSaveLeavesNothingOfItself, WritesOutsideASaveChangeTheSavedRecords,
+    ClearRemovesEverything, KindOutsideTheEightIsRefused, EveryKindOfRecordHasItsOwnTable,
+    ArbitraryBytesAndEveryPropertyKindComeBackExactly, LoadsWhileASaverWritesSeeOnlyCompleteSaves);

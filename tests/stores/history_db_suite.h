@@ -1,36 +1,20 @@
-// What every history_db of the library guarantees, checked on the in-memory and the SQLite
-// store: records kept with their historize time, clean-up up to a bound, removal, selection.
+// The typed suite of what every history_db guarantees: a test binary
+// instantiates it with INSTANTIATE_TYPED_TEST_SUITE_P for each store it links, a store being a
+// type with `static std::unique_ptr<history_db> open(const std::string& path)` (a path in a
+// scratch directory of the test, which a store of files may use).
+#pragma once
+
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "stores/store_test_support.h"
 #include "support/raised_message.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/time.h"
-#include "zelcapi/memory_db.h"
-#include "zelcapi/sqlite_db.h"
-
-using zelcapi::db_item_job;
-using zelcapi::db_item_task;
-using zelcapi::db_item_workflow;
-using zelcapi::history_db;
-using zelcore::make_string;
-using zelcore::properties;
-using zeltest::job;
-
-namespace {
-
-struct memory_store {
-  static std::unique_ptr<history_db> open(const std::string&) {
-    return std::make_unique<zelcapi::memory_history_db>();
-  }
-};
-struct sqlite_store {
-  static std::unique_ptr<history_db> open(const std::string& path) {
-    return std::make_unique<zelcapi::sqlite_history_db>(path);
-  }
-};
+#include "zelcapi/state.h"
 
 template <class Store>
 class HistoryDbTest : public testing::Test {
@@ -41,7 +25,7 @@ class HistoryDbTest : public testing::Test {
   ~HistoryDbTest() override { zelbase::set_time_clock(previous_clock); }
 
   void store_at(std::uint32_t time, zelcapi::db_item_type type, const std::string& id,
-                const properties& record) {
+                const zelcore::properties& record) {
     now = time;
     db->store_item(type, id, record);
   }
@@ -54,21 +38,32 @@ class HistoryDbTest : public testing::Test {
   std::uint32_t now = 1000;
   zelbase::clock_function previous_clock;
   zeltest::scratch_dir dir;
-  std::unique_ptr<history_db> db = Store::open(dir.file("history.db"));
+  std::unique_ptr<zelcapi::history_db> db = Store::open(dir.file("history.db"));
 };
 
-using stores = testing::Types<memory_store, sqlite_store>;
-TYPED_TEST_SUITE(HistoryDbTest, stores);
+TYPED_TEST_SUITE_P(HistoryDbTest);
 
-properties owned_by(const std::string& client) {
+using zelcapi::db_item_job;
+using zelcapi::db_item_task;
+using zelcapi::db_item_workflow;
+using zelcapi::history_db;
+using zelcore::make_string;
+using zelcore::properties;
+using zeltest::job;
+
+namespace history_db_suite {
+
+inline properties owned_by(const std::string& client) {
   properties p = job("job of " + client, 4);
   p.set_string_value("client-id", client);
   return p;
 }
 
-}  // namespace
+}  // namespace history_db_suite
 
-TYPED_TEST(HistoryDbTest, StoredRecordKeepsItsHistorizeTime) {
+using namespace history_db_suite;
+
+TYPED_TEST_P(HistoryDbTest, StoredRecordKeepsItsHistorizeTime) {
   this->store_at(1000, db_item_job, "j1", job("one", 4));
   this->store_at(1500, db_item_task, "j1", job("task", 4));
   EXPECT_EQ(this->db->get_historize_time(db_item_job, "j1"), 1000u);
@@ -80,7 +75,7 @@ TYPED_TEST(HistoryDbTest, StoredRecordKeepsItsHistorizeTime) {
   EXPECT_FALSE(this->db->load_item(db_item_job, "absent", out));
 }
 
-TYPED_TEST(HistoryDbTest, StoringAgainReplacesTheRecordAndItsTime) {
+TYPED_TEST_P(HistoryDbTest, StoringAgainReplacesTheRecordAndItsTime) {
   this->store_at(1000, db_item_job, "j1", job("one", 4));
   this->store_at(2000, db_item_job, "j1", job("one again", 5));
   EXPECT_EQ(this->db->count_items(db_item_job), 1u);
@@ -88,7 +83,7 @@ TYPED_TEST(HistoryDbTest, StoringAgainReplacesTheRecordAndItsTime) {
   EXPECT_TRUE(this->db->load_items(db_item_job)->get_properties_value("j1") == job("one again", 5));
 }
 
-TYPED_TEST(HistoryDbTest, CleanUpRemovesRecordsHistorizedAtOrBeforeTheBound) {
+TYPED_TEST_P(HistoryDbTest, CleanUpRemovesRecordsHistorizedAtOrBeforeTheBound) {
   this->store_at(999, db_item_job, "early", job("a", 4));
   this->store_at(1000, db_item_job, "at-bound", job("b", 4));
   this->store_at(1000, db_item_workflow, "WOFL-1", job("w", 4));
@@ -101,7 +96,7 @@ TYPED_TEST(HistoryDbTest, CleanUpRemovesRecordsHistorizedAtOrBeforeTheBound) {
   EXPECT_EQ(this->db->count_items(db_item_workflow), 0u);
 }
 
-TYPED_TEST(HistoryDbTest, RemovesByIdByKindAndBySet) {
+TYPED_TEST_P(HistoryDbTest, RemovesByIdByKindAndBySet) {
   for (const char* id : {"a", "b", "c", "d"}) this->store_at(1000, db_item_job, id, job(id, 4));
   this->store_at(1000, db_item_task, "t", job("t", 4));
   this->db->remove_item(db_item_job, "a");
@@ -114,7 +109,7 @@ TYPED_TEST(HistoryDbTest, RemovesByIdByKindAndBySet) {
   EXPECT_EQ(this->db->count_items(db_item_task), 0u);
 }
 
-TYPED_TEST(HistoryDbTest, LoadItemsWhereSelectsByAStringField) {
+TYPED_TEST_P(HistoryDbTest, LoadItemsWhereSelectsByAStringField) {
   this->store_at(1000, db_item_job, "j1", owned_by("alice"));
   this->store_at(1000, db_item_job, "j2", owned_by("bob"));
   this->store_at(1000, db_item_job, "j3", owned_by("alice"));
@@ -141,7 +136,7 @@ TYPED_TEST(HistoryDbTest, LoadItemsWhereSelectsByAStringField) {
       owned_by("alice"));
 }
 
-TYPED_TEST(HistoryDbTest, BatchedWritesAllLand) {
+TYPED_TEST_P(HistoryDbTest, BatchedWritesAllLand) {
   this->db->begin_batch();
   for (int n = 0; n < 50; ++n)
     this->store_at(1000, db_item_job, "j" + std::to_string(n), job("b", n));
@@ -150,7 +145,7 @@ TYPED_TEST(HistoryDbTest, BatchedWritesAllLand) {
   EXPECT_EQ(this->db->count_items(db_item_job), 48u);
 }
 
-TYPED_TEST(HistoryDbTest, ArbitraryBytesComeBackExactly) {
+TYPED_TEST_P(HistoryDbTest, ArbitraryBytesComeBackExactly) {
   zeltest::random_bytes_trees random(29);
   properties stored(false);
   for (int n = 0; n < 100; ++n) {
@@ -162,24 +157,15 @@ TYPED_TEST(HistoryDbTest, ArbitraryBytesComeBackExactly) {
   EXPECT_TRUE(*this->db->load_items(db_item_job) == stored);
 }
 
-TYPED_TEST(HistoryDbTest, KindOutsideTheEightIsRefused) {
+TYPED_TEST_P(HistoryDbTest, KindOutsideTheEightIsRefused) {
   EXPECT_EQ(zeltest::raised_message<zelbase::es::arg>(
                 [&] { this->db->count_items(static_cast<zelcapi::db_item_type>(9)); }),
             "history_db does not have item type 9");
 }
 
-TEST(SqliteHistoryDb, SharesAFileWithTheStateStoreAndKeepsRecordsOnReopen) {
-  zeltest::scratch_dir dir;
-  const std::string path = dir.file("mirror.db");
-  {
-    zelcapi::sqlite_state_db states(path);
-    zelcapi::sqlite_history_db history(path);
-    history.store_item(db_item_job, "j1", owned_by("alice"));
-    states.begin_save();
-    states.store_workflow_results({});
-    states.store_workflow_sequence_number(3);
-  }
-  zelcapi::sqlite_history_db history(path);
-  EXPECT_EQ(history.count_items(db_item_job), 1u);
-  EXPECT_EQ(zelcapi::sqlite_state_db(path).load_workflow_sequence_number(), 3u);
-}
+REGISTER_TYPED_TEST_SUITE_P(HistoryDbTest, StoredRecordKeepsItsHistorizeTime,
+                            StoringAgainReplacesTheRecordAndItsTime,
+                            CleanUpRemovesRecordsHistorizedAtOrBeforeTheBound,
+                            RemovesByIdByKindAndBySet, LoadItemsWhereSelectsByAStringField,
+                            BatchedWritesAllLand, ArbitraryBytesComeBackExactly,
+                            KindOutsideTheEightIsRefused);

@@ -1,0 +1,258 @@
+// Connecting through libpq (one clear line for a bad string, an unreachable server or a refused
+// login, never with the password), statements, COPY streams, and the text forms of ids.
+#include "postgres_connection.h"
+
+#include <cstring>
+
+#include "zelbase/exceptions.h"
+
+namespace zelcapi::postgres_detail {
+
+namespace {
+
+constexpr const char* source_file = "code\\stores\\postgres\\src\\postgres_connection";
+
+// libpq's texts end with a newline and continue on indented lines: one line, trimmed.
+std::string one_line(const char* text) {
+  std::string out;
+  for (const char* p = text ? text : ""; *p; ++p) {
+    if (*p == '\n' || *p == '\t' || *p == '\r') {
+      if (!out.empty() && out.back() != ' ') out += ' ';
+    } else {
+      out += *p;
+    }
+  }
+  while (!out.empty() && out.back() == ' ') out.pop_back();
+  return out.empty() ? "unknown error" : out;
+}
+
+void replace_all(std::string& text, const std::string& what, const std::string& with) {
+  if (what.empty()) return;
+  for (std::size_t at = text.find(what); at != std::string::npos;
+       at = text.find(what, at + with.size()))
+    text.replace(at, what.size(), with);
+}
+
+// A malformed string may quote a fragment of itself that holds the password: such fragments are
+// left out whenever the string could hold one.
+std::string without_quoted(const std::string& text) {
+  std::string out;
+  bool quoted = false;
+  for (const char c : text) {
+    if (c == '"') {
+      out += quoted ? "\"" : "\"...";
+      quoted = !quoted;
+    } else if (!quoted) {
+      out += c;
+    }
+  }
+  return out;
+}
+
+bool may_hold_password(const std::string& conninfo) {
+  return conninfo.find("password") != std::string::npos ||
+         (conninfo.find("://") != std::string::npos && conninfo.find('@') != std::string::npos);
+}
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+void ignore_notice(void*, const char*) {}
+
+}  // namespace
+
+std::string encode_id(std::string_view id) {
+  if (!id.empty() && id[0] != '~' && id.find('\0') == std::string_view::npos &&
+      store_detail::is_utf8(id))
+    return std::string(id);
+  static const char digits[] = "0123456789abcdef";
+  std::string out = "~x";
+  for (const char c : id) {
+    out += digits[static_cast<unsigned char>(c) >> 4];
+    out += digits[static_cast<unsigned char>(c) & 15];
+  }
+  return out;
+}
+
+bool decode_id(std::string_view text, std::string& id) {
+  id.clear();
+  if (text.empty() || text[0] != '~') {
+    id.assign(text);
+    return !text.empty();
+  }
+  if (text.size() < 2 || text[1] != 'x' || text.size() % 2 != 0) return false;
+  for (std::size_t i = 2; i < text.size(); i += 2) {
+    const int high = hex_digit(text[i]), low = hex_digit(text[i + 1]);
+    if (high < 0 || low < 0) return false;
+    id += static_cast<char>(high * 16 + low);
+  }
+  return true;
+}
+
+std::string text_array(const std::vector<std::string>& texts) {
+  std::string out = "{";
+  for (const std::string& text : texts) {
+    if (out.size() > 1) out += ',';
+    out += '"';
+    for (const char c : text) {
+      if (c == '"' || c == '\\') out += '\\';
+      out += c;
+    }
+    out += '"';
+  }
+  out += '}';
+  return out;
+}
+
+void append_copy_row(std::string& out, std::initializer_list<std::string_view> fields) {
+  bool first = true;
+  for (const std::string_view field : fields) {
+    if (!first) out += '\t';
+    first = false;
+    for (const char c : field) {
+      switch (c) {
+        case '\\': out += "\\\\"; break;
+        case '\t': out += "\\t"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        default: out += c;
+      }
+    }
+  }
+  out += '\n';
+}
+
+std::int64_t result::integer(int row, int column) const {
+  const std::string value(text(row, column));
+  return static_cast<std::int64_t>(std::strtoll(value.c_str(), nullptr, 10));
+}
+
+zelcore::properties decode_record(const connection& db, const char* table, std::string_view id,
+                                  std::string_view json, store_detail::shared_strings* strings) {
+  try {
+    return store_detail::read_json(json, strings);
+  } catch (const store_detail::malformed_json& e) {
+    db.fail("malformed record in table " + std::string(table) + ", id '" + std::string(id) +
+            "': " + e.what());
+  }
+}
+
+connection::connection(const std::string& conninfo) : conninfo_(conninfo) {
+  char* error = nullptr;
+  PQconninfoOption* options = PQconninfoParse(conninfo.c_str(), &error);
+  if (!options) {
+    std::string why = one_line(error ? error : "out of memory");
+    PQfreemem(error);
+    server_ = "(malformed connection string)";
+    fail(may_hold_password(conninfo) ? without_quoted(why) : why);
+  }
+  for (const char* shown : {"service", "host", "hostaddr", "port", "dbname", "user"}) {
+    for (const PQconninfoOption* o = options; o->keyword; ++o) {
+      if (std::strcmp(o->keyword, shown) != 0 || !o->val || !*o->val) continue;
+      if (!server_.empty()) server_ += ' ';
+      server_ += std::string(shown) + "=" + o->val;
+    }
+  }
+  for (const PQconninfoOption* o = options; o->keyword; ++o) {
+    if (std::strcmp(o->keyword, "password") == 0 && o->val) password_ = o->val;
+  }
+  PQconninfoFree(options);
+  if (server_.empty()) server_ = "(libpq defaults)";
+  _connect();
+}
+
+void connection::_connect() {
+  copying_ = false;
+  broken_ = false;
+  conn_.reset(PQconnectdb(conninfo_.c_str()));
+  if (!conn_) fail("out of memory");
+  if (PQstatus(conn_.get()) != CONNECTION_OK) fail_last();
+  // Notices ("relation already exists, skipping") are not errors and go nowhere.
+  PQsetNoticeProcessor(conn_.get(), ignore_notice, nullptr);
+  if (PQsetClientEncoding(conn_.get(), "UTF8") != 0) fail_last();
+}
+
+void connection::ensure_open() {
+  if (!lost()) return;
+  _connect();
+}
+
+result connection::_checked(PGresult* r, ExecStatusType expected) {
+  result out(r);
+  if (!r) fail_last();
+  const ExecStatusType status = PQresultStatus(r);
+  if (status != expected && !(expected == PGRES_TUPLES_OK && status == PGRES_COMMAND_OK)) {
+    const char* state = PQresultErrorField(r, PG_DIAG_SQLSTATE);
+    if (!state || std::strncmp(state, "08", 2) == 0 || std::strncmp(state, "57P", 3) == 0)
+      broken_ = true;
+    const char* primary = PQresultErrorField(r, PG_DIAG_MESSAGE_PRIMARY);
+    fail(one_line(primary ? primary : PQresultErrorMessage(r)));
+  }
+  return out;
+}
+
+result connection::exec(const std::string& sql) {
+  return _checked(PQexec(conn_.get(), sql.c_str()), PGRES_TUPLES_OK);
+}
+
+result connection::exec(const char* sql, const std::vector<std::string>& params) {
+  std::vector<const char*> values;
+  values.reserve(params.size());
+  for (const std::string& p : params) values.push_back(p.c_str());
+  return _checked(PQexecParams(conn_.get(), sql, static_cast<int>(values.size()), nullptr,
+                               values.data(), nullptr, nullptr, 0),
+                  PGRES_TUPLES_OK);
+}
+
+void connection::copy_begin(const std::string& copy_sql) {
+  _checked(PQexec(conn_.get(), copy_sql.c_str()), PGRES_COPY_IN);
+  copying_ = true;
+}
+
+void connection::copy_put(const std::string& rows) {
+  if (rows.empty()) return;
+  if (PQputCopyData(conn_.get(), rows.data(), static_cast<int>(rows.size())) != 1) fail_last();
+}
+
+void connection::copy_end() {
+  copying_ = false;
+  if (PQputCopyEnd(conn_.get(), nullptr) != 1) fail_last();
+  // The COPY's own result, then the end of the command.
+  result done = _checked(PQgetResult(conn_.get()), PGRES_COMMAND_OK);
+  while (PGresult* more = PQgetResult(conn_.get())) PQclear(more);
+}
+
+void connection::rollback_quietly() noexcept {
+  if (lost()) return;
+  if (copying_) {
+    copying_ = false;
+    PQputCopyEnd(conn_.get(), "save abandoned");
+    while (PGresult* r = PQgetResult(conn_.get())) PQclear(r);
+  }
+  if (in_transaction()) PQclear(PQexec(conn_.get(), "ROLLBACK"));
+}
+
+bool connection::in_transaction() const noexcept {
+  const PGTransactionStatusType status = PQtransactionStatus(conn_.get());
+  return status == PQTRANS_INTRANS || status == PQTRANS_INERROR || status == PQTRANS_ACTIVE;
+}
+
+bool connection::transaction_failed() const noexcept {
+  return PQtransactionStatus(conn_.get()) == PQTRANS_INERROR;
+}
+
+void connection::fail(const std::string& why) const {
+  std::string message = "PostgreSQL store '" + server_ + "': " + why;
+  replace_all(message, password_, "***");
+  zelbase::es::uspec::raise(source_file, __LINE__, message);
+}
+
+void connection::fail_last() const {
+  broken_ = true;
+  fail(one_line(conn_ ? PQerrorMessage(conn_.get()) : "out of memory"));
+}
+
+}  // namespace zelcapi::postgres_detail

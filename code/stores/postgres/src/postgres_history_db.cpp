@@ -1,0 +1,234 @@
+// The PostgreSQL history_db: one table of historized records with their kind, id and time.
+#include <mutex>
+
+#include "json_record.h"
+#include "postgres_connection.h"
+#include "postgres_schema.h"
+#include "zelbase/time.h"
+#include "zelcapi/memory_db.h"
+#include "zelcapi/postgres_db.h"
+
+namespace zelcapi {
+
+using postgres_detail::connection;
+using postgres_detail::encode_id;
+using postgres_detail::result;
+
+namespace {
+
+constexpr postgres_detail::table_layout layout[] = {
+    {"history", "kind text,id text,time bigint,record jsonb",
+     "CREATE TABLE history(kind text NOT NULL, id text NOT NULL, time bigint NOT NULL,"
+     " record jsonb NOT NULL, PRIMARY KEY(kind, id));"
+     " CREATE INDEX history_time ON history(time)"}};
+
+// Whether ->> can find `key` and compare `value` as text: both UTF-8 without NUL, the key not an
+// escape form's.
+bool selectable(const std::string& key, const std::string& value) {
+  return !key.empty() && key[0] != '~' && key.find('\0') == std::string::npos &&
+         value.find('\0') == std::string::npos && store_detail::is_utf8(key) &&
+         store_detail::is_utf8(value);
+}
+
+bool has_string(const zelcore::properties& record, const std::string& key,
+                const std::string& value) {
+  const zelcore::property_ptr field = record.get_property(key);
+  return field && field->kind() == zelcore::property::kind_string &&
+         static_cast<const zelcore::property_string&>(*field).value() == value;
+}
+
+std::string kind_name(db_item_type type) {
+  db_item_index(type, "history_db");
+  return db_item_type_c_str(static_cast<int>(type));
+}
+
+}  // namespace
+
+struct postgres_history_db::impl {
+  explicit impl(const std::string& conninfo) : db(conninfo) {
+    postgres_detail::ensure_schema(db, layout, std::size(layout));
+  }
+
+  // Runs a statement with the lock held. Outside a batch a lost connection is opened again, and
+  // a statement that found it lost runs again once (every statement here is idempotent); inside
+  // a batch it is not, so that the batch's writes stay one transaction.
+  result run(const char* sql, const std::vector<std::string>& params) {
+    if (batch_depth > 0) {
+      if (batch_failed) db.fail("the batch was rolled back after an error; end_batch ends it");
+      try {
+        return db.exec(sql, params);
+      } catch (...) {
+        batch_failed = true;
+        db.rollback_quietly();
+        throw;
+      }
+    }
+    db.ensure_open();
+    try {
+      return db.exec(sql, params);
+    } catch (...) {
+      if (!db.lost()) throw;
+    }
+    db.ensure_open();
+    return db.exec(sql, params);
+  }
+
+  // The records that `r` holds (id, record), those for which `keep` holds.
+  template <class F>
+  properties_cptr collect(const result& r, F&& keep) {
+    zelcore::properties::container children;
+    std::string id;
+    for (int row = 0; row < r.rows(); ++row) {
+      if (!postgres_detail::decode_id(r.text(row, 0), id)) db.fail("malformed id in table history");
+      zelcore::properties record =
+          postgres_detail::decode_record(db, "history", id, r.text(row, 1));
+      if (keep(record))
+        children.emplace_back(id,
+                              zelcore::property_ptr(new zelcore::properties(std::move(record))));
+    }
+    return properties_cptr(new zelcore::properties(std::move(children)));
+  }
+
+  std::mutex lock;
+  connection db;
+  int batch_depth = 0;
+  bool batch_failed = false;
+  zelbase::encoder_network json;  // the JSON text of the record being written
+};
+
+postgres_history_db::postgres_history_db(const std::string& conninfo)
+    : impl_(std::make_unique<impl>(conninfo)) {}
+
+postgres_history_db::~postgres_history_db() {
+  if (impl_->batch_depth > 0 && !impl_->batch_failed && !impl_->db.lost()) {
+    try {
+      impl_->db.exec("COMMIT");
+    } catch (...) {
+      impl_->db.rollback_quietly();
+    }
+  }
+}
+
+const std::string& postgres_history_db::server() const noexcept { return impl_->db.server(); }
+
+properties_cptr postgres_history_db::load_items(db_item_type type) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}),
+                        [](const zelcore::properties&) { return true; });
+}
+
+bool postgres_history_db::load_item(db_item_type type, const std::string& id,
+                                    zelcore::properties& out) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  const result r = impl_->run("SELECT record::text FROM history WHERE kind = $1 AND id = $2",
+                              {kind, encode_id(id)});
+  if (r.rows() == 0) return false;
+  out = postgres_detail::decode_record(impl_->db, "history", id, r.text(0, 0));
+  return true;
+}
+
+void postgres_history_db::store_item(db_item_type type, const std::string& id,
+                                     const zelcore::properties& record) {
+  const std::string kind = kind_name(type);
+  const std::uint32_t now = zelbase::time_in_seconds();
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->json.clear();
+  store_detail::write_json(record, impl_->json, store_detail::json_nul::as_bytes);
+  impl_->run(
+      "INSERT INTO history(kind, id, time, record) VALUES($1, $2, $3, $4) ON CONFLICT (kind, id)"
+      " DO UPDATE SET time = EXCLUDED.time, record = EXCLUDED.record",
+      {kind, encode_id(id), std::to_string(now), std::string(impl_->json.view())});
+}
+
+void postgres_history_db::remove_item(db_item_type type, const std::string& id) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->run("DELETE FROM history WHERE kind = $1 AND id = $2", {kind, encode_id(id)});
+}
+
+void postgres_history_db::remove_items(db_item_type type) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->run("DELETE FROM history WHERE kind = $1", {kind});
+}
+
+void postgres_history_db::remove_items(db_item_type type, const std::set<std::string>& ids) {
+  const std::string kind = kind_name(type);
+  std::vector<std::string> texts;
+  texts.reserve(ids.size());
+  for (const std::string& id : ids) texts.push_back(encode_id(id));
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->run("DELETE FROM history WHERE kind = $1 AND id = ANY($2::text[])",
+             {kind, postgres_detail::text_array(texts)});
+}
+
+std::uint64_t postgres_history_db::count_items(db_item_type type) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  const result r = impl_->run("SELECT count(*) FROM history WHERE kind = $1", {kind});
+  return static_cast<std::uint64_t>(r.integer(0, 0));
+}
+
+std::uint32_t postgres_history_db::get_historize_time(db_item_type type, const std::string& id) {
+  const std::string kind = kind_name(type);
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  const result r =
+      impl_->run("SELECT time FROM history WHERE kind = $1 AND id = $2", {kind, encode_id(id)});
+  return r.rows() ? static_cast<std::uint32_t>(r.integer(0, 0)) : 0;
+}
+
+void postgres_history_db::remove_items_historized_until(std::uint32_t time) {
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->run("DELETE FROM history WHERE time <= $1", {std::to_string(time)});
+}
+
+properties_cptr postgres_history_db::load_items_where(db_item_type type, const std::string& key,
+                                                      const std::string& value) {
+  const std::string kind = kind_name(type);
+  const auto matches = [&](const zelcore::properties& record) {
+    return has_string(record, key, value);
+  };
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  if (!selectable(key, value))
+    return impl_->collect(
+        impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}), matches);
+  // A record in the {"~o": ...} form hides its keys from ->>: it is read and checked.
+  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1 AND"
+                                   " (record->>$2 = $3 OR record ? '~o')",
+                                   {kind, key, value}),
+                        matches);
+}
+
+void postgres_history_db::clear() {
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  impl_->run("DELETE FROM history", {});
+}
+
+void postgres_history_db::begin_batch() {
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  if (impl_->batch_depth == 0) {
+    impl_->db.ensure_open();
+    impl_->db.exec("BEGIN");
+    impl_->batch_failed = false;
+  }
+  ++impl_->batch_depth;
+}
+
+void postgres_history_db::end_batch() {
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  if (impl_->batch_depth == 0 || --impl_->batch_depth > 0) return;
+  if (impl_->batch_failed) {
+    impl_->batch_failed = false;
+    impl_->db.fail("the batch was rolled back after an error");
+  }
+  try {
+    impl_->db.exec("COMMIT");
+  } catch (...) {
+    impl_->db.rollback_quietly();
+    throw;
+  }
+}
+
+}  // namespace zelcapi
