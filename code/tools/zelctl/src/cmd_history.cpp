@@ -154,7 +154,8 @@ command add_history_command(CLI::App& app, global_options& options) {
   state_id->excludes(client_id)->excludes(submission_id);
   client_id->excludes(submission_id);
   sub->add_option("--from", flags->from,
-                  "read what a mirror (an SQLite file) historized instead of asking the cluster");
+                  "read what a mirror (an SQLite file or a PostgreSQL connection string) "
+                  "historized instead of asking the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) { return run_history(*flags, t); }};
 }

@@ -1,6 +1,7 @@
-// zelctl mirror: keeps a replica of the cluster's state and saves it into an SQLite file every
-// few seconds; loads the file first, reconnects with backoff after a lost link, and ends with a
-// final save and a summary. A live status line on a terminal, log lines otherwise.
+// zelctl mirror: keeps a replica of the cluster's state and saves it into an SQLite file or a
+// PostgreSQL database every few seconds; loads what is there first, reconnects with backoff after a
+// lost link, and ends with a final save and a summary. A live status line on a terminal, log lines
+// otherwise.
 #include <unistd.h>
 
 #include <algorithm>
@@ -303,7 +304,7 @@ class mirror {
       return;
     }
     std::printf("mirror summary\n");
-    std::printf("  file:            %s\n", location_.name.c_str());
+    std::printf("  mirror:          %s\n", location_.name.c_str());
     std::printf("  ran:             %.1f s, %llu connection(s)\n", elapsed(),
                 static_cast<unsigned long long>(connects_));
     std::printf("  changes applied: %llu\n", static_cast<unsigned long long>(counter_.changes()));
@@ -339,9 +340,14 @@ class mirror {
 
 command add_mirror_command(CLI::App& app, global_options& options) {
   CLI::App* sub = app.add_subcommand(
-      "mirror", "keep a replica of the cluster's state and save it into an SQLite file");
+      "mirror",
+      "keep a replica of the cluster's state and save it into an SQLite file or a PostgreSQL "
+      "database");
   auto flags = std::make_shared<mirror_flags>();
-  sub->add_option("--db", flags->db, "the SQLite file (created when missing, loaded when not)")
+  sub->add_option("--db", flags->db,
+                  "the SQLite file, or a PostgreSQL connection string (postgresql://... or "
+                  "key=value; a password goes in PGPASSFILE or ~/.pgpass), created when missing, "
+                  "loaded when not")
       ->required();
   sub->add_option("--duration", flags->duration, "stop after this many seconds (0: Ctrl-C)")
       ->check(CLI::NonNegativeNumber)

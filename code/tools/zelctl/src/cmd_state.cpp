@@ -75,7 +75,8 @@ command add_state_command(CLI::App& app, global_options& options) {
   sub->add_option("--id", flags->id, "only this record of --kind")->needs(kind);
   sub->add_flag("--count", flags->count, "print the number of records per kind");
   sub->add_option("--from", flags->from,
-                  "read a mirror's last save (an SQLite file) instead of the cluster");
+                  "read a mirror's last save (an SQLite file or a PostgreSQL connection string) "
+                  "instead of the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) {
             print_json(select(to_json(snapshot_of(*flags, t)), *flags), true);

@@ -1,5 +1,6 @@
-// Where a mirror is kept: an SQLite file, or (later in this file's life) a database server. The
-// mirror writes its saves and history there; `state --from` and `history --from` read them.
+// Where a mirror is kept: an SQLite file, or a PostgreSQL database named by a libpq connection
+// string (a "postgresql://" URI or "key=value" pairs). The mirror writes its saves and history
+// there; `state --from` and `history --from` read them.
 #pragma once
 
 #include <functional>
@@ -14,7 +15,8 @@ namespace zelctl {
 struct mirror_location {
   std::unique_ptr<zelcapi::state_db> states;
   std::unique_ptr<zelcapi::history_db> histories;
-  // How output and errors name it: the file's path.
+  // How output and errors name it: the file's path, or the server's host, port, database and
+  // user (never a password).
   std::string name;
   // What the state store's last save wrote.
   std::function<zelcapi::save_counts()> last_save_counts;
@@ -27,8 +29,9 @@ enum class mirror_use {
 };
 
 // Opens the mirror that `where` names; the stores that `use` leaves out stay null. `flag` names
-// the option in errors. Raises failure (exit_failure) with the store's text when it cannot be
-// opened.
+// the option in errors. Raises failure (exit_usage) for a connection string that holds a
+// password, since the process list shows it to every user, and failure (exit_failure) with the
+// store's text when the mirror cannot be opened.
 mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use);
 
 }  // namespace zelctl
