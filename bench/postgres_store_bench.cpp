@@ -204,14 +204,13 @@ int main(int argc, char** argv) {
   reporter.print_targets({
       {"first save vs COPY of the rows (libpq)", "BM_first_save_postgres", "BM_copy_rows_libpq",
        0.7, true},
-      {"load vs select+nlohmann::json::parse", "BM_load_state_postgres",
-       "BM_load_selects_nlohmann", 1.0, false},
+      {"load vs select+nlohmann::json::parse", "BM_load_state_postgres", "BM_load_selects_nlohmann",
+       1.0, false},
   });
   reporter.print_share("save of 1% changed vs full save (PostgreSQL)",
                        "BM_save_one_percent_changed_postgres", "BM_first_save_postgres", 0.05);
   std::printf("digests: %.1f bytes a record\n",
-              static_cast<double>(server().db->digest_memory_bytes()) /
-                  zelbench::snapshot_records);
+              static_cast<double>(server().db->digest_memory_bytes()) / zelbench::snapshot_records);
   benchmark::Shutdown();
   delete &server();
   return 0;
