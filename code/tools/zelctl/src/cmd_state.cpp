@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "json_output.h"
 #include "kinds.h"
+#include "replica_json.h"
 #include "zelcapi/state_connection.h"
 
 namespace zelctl {
@@ -52,9 +53,7 @@ command add_state_command(CLI::App& app, global_options& options) {
             zelcapi::state_handler quiet;
             zelcapi::state_connection c(&quiet, 0, &plugins);
             load_snapshot(c, t);
-            zelcore::properties snapshot;
-            c.get_state()->get_state(snapshot);
-            print_json(select(to_json(snapshot), *flags), true);
+            print_json(select(state_json(*c.get_state()), *flags), true);
             return int{exit_ok};
           }};
 }
