@@ -99,6 +99,10 @@ TEST_F(ZelctlServeBrowser, OverviewShowsTheNodesAndCountsOfTheApi) {
       ".map(r => [r.dataset.state, Number(r.cells[1].textContent)]))");
   EXPECT_EQ(shown, summary["counts"]["jobs"]);
   EXPECT_TRUE(browser_->wait_for("document.querySelectorAll('#chart svg path').length > 0"));
+  EXPECT_EQ(browser_->eval("document.querySelectorAll('#legend span').length"),
+            summary["counts"]["jobs"].size());
+  // The page's refresh ran to its end without an error.
+  EXPECT_EQ(browser_->eval("document.getElementById('status').textContent"), "live");
   EXPECT_TRUE(browser_->screenshot(screenshot_path("overview")));
 }
 
@@ -136,6 +140,7 @@ TEST_F(ZelctlServeBrowser, JobsTableFiltersAndSortsAsTheApi) {
       nlohmann::json::parse(
           browser_->eval("document.querySelector('#record pre').textContent").get<std::string>()),
       api("/api/state/jobs/" + first));
+  EXPECT_EQ(browser_->eval("document.getElementById('status').textContent"), "live");
   EXPECT_TRUE(browser_->screenshot(screenshot_path("jobs")));
 }
 
@@ -170,6 +175,7 @@ TEST_F(ZelctlServeBrowser, AChangeAppearsWithinTwoSecondsAndMarkupStaysText) {
   std::this_thread::sleep_for(300ms);
   browser_->eval("1");
   EXPECT_EQ(browser_->events("Page.javascriptDialogOpening"), 0u);
+  EXPECT_EQ(browser_->eval("document.getElementById('status').textContent"), "live");
   EXPECT_TRUE(browser_->screenshot(screenshot_path("jobs-hostile-name")));
 }
 
@@ -202,12 +208,14 @@ TEST_F(ZelctlServeBrowser, WorkflowsAndHistoryPagesDrawTheReplica) {
                              js(task) + ") + ']').dataset.status"),
               names[info["status"].get<int>()]);
   }
+  EXPECT_EQ(browser_->eval("document.getElementById('status').textContent"), "live");
   EXPECT_TRUE(browser_->screenshot(screenshot_path("workflows")));
   const nlohmann::json history = api("/api/history/jobs");
   ASSERT_FALSE(history.empty());
   browser_->navigate(url("/history"));
   ASSERT_TRUE(browser_->wait_for("document.querySelectorAll('#history tbody tr').length == " +
                                  std::to_string(std::min<std::size_t>(500, history.size()))));
+  EXPECT_EQ(browser_->eval("document.getElementById('status').textContent"), "live");
   EXPECT_TRUE(browser_->screenshot(screenshot_path("history")));
 }
 

@@ -48,7 +48,9 @@ async function refresh() {
   const last = Math.min(page.offset + page.rows.length, page.matched);
   $("range").textContent = ` ${page.matched ? page.offset + 1 : 0}–${last} of ${page.matched} (${page.total} jobs) `;
   document.body.dataset.rendered = String(mine);
+  // For the benchmark: how long this answer took, and when the first rows were on the page.
   window.zelJobsTiming = { ms: performance.now() - started, matched: page.matched };
+  if (window.zelFirstRows === undefined) window.zelFirstRows = performance.now();
   if (selected) {
     try { showRecord($("record"), selected, await api("/api/state/jobs/" + encodeURIComponent(selected))); }
     catch { /* the job has left the replica */ }

@@ -2,7 +2,7 @@
 // change rate and the time of the last change; refreshed after every batch of changes.
 "use strict";
 import { api, el, fill, cell, live } from "./common.js";
-import { drawChart } from "./chart.js";
+import { drawChart, palette } from "./chart.js";
 
 async function refresh() {
   const s = await api("/api/summary");
