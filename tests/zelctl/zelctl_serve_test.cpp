@@ -274,6 +274,9 @@ TEST_F(ZelctlServe, BadRequestsGetA4xxAndChangeNothing) {
   EXPECT_EQ(raw("GET /../../etc/passwd HTTP/1.1\r\nHost: t\r\n\r\n"), 404);
   EXPECT_EQ(raw("GET /assets/../index.html HTTP/1.1\r\nHost: t\r\n\r\n"), 404);
   EXPECT_EQ(s.get("/no-such-page").status, 404);
+  // Odd but well-formed values are answered, not refused.
+  EXPECT_EQ(s.get("/api/table/jobs?sort=%2Fa%2F~1b&q=%E2%9C%93&offset=999999999").status, 200);
+  EXPECT_EQ(s.get("/api/state/jobs?state=%FF%FE").status, 200);
   EXPECT_EQ(s.json("/api/state"), before);
   EXPECT_EQ(before, master());
   EXPECT_FALSE(s.child().has_exited());

@@ -150,7 +150,13 @@ class connection final : public event_subscriber, public std::enable_shared_from
       write(r, keep_alive);
       return;
     }
-    response r = shared_->routes(in);
+    response r;
+    try {
+      r = shared_->routes(in);
+    } catch (const std::exception&) {
+      // A route that raises answers this request only: the server and the replica go on.
+      r = error_response(500, "internal error");
+    }
     // A token given in the address becomes a cookie: the page's own requests and its event
     // stream then carry it without showing it.
     if (!shared_->token.empty() && !via_query.empty()) {
