@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -129,10 +128,7 @@ int main() {
     std::fprintf(stderr, "zelctl serve did not start: %s\n", serve.err().c_str());
     return 1;
   }
-  std::smatch m;
-  const std::string out = serve.out();
-  std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/"));
-  const auto port = static_cast<std::uint16_t>(std::stoi(m[1]));
+  const std::uint16_t port = zeltest::loopback_port_in(serve.out());
   std::printf("replica holds %s jobs\n",
               get(port, "/api/summary")["totals"]["jobs"].dump().c_str());
   sim.run_workload();

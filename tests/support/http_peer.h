@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <string>
 
@@ -168,6 +169,14 @@ class http_peer {
   bool closed_ = false;
   std::string buffer_;
 };
+
+// The port of the first "http://127.0.0.1:PORT/" in `text`; 0 when there is none.
+inline std::uint16_t loopback_port_in(const std::string& text) {
+  const std::string prefix = "http://127.0.0.1:";
+  const std::size_t at = text.find(prefix);
+  if (at == std::string::npos) return 0;
+  return static_cast<std::uint16_t>(std::strtoul(text.c_str() + at + prefix.size(), nullptr, 10));
+}
 
 // One GET on a connection of its own.
 inline http_answer http_get(std::uint16_t port, const std::string& target,

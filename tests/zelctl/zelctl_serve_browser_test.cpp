@@ -6,8 +6,6 @@
 
 #include <sys/stat.h>
 
-#include <regex>
-
 #include "json_output.h"
 #include "support/devtools_client.h"
 #include "support/http_peer.h"
@@ -41,10 +39,8 @@ class ZelctlServeBrowser : public ::testing::Test {
         at(sim_, dir_.file("pw"), 2) +
         std::vector<std::string>{"serve", "--listen", "127.0.0.1:0", "--batch-ms", "100"});
     ASSERT_TRUE(serve_->wait_for_output("serving", 15s)) << serve_->err();
-    std::smatch m;
-    const std::string out = serve_->out();
-    ASSERT_TRUE(std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/")));
-    port_ = static_cast<std::uint16_t>(std::stoi(m[1]));
+    port_ = zeltest::loopback_port_in(serve_->out());
+    ASSERT_NE(port_, 0) << serve_->out();
     browser_ = std::make_unique<zeltest::devtools_browser>(zeltest::chromium_program());
     ASSERT_TRUE(browser_->ready());
   }
