@@ -322,9 +322,12 @@ TEST(ZelctlServeLoad, ASlowClientIsDroppedWithoutStallingTheOthers) {
   std::ofstream(dir.file("pw")) << "demo\n";
   zelsim::options o = cluster_options();
   o.rate = 4000;
+  // A thousand jobs from the start: the slow client's catch-up snapshots are large, so its
+  // socket fills within a second whatever the machine's speed.
+  o.warm_up = 3000;
   zelsim::cluster sim(o);
   sim.start();
-  server s(sim, dir, {"--batch-ms", "100", "--write-ms", "1000", "--max-queue-kib", "256"});
+  server s(sim, dir, {"--batch-ms", "100", "--write-ms", "1000", "--max-queue-kib", "16"});
   ASSERT_NE(s.port(), 0) << s.child().err();
   http_peer slow(s.port(), 4096);
   slow.send("GET /api/events HTTP/1.1\r\nHost: t\r\n\r\n");
@@ -334,9 +337,11 @@ TEST(ZelctlServeLoad, ASlowClientIsDroppedWithoutStallingTheOthers) {
   sim.run_workload();
   std::uint64_t last_seq = 0;
   std::size_t batches = 0;
-  const auto until = std::chrono::steady_clock::now() + 4s;
-  while (std::chrono::steady_clock::now() < until) {
-    // Every batch arrives in order and none waits long.
+  bool dropped = false;
+  // Until the slow client is dropped, and for two seconds at least: every batch reaches the
+  // fast client in order, none after a wait of over a second.
+  const auto start = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() < start + 30s) {
     const auto e = fast.next_event(1s);
     ASSERT_EQ(e.name, "batch") << "the fast client waited over a second";
     const std::uint64_t seq = nlohmann::json::parse(e.data)["seq"];
@@ -345,13 +350,14 @@ TEST(ZelctlServeLoad, ASlowClientIsDroppedWithoutStallingTheOthers) {
     }
     last_seq = seq;
     ++batches;
+    if (!dropped && s.json("/api/summary")["stream-clients"] == 1) dropped = true;
+    if (dropped && std::chrono::steady_clock::now() > start + 2s) break;
   }
   sim.pause_workload();
-  // Batches every 100 ms were asked for; a loaded machine (a sanitizer build) makes fewer.
-  EXPECT_GT(batches, 10u);
-  // The slow client was dropped: what the kernel still holds ends with the close.
+  EXPECT_TRUE(dropped) << "the slow client was never dropped";
+  EXPECT_GT(batches, 5u);
+  // What the kernel still holds for the slow client ends with the close.
   EXPECT_TRUE(slow.wait_closed(5s));
-  EXPECT_EQ(s.json("/api/summary")["stream-clients"], 1);
 }
 
 }  // namespace
