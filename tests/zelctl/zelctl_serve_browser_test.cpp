@@ -105,6 +105,15 @@ TEST_F(ZelctlServeBrowser, OverviewShowsTheNodesAndCountsOfTheApi) {
 TEST_F(ZelctlServeBrowser, JobsTableFiltersAndSortsAsTheApi) {
   browser_->navigate(url("/jobs"));
   ASSERT_TRUE(browser_->wait_for("document.querySelectorAll('#jobs tbody tr').length > 0"));
+  // The state filter offers every state that the jobs hold.
+  const nlohmann::json job_counts = api("/api/summary")["counts"]["jobs"];
+  for (const auto& [state, n] : job_counts.items()) {
+    EXPECT_TRUE(
+        browser_->wait_for("[...document.querySelectorAll('#filter-state option')]"
+                           ".some(o => o.value == " +
+                           js(state) + ")"))
+        << state;
+  }
   const nlohmann::json running = api("/api/table/jobs?state=running&limit=1");
   ASSERT_GT(running["matched"].get<int>(), 0);
   browser_->eval(

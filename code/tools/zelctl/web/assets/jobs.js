@@ -67,7 +67,14 @@ function refilter() {
   refresh();
 }
 
-for (const st of ["queued", "running", "finished", "failed"]) $("filter-state").appendChild(el("option", { value: st }, st));
+// The usual states, and any other that the cluster's jobs hold now.
+const states = new Set(["queued", "running", "finished", "failed"]);
+for (const st of states) $("filter-state").appendChild(el("option", { value: st }, st));
+api("/api/summary").then((s) => {
+  for (const st of Object.keys(s.counts.jobs).sort()) {
+    if (st && !states.has(st)) $("filter-state").appendChild(el("option", { value: st }, st));
+  }
+}).catch(() => {});
 $("filter-state").addEventListener("change", refilter);
 for (const id of ["filter-user", "filter-node", "filter-text"]) $(id).addEventListener("input", refilter);
 $("prev").addEventListener("click", () => { view.offset = Math.max(0, view.offset - pageRows); refresh(); });
