@@ -7,6 +7,7 @@
 #include "json_output.h"
 #include "kinds.h"
 #include "mirror_location.h"
+#include "replica_json.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/state_connection.h"
 
@@ -41,16 +42,14 @@ nlohmann::json select(const nlohmann::json& snapshot, const state_flags& f) {
   return records[f.id];
 }
 
-// The snapshot of the cluster, or of the mirror's last complete save.
-zelcore::properties snapshot_of(const state_flags& f, target& t) {
+// The snapshot of the cluster, or of the mirror's last complete save, as JSON.
+nlohmann::json snapshot_of(const state_flags& f, target& t) {
   zelcore::plugin_db plugins;
-  zelcore::properties snapshot;
   if (f.from.empty()) {
     zelcapi::state_handler quiet;
     zelcapi::state_connection c(&quiet, 0, &plugins);
     load_snapshot(c, t);
-    c.get_state()->get_state(snapshot);
-    return snapshot;
+    return state_json(*c.get_state());
   }
   const mirror_location mirror = open_mirror(f.from, "--from", mirror_use::read_states);
   try {
@@ -58,11 +57,10 @@ zelcore::properties snapshot_of(const state_flags& f, target& t) {
       throw failure(exit_failure, "the mirror at --from '" + mirror.name + "' holds no save yet");
     zelcapi::state replica(plugins, nullptr);
     replica.set_and_update_from_state_db(mirror.states.get());
-    replica.get_state(snapshot);
+    return state_json(replica);
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot load --from '" + mirror.name + "': " + e.message());
   }
-  return snapshot;
 }
 
 }  // namespace
@@ -79,7 +77,7 @@ command add_state_command(CLI::App& app, global_options& options) {
                   "instead of the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) {
-            print_json(select(to_json(snapshot_of(*flags, t)), *flags), true);
+            print_json(select(snapshot_of(*flags, t), *flags), true);
             return int{exit_ok};
           }};
 }

@@ -22,5 +22,6 @@ command add_state_command(CLI::App& app, global_options& options);
 command add_watch_command(CLI::App& app, global_options& options);
 command add_history_command(CLI::App& app, global_options& options);
 command add_mirror_command(CLI::App& app, global_options& options);
+command add_serve_command(CLI::App& app, global_options& options);
 
 }  // namespace zelctl

@@ -1,0 +1,163 @@
+// zelctl serve: keeps a replica of the cluster's state and serves it over HTTP (pages, a JSON
+// API and a stream of its changes) on one thread: an io_context runs both the state connection
+// (through the Asio adapter) and the sockets of the HTTP server.
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+
+#include "commands.h"
+#include "serve/api_routes.h"
+#include "serve/event_feed.h"
+#include "serve/http_server.h"
+#include "serve/overview.h"
+#include "zelcapi/asio_attachment.h"
+#include "zelcapi/state_connection.h"
+
+namespace zelctl {
+namespace {
+
+struct serve_flags {
+  std::string listen = "127.0.0.1:8080";
+  std::string token_file;
+  std::uint32_t history_keep = 600;
+  double duration = 0;
+  unsigned batch_ms = 250;
+  unsigned idle_ms = 30000;
+  unsigned write_ms = 10000;
+  std::size_t max_connections = 256;
+  std::size_t max_queue_kib = 8192;
+};
+
+// "HOST:PORT" or "[V6HOST]:PORT".
+void split_listen(const std::string& text, std::string& host, std::string& port) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon + 1 == text.size()) {
+    throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
+  }
+  host = text.substr(0, colon);
+  port = text.substr(colon + 1);
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  if (host.empty()) throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
+}
+
+std::string read_token(const std::string& path) {
+  if (path.empty()) return "";
+  std::ifstream in(path);
+  std::string token;
+  if (!in || !std::getline(in, token)) {
+    throw failure(exit_usage, "cannot read --token-file '" + path + "'");
+  }
+  while (!token.empty() && (token.back() == '\r' || token.back() == ' ')) token.pop_back();
+  if (token.empty()) throw failure(exit_usage, "--token-file '" + path + "' holds no token");
+  return token;
+}
+
+int run_serve(const serve_flags& f, target& t) {
+  std::string host;
+  std::string port;
+  split_listen(f.listen, host, port);
+  const std::string token = read_token(f.token_file);
+
+  boost::asio::io_context io;
+  serve::feed_options feed_options;
+  feed_options.batch_interval = std::chrono::milliseconds(f.batch_ms);
+  feed_options.max_queue_bytes = f.max_queue_kib * 1024;
+  serve::event_feed feed(io, feed_options);
+  zelcore::plugin_db plugins;
+  zelcapi::state_connection replica_link(&feed, f.history_keep, &plugins);
+  const zelcapi::state& replica = *replica_link.get_state();
+  feed.attach(replica);
+  const login_result where = load_snapshot(replica_link, t);
+
+  serve::overview view(io, replica, feed);
+  view.set_master(where.master_id, where.host + ":" + where.port);
+  serve::api_routes routes(replica, view);
+  serve::limits lim;
+  lim.connections = f.max_connections;
+  lim.idle = std::chrono::milliseconds(f.idle_ms);
+  lim.write = std::chrono::milliseconds(f.write_ms);
+  serve::http_server server(
+      io, host, port, lim, token, [&routes](const serve::request& in) { return routes(in); },
+      [&feed](const std::shared_ptr<serve::event_subscriber>& client, const serve::request& in) {
+        feed.subscribe(client, in);
+      });
+  zelcapi::asio_attachment attached(io, replica_link);
+  feed.start();
+  view.start();
+
+  boost::asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&io](const boost::system::error_code& ec, int) {
+    if (!ec) io.stop();
+  });
+  boost::asio::steady_timer end_timer(io);
+  if (f.duration > 0) {
+    end_timer.expires_after(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(f.duration)));
+    end_timer.async_wait([&io](const boost::system::error_code& ec) {
+      if (!ec) io.stop();
+    });
+  }
+  const auto at = server.local_endpoint();
+  const std::string address =
+      at.address().is_v6() ? "[" + at.address().to_string() + "]" : at.address().to_string();
+  std::printf("zelctl: serving %s at http://%s:%u/ (master %s at %s:%s; Ctrl-C stops)\n",
+              token.empty() ? "without token" : "with token", address.c_str(),
+              static_cast<unsigned>(at.port()), where.master_id.c_str(), where.host.c_str(),
+              where.port.c_str());
+  std::fflush(stdout);
+  io.run();
+  std::printf("zelctl: served %llu changes in %llu batches\n",
+              static_cast<unsigned long long>(feed.changes()),
+              static_cast<unsigned long long>(feed.batches()));
+  std::fflush(stdout);
+  return exit_ok;
+}
+
+}  // namespace
+
+command add_serve_command(CLI::App& app, global_options&) {
+  CLI::App* sub = app.add_subcommand(
+      "serve", "keep a replica of the cluster's state and serve it over HTTP (pages, JSON API)");
+  auto f = std::make_shared<serve_flags>();
+  sub->add_option("--listen", f->listen, "HOST:PORT to listen on (port 0: any free port)")
+      ->capture_default_str();
+  sub->add_option("--token-file", f->token_file,
+                  "every request must carry the token in the first line of this file")
+      ->check(CLI::ExistingFile);
+  sub->add_option("--history-keep", f->history_keep,
+                  "seconds to keep historized records in the replica (for /api/history)")
+      ->capture_default_str();
+  sub->add_option("--duration", f->duration, "stop after this many seconds (0: Ctrl-C)")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  sub->add_option("--batch-ms", f->batch_ms, "milliseconds between two batches of changes")
+      ->check(CLI::Range(10u, 10000u))
+      ->capture_default_str();
+  sub->add_option("--idle-ms", f->idle_ms, "milliseconds a connection may take to send a request")
+      ->check(CLI::Range(100u, 3600000u))
+      ->capture_default_str();
+  sub->add_option("--write-ms", f->write_ms,
+                  "milliseconds one write may wait for a client that does not read, before the "
+                  "client is dropped")
+      ->check(CLI::Range(100u, 3600000u))
+      ->capture_default_str();
+  sub->add_option("--max-connections", f->max_connections, "open connections at most")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}))
+      ->capture_default_str();
+  sub->add_option("--max-queue-kib", f->max_queue_kib,
+                  "KiB of batches queued for one event-stream client before it gets a snapshot "
+                  "instead")
+      ->check(CLI::Range(std::size_t{16}, std::size_t{1048576}))
+      ->capture_default_str();
+  return {sub, [f](target& t) { return run_serve(*f, t); }};
+}
+
+}  // namespace zelctl

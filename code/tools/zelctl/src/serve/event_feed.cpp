@@ -1,0 +1,223 @@
+// Batches of the replica's changes as Server-Sent Events, and snapshots for new and lagging
+// clients.
+#include "serve/event_feed.h"
+
+#include <algorithm>
+
+#include "json_output.h"
+#include "kinds.h"
+#include "replica_json.h"
+
+namespace zelctl::serve {
+namespace {
+
+std::int64_t now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::shared_ptr<const std::string> event_text(const char* name, std::uint64_t seq,
+                                              const nlohmann::json& data) {
+  return std::make_shared<const std::string>(std::string("event: ") + name +
+                                             "\nid: " + std::to_string(seq) +
+                                             "\ndata: " + json_text(data, false) + "\n\n");
+}
+
+}  // namespace
+
+event_feed::event_feed(boost::asio::io_context& io, const feed_options& options)
+    : timer_(io), options_(options), last_write_(std::chrono::steady_clock::now()) {}
+
+event_feed::~event_feed() { *alive_ = false; }
+
+void event_feed::start() {
+  note_sent_workflows();
+  arm();
+}
+
+void event_feed::note_sent_workflows() {
+  sent_workflows_.clear();
+  if (replica_ == nullptr) return;
+  const nlohmann::json live = kind_json(*replica_, "workflows");
+  for (const auto& [id, workflow] : live.items()) sent_workflows_[id] = json_text(workflow, false);
+}
+
+void event_feed::arm() {
+  timer_.expires_after(options_.batch_interval);
+  timer_.async_wait(
+      [this, alive = std::weak_ptr<bool>(alive_)](const boost::system::error_code& ec) {
+        if (ec || alive.expired()) return;
+        flush();
+        arm();
+      });
+}
+
+void event_feed::subscribe(const std::shared_ptr<event_subscriber>& out, const request& in) {
+  // The snapshot is then exactly the state after the last batch: the client applies the next
+  // batch to it.
+  flush();
+  const bool full = in.target.param("snapshot") != "none";
+  out->send(snapshot_event(full));
+  clients_.push_back({out, full});
+}
+
+std::shared_ptr<const std::string> event_feed::snapshot_event(bool full) {
+  auto& cached = snapshot_cache_[full ? 1 : 0];
+  auto& cached_seq = snapshot_cache_seq_[full ? 1 : 0];
+  if (!cached || cached_seq != seq_) {
+    nlohmann::json data{{"seq", seq_}, {"state", nullptr}};
+    if (full && replica_ != nullptr) data["state"] = state_json(*replica_);
+    cached = event_text("snapshot", seq_, data);
+    cached_seq = seq_;
+  }
+  return cached;
+}
+
+void event_feed::add(const std::string& kind, const std::string& id, const char* op,
+                     nlohmann::json data) {
+  ++changes_;
+  last_change_ms_ = now_ms();
+  nlohmann::json change{{"kind", kind}, {"id", id}, {"op", op}};
+  if (!data.is_null()) change["data"] = std::move(data);
+  pending_.push_back(std::move(change));
+}
+
+void event_feed::add_workflow_changes() {
+  workflows_touched_ = false;
+  if (replica_ == nullptr) return;
+  const nlohmann::json live = kind_json(*replica_, "workflows");
+
+  for (auto it = sent_workflows_.begin(); it != sent_workflows_.end();) {
+    if (live.contains(it->first)) {
+      ++it;
+      continue;
+    }
+    pending_.push_back({{"kind", "workflows"}, {"id", it->first}, {"op", "remove"}});
+    it = sent_workflows_.erase(it);
+  }
+  for (const auto& [id, workflow] : live.items()) {
+    std::string text = json_text(workflow, false);
+    auto& sent = sent_workflows_[id];
+    if (sent == text) continue;
+    sent = std::move(text);
+    pending_.push_back({{"kind", "workflows"}, {"id", id}, {"op", "set"}, {"data", workflow}});
+  }
+}
+
+void event_feed::flush() {
+  if (workflows_touched_) add_workflow_changes();
+  clients_.erase(std::remove_if(clients_.begin(), clients_.end(),
+                                [](const client& c) { return c.out->closed(); }),
+                 clients_.end());
+  const auto now = std::chrono::steady_clock::now();
+  if (resnapshot_) {
+    resnapshot_ = false;
+    pending_ = nlohmann::json::array();
+    ++seq_;
+    for (const auto& c : clients_) c.out->replace_queue(snapshot_event(c.full_snapshots));
+    last_write_ = now;
+    return;
+  }
+  if (pending_.empty()) {
+    if (now - last_write_ >= options_.keep_alive) {
+      const auto comment = std::make_shared<const std::string>(": keep-alive\n\n");
+      for (const auto& c : clients_) c.out->send(comment);
+      last_write_ = now;
+    }
+    return;
+  }
+  ++seq_;
+  nlohmann::json batch{{"seq", seq_}, {"changes", std::move(pending_)}};
+  if (replica_ != nullptr)
+    batch["workflow-seq-nr"] = replica_->get_workflow_manager().get_current_sequence_number();
+  pending_ = nlohmann::json::array();
+  const auto text = event_text("batch", seq_, batch);
+  for (const auto& c : clients_) {
+    if (c.out->queued_bytes() >= options_.max_queue_bytes) {
+      ++laggards_;
+      c.out->replace_queue(snapshot_event(c.full_snapshots));
+    } else {
+      c.out->send(text);
+    }
+  }
+  last_write_ = now;
+}
+
+bool event_feed::state_item_updated(zelcapi::state_item_type type, const std::string& id,
+                                    const zelcore::properties& props) {
+  add(snapshot_key_of(type), id, "update", to_json(props));
+  return true;
+}
+
+bool event_feed::state_item_set(zelcapi::state_item_type type, const std::string& id,
+                                const zelcore::properties& props) {
+  add(snapshot_key_of(type), id, "set", to_json(props));
+  return true;
+}
+
+bool event_feed::state_item_removed(zelcapi::state_item_type type, const std::string& id) {
+  add(snapshot_key_of(type), id, "remove", nullptr);
+  return true;
+}
+
+bool event_feed::state_item_erased_property_ref(zelcapi::state_item_type type,
+                                                const std::string& id, const std::string& ref) {
+  add(snapshot_key_of(type), id, "erase", ref);
+  return true;
+}
+
+bool event_feed::state_item_historized(zelcapi::state_item_type type, const std::string& id) {
+  add(snapshot_key_of(type), id, "historize", nullptr);
+  return true;
+}
+
+bool event_feed::state_workflow_result_added(const std::string& id,
+                                             zelcapi::workflow_result_info result) {
+  zelcore::properties encoded;
+  result.encode(encoded);
+  add("workflow-results", id, "set", to_json(encoded));
+  workflows_touched_ = true;
+  return true;
+}
+
+bool event_feed::state_workflow_result_removed(const std::string& id) {
+  add("workflow-results", id, "remove", nullptr);
+  workflows_touched_ = true;
+  return true;
+}
+
+// The add and remove notifications leave the replica alone, but say that workflows move.
+bool event_feed::state_workflow_added(const std::string&, const zelcore::properties&) {
+  workflows_touched_ = true;
+  return true;
+}
+
+bool event_feed::state_workflow_removed(const std::string&) {
+  workflows_touched_ = true;
+  return true;
+}
+
+bool event_feed::state_workflow_updated(const zelcore::properties&) {
+  ++changes_;
+  last_change_ms_ = now_ms();
+  workflows_touched_ = true;
+  return true;
+}
+
+bool event_feed::state_new_state(const zelcore::properties&) {
+  // Everything is new: every client starts again from a snapshot.
+  resnapshot_ = true;
+  workflows_touched_ = false;
+  note_sent_workflows();
+  connected_ = true;
+  lost_.clear();
+  return true;
+}
+
+void event_feed::disconnected(const std::string& reason, bool) {
+  connected_ = false;
+  lost_ = reason;
+}
+
+}  // namespace zelctl::serve
