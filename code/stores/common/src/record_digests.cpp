@@ -208,4 +208,22 @@ std::size_t kind_digests::memory_bytes() const noexcept {
   return entries_.capacity() * sizeof(record_digest) + seen_.capacity() / 8;
 }
 
+void store_digests::forget() noexcept {
+  for (kind_digests& kind : kinds_) kind.forget();
+}
+
+void store_digests::rebuild_empty() {
+  for (kind_digests& kind : kinds_) kind.rebuild({});
+}
+
+void store_digests::commit_save() {
+  for (kind_digests& kind : kinds_) kind.commit_save();
+}
+
+std::size_t store_digests::memory_bytes() const noexcept {
+  std::size_t bytes = 0;
+  for (const kind_digests& kind : kinds_) bytes += kind.memory_bytes();
+  return bytes;
+}
+
 }  // namespace zelcapi::store_detail

@@ -7,11 +7,13 @@
 // committed for its id, which a change misses with a chance of 2^-64.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
+#include "zelcapi/save_counts.h"
 #include "zelcore/properties.h"
 
 namespace zelcapi::store_detail {
@@ -66,6 +68,53 @@ class kind_digests {
   std::vector<record_digest> entries_;  // sorted by id hash, hashes distinct
   std::vector<bool> seen_;              // one mark per entry, for the save in progress
   std::vector<record_digest> fresh_;    // records of the save with no entry yet
+};
+
+// The digests of the eight kinds of a state store and the counts of its save: the part of a
+// save that the stores share around their own writes. Called under the store's write lock.
+class store_digests {
+ public:
+  kind_digests& operator[](std::size_t kind) noexcept { return kinds_[kind]; }
+
+  // Stores one record through `write` (which writes it): in a save, only a record new or
+  // changed, compared before writing when the kind has entries to compare with, or with its
+  // digest taken after the write, while its tree is still in the cache, when every record is
+  // new; outside a save always, and the kind's digests become unknown.
+  template <class Write>
+  void store(std::size_t kind, std::string_view id, const zelcore::properties& record, bool saving,
+             Write&& write) {
+    kind_digests& digests = kinds_[kind];
+    const bool compare_first = saving && digests.size() != 0;
+    if (compare_first && !digests.needs_write(digest_of(id, record))) {
+      ++counts.unchanged;
+      return;
+    }
+    write();
+    if (!saving) {
+      digests.forget();
+      return;
+    }
+    if (!compare_first) digests.needs_write(digest_of(id, record));
+    ++counts.written;
+  }
+  // A record of the kind was removed by its id, in a save or outside one.
+  void removed(std::size_t kind, bool saving) noexcept {
+    if (saving)
+      kinds_[kind].removed();
+    else
+      kinds_[kind].forget();
+  }
+  // Every kind: unknown (after a failure), known and empty (the tables were emptied), or the
+  // save's entries committed.
+  void forget() noexcept;
+  void rebuild_empty();
+  void commit_save();
+  std::size_t memory_bytes() const noexcept;
+
+  save_counts counts;  // of the save in progress, or the last one
+
+ private:
+  std::array<kind_digests, 8> kinds_;
 };
 
 }  // namespace zelcapi::store_detail

@@ -2,6 +2,7 @@
 // stream through COPY, loads on a second connection that sees the last committed save.
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -16,7 +17,7 @@ namespace zelcapi {
 
 using postgres_detail::connection;
 using postgres_detail::result;
-using store_detail::kind_digests;
+using store_detail::store_digests;
 
 namespace {
 
@@ -105,9 +106,7 @@ struct postgres_state_db::impl {
     }
     if (completes) {
       state = phase::idle;
-      if (!own) {
-        for (kind_writes& kind : writes) kind.digests.commit_save();
-      }
+      if (!own) digests.commit_save();
     }
   }
 
@@ -115,7 +114,7 @@ struct postgres_state_db::impl {
     copy_kind = -1;
     copy_rows.clear();
     writer.rollback_quietly();
-    for (kind_writes& kind : writes) kind.digests.forget();
+    digests.forget();
   }
 
   // Reads the digests of what a kind's table holds, inside the save's transaction: of each
@@ -131,7 +130,7 @@ struct postgres_state_db::impl {
       entries.push_back(store_detail::digest_of(
           id, postgres_detail::decode_record(writer, tables[kind], id, r.text(row, 1))));
     }
-    writes[kind].digests.rebuild(std::move(entries));
+    digests[kind].rebuild(std::move(entries));
   }
 
   // Starts streaming the changed records of `kind`: straight into its table when the table was
@@ -139,7 +138,7 @@ struct postgres_state_db::impl {
   void start_copy(std::size_t kind) {
     if (copy_kind == static_cast<int>(kind)) return;
     end_copy();
-    copy_direct = writes[kind].digests.size() == 0;
+    copy_direct = digests[kind].size() == 0;
     writer.copy_begin(copy_direct ? sql("COPY @(id, record) FROM STDIN", tables[kind])
                                   : std::string("COPY zelcapi_staging(id, record) FROM STDIN"));
     copy_kind = static_cast<int>(kind);
@@ -172,7 +171,7 @@ struct postgres_state_db::impl {
   // Deletes the stored records of a kind that the save did not hold: every row whose id's hash
   // the save has not seen (found by reading the ids, which only a save with removals does).
   void remove_unseen(std::size_t kind) {
-    const std::vector<std::uint64_t> unseen = writes[kind].digests.unseen();
+    const std::vector<std::uint64_t> unseen = digests[kind].unseen();
     if (unseen.empty()) return;
     const result r = writer.exec(sql("SELECT id FROM @", tables[kind]));
     std::vector<std::string> gone;
@@ -184,7 +183,7 @@ struct postgres_state_db::impl {
     }
     writer.exec(sql("DELETE FROM @ WHERE id = ANY($1::text[])", tables[kind]).c_str(),
                 {postgres_detail::text_array(gone)});
-    counts.removed += gone.size();
+    digests.counts.removed += gone.size();
   }
 
   // Rolls back an open save and begins a transaction for a new one; with `emptied` every table
@@ -193,7 +192,7 @@ struct postgres_state_db::impl {
     if (state != phase::idle) abandon();  // the open save changed the digests in place
     writer.rollback_quietly();
     state = phase::abandoned;
-    counts = {};
+    digests.counts = {};
     try {
       begin_with_reconnect();
       if (emptied) {
@@ -201,10 +200,10 @@ struct postgres_state_db::impl {
         std::string all = "DELETE FROM workflow_results; DELETE FROM workflow_sequence";
         for (const char* table : tables) all += std::string("; DELETE FROM ") + table;
         writer.exec(all);
-        for (kind_writes& kind : writes) kind.digests.rebuild({});
+        digests.rebuild_empty();
       } else {
-        for (std::size_t kind = 0; kind < writes.size(); ++kind) {
-          if (!writes[kind].digests.known()) rebuild_digests(kind);
+        for (std::size_t kind = 0; kind < std::size(tables); ++kind) {
+          if (!digests[kind].known()) rebuild_digests(kind);
         }
       }
     } catch (...) {
@@ -244,15 +243,10 @@ struct postgres_state_db::impl {
     return body();
   }
 
-  struct kind_writes {
-    kind_digests digests;
-  };
-
   mutable std::mutex write_lock;
   connection writer;
-  std::array<kind_writes, 8> writes;
+  store_digests digests;  // of what the tables hold, and the counts of the save
   phase state = phase::idle;
-  save_counts counts;             // of the save in progress, or the last one
   zelbase::encoder_network json;  // the JSON text of the record being written
   int copy_kind = -1;             // the kind whose COPY is open, or -1
   bool copy_direct = false;       // whether it goes straight into the kind's table
@@ -283,45 +277,34 @@ void postgres_state_db::begin_save() {
 
 save_counts postgres_state_db::last_save_counts() const {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  return impl_->counts;
+  return impl_->digests.counts;
 }
 
 std::size_t postgres_state_db::digest_memory_bytes() const {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  std::size_t bytes = 0;
-  for (const auto& kind : impl_->writes) bytes += kind.digests.memory_bytes();
-  return bytes;
+  return impl_->digests.memory_bytes();
 }
 
 void postgres_state_db::store_item(db_item_type type, const std::string& id,
                                    const zelcore::properties& record) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
-    kind_digests& digests = impl_->writes[kind].digests;
     const bool saving = impl_->state == impl::phase::saving;
-    // With nothing stored to compare with, the record is written first and its digest taken
-    // after, while its tree is still in the cache.
-    const bool compare_first = saving && digests.size() != 0;
-    if (compare_first && !digests.needs_write(store_detail::digest_of(id, record))) {
-      ++impl_->counts.unchanged;
-      return;
-    }
-    zelbase::encoder_network& json = impl_->json;
-    json.clear();
-    store_detail::write_json(record, json, store_detail::json_nul::as_bytes);
-    if (saving) {
-      if (!compare_first) digests.needs_write(store_detail::digest_of(id, record));
-      ++impl_->counts.written;
-      impl_->start_copy(kind);
-      impl_->copy_row(id, json.view());
-      return;
-    }
-    impl_->writes[kind].digests.forget();
-    impl_->writer.exec(sql("INSERT INTO @(id, record) VALUES($1, $2) ON CONFLICT (id)"
-                           " DO UPDATE SET record = EXCLUDED.record",
-                           tables[kind])
-                           .c_str(),
-                       {postgres_detail::encode_id(id), std::string(json.view())});
+    impl_->digests.store(kind, id, record, saving, [&] {
+      zelbase::encoder_network& json = impl_->json;
+      json.clear();
+      store_detail::write_json(record, json, store_detail::json_nul::as_bytes);
+      if (saving) {
+        impl_->start_copy(kind);
+        impl_->copy_row(id, json.view());
+        return;
+      }
+      impl_->writer.exec(sql("INSERT INTO @(id, record) VALUES($1, $2) ON CONFLICT (id)"
+                             " DO UPDATE SET record = EXCLUDED.record",
+                             tables[kind])
+                             .c_str(),
+                         {postgres_detail::encode_id(id), std::string(json.view())});
+    });
   });
 }
 
@@ -329,10 +312,7 @@ void postgres_state_db::remove_item(db_item_type type, const std::string& id) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
     impl_->end_copy();
-    if (impl_->state == impl::phase::saving)
-      impl_->writes[kind].digests.removed();
-    else
-      impl_->writes[kind].digests.forget();
+    impl_->digests.removed(kind, impl_->state == impl::phase::saving);
     impl_->writer.exec(sql("DELETE FROM @ WHERE id = $1", tables[kind]).c_str(),
                        {postgres_detail::encode_id(id)});
   });
@@ -362,8 +342,7 @@ void postgres_state_db::store_workflow_sequence_number(std::uint64_t sequence_nu
       [&] {
         impl_->end_copy();
         if (impl_->state == impl::phase::saving) {
-          for (std::size_t kind = 0; kind < impl_->writes.size(); ++kind)
-            impl_->remove_unseen(kind);
+          for (std::size_t kind = 0; kind < std::size(tables); ++kind) impl_->remove_unseen(kind);
         }
         impl_->writer.exec("DELETE FROM workflow_sequence; INSERT INTO workflow_sequence VALUES(" +
                            std::to_string(static_cast<std::int64_t>(sequence_number)) + ")");

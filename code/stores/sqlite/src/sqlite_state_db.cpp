@@ -16,7 +16,7 @@ namespace zelcapi {
 using sqlite_detail::connection;
 using sqlite_detail::reset_on_exit;
 using sqlite_detail::statement;
-using store_detail::kind_digests;
+using store_detail::store_digests;
 
 namespace {
 
@@ -56,8 +56,7 @@ std::string sql(const char* pattern, const char* table) {
 }  // namespace
 
 struct sqlite_state_db::impl {
-  // The statements of one kind's table on the writing connection, and the digests of what it
-  // committed.
+  // The statements of one kind's table on the writing connection.
   struct kind_writes {
     kind_writes(connection& db, const char* table)
         : insert(db, sql("INSERT OR REPLACE INTO @(id, record) VALUES(?1, ?2)", table).c_str()),
@@ -66,7 +65,6 @@ struct sqlite_state_db::impl {
           ids(db, sql("SELECT id FROM @", table).c_str()),
           records(db, sql("SELECT id, record FROM @", table).c_str()) {}
     statement insert, remove, remove_all, ids, records;
-    kind_digests digests;
   };
   // The statements of one kind's table on the reading connection.
   struct kind_reads {
@@ -113,38 +111,33 @@ struct sqlite_state_db::impl {
     } catch (...) {
       writer.rollback_quietly();
       if (!own) state = phase::abandoned;
-      forget_digests();
+      digests.forget();
       throw;
     }
     if (completes) {
       state = phase::idle;
-      if (!own) {
-        for (kind_writes& kind : writes) kind.digests.commit_save();
-      }
+      if (!own) digests.commit_save();
     }
-  }
-
-  void forget_digests() noexcept {
-    for (kind_writes& kind : writes) kind.digests.forget();
   }
 
   // Reads the digests of what a kind's table holds, inside the save's transaction.
-  void rebuild_digests(kind_writes& kind) {
+  void rebuild_digests(std::size_t kind) {
     std::vector<store_detail::record_digest> entries;
-    reset_on_exit done(kind.records);
-    while (kind.records.step()) {
-      const std::string_view id = kind.records.text(0);
+    statement& records = writes[kind].records;
+    reset_on_exit done(records);
+    while (records.step()) {
+      const std::string_view id = records.text(0);
       entries.push_back(store_detail::digest_of(
-          id, sqlite_detail::decode_record(writer, tables[&kind - writes.data()], id,
-                                           kind.records.text(1))));
+          id, sqlite_detail::decode_record(writer, tables[kind], id, records.text(1))));
     }
-    kind.digests.rebuild(std::move(entries));
+    digests[kind].rebuild(std::move(entries));
   }
 
   // Deletes the stored records of a kind that the save did not hold: every row whose id's hash
   // the save has not seen (found by reading the ids, which only a save with removals does).
-  void remove_unseen(kind_writes& kind) {
-    const std::vector<std::uint64_t> unseen = kind.digests.unseen();
+  void remove_unseen(std::size_t index) {
+    kind_writes& kind = writes[index];
+    const std::vector<std::uint64_t> unseen = digests[index].unseen();
     if (unseen.empty()) return;
     std::vector<std::string> gone;
     {
@@ -159,29 +152,29 @@ struct sqlite_state_db::impl {
       kind.remove.bind(1, id);
       kind.remove.run();
     }
-    counts.removed += gone.size();
+    digests.counts.removed += gone.size();
   }
 
   // Rolls back an open save and begins a transaction for a new one; with `emptied` every table
   // is emptied within it, otherwise the digests of what the tables hold are made known.
   void begin_transaction(bool emptied) {
     writer.rollback_quietly();
-    if (state != phase::idle) forget_digests();  // the open save changed them in place
+    if (state != phase::idle) digests.forget();  // the open save changed them in place
     state = phase::abandoned;
-    counts = {};
+    digests.counts = {};
     try {
       begin.run();
       if (emptied) {
         remove_all();
-        for (kind_writes& kind : writes) kind.digests.rebuild({});
+        digests.rebuild_empty();
       } else {
-        for (kind_writes& kind : writes) {
-          if (!kind.digests.known()) rebuild_digests(kind);
+        for (std::size_t kind = 0; kind < writes.size(); ++kind) {
+          if (!digests[kind].known()) rebuild_digests(kind);
         }
       }
     } catch (...) {
       writer.rollback_quietly();
-      forget_digests();
+      digests.forget();
       throw;
     }
     state = phase::saving;
@@ -199,7 +192,7 @@ struct sqlite_state_db::impl {
   statement results_remove_all, results_insert, sequence_remove_all, sequence_insert;
   statement begin, commit;
   phase state = phase::idle;
-  save_counts counts;               // of the save in progress, or the last one
+  store_digests digests;            // of what the tables hold, and the counts of the save
   zelbase::encoder_network buffer;  // the JSON text of the record being written
 
   std::mutex read_lock;
@@ -229,54 +222,37 @@ void sqlite_state_db::begin_save() {
 
 save_counts sqlite_state_db::last_save_counts() const {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  return impl_->counts;
+  return impl_->digests.counts;
 }
 
 std::size_t sqlite_state_db::digest_memory_bytes() const {
   std::lock_guard<std::mutex> hold(impl_->write_lock);
-  std::size_t bytes = 0;
-  for (const auto& kind : impl_->writes) bytes += kind.digests.memory_bytes();
-  return bytes;
+  return impl_->digests.memory_bytes();
 }
 
 void sqlite_state_db::store_item(db_item_type type, const std::string& id,
                                  const zelcore::properties& record) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
-    impl::kind_writes& writes = impl_->writes[kind];
-    const bool saving = impl_->state == impl::phase::saving;
-    // With nothing stored to compare with, the record is written first and its digest taken
-    // after, while its tree is still in the cache.
-    const bool compare_first = saving && writes.digests.size() != 0;
-    if (compare_first && !writes.digests.needs_write(store_detail::digest_of(id, record))) {
-      ++impl_->counts.unchanged;
-      return;
-    }
-    zelbase::encoder_network& json = impl_->buffer;
-    json.clear();
-    store_detail::write_json(record, json);
-    writes.insert.bind(1, id);
-    writes.insert.bind(2, json.view());
-    writes.insert.run();
-    if (!saving) {
-      writes.digests.forget();
-      return;
-    }
-    if (!compare_first) writes.digests.needs_write(store_detail::digest_of(id, record));
-    ++impl_->counts.written;
+    impl_->digests.store(kind, id, record, impl_->state == impl::phase::saving, [&] {
+      zelbase::encoder_network& json = impl_->buffer;
+      json.clear();
+      store_detail::write_json(record, json);
+      statement& insert = impl_->writes[kind].insert;
+      insert.bind(1, id);
+      insert.bind(2, json.view());
+      insert.run();
+    });
   });
 }
 
 void sqlite_state_db::remove_item(db_item_type type, const std::string& id) {
   const std::size_t kind = db_item_index(type, "state_db");
   impl_->write([&] {
-    impl::kind_writes& writes = impl_->writes[kind];
-    if (impl_->state == impl::phase::saving)
-      writes.digests.removed();
-    else
-      writes.digests.forget();
-    writes.remove.bind(1, id);
-    writes.remove.run();
+    impl_->digests.removed(kind, impl_->state == impl::phase::saving);
+    statement& remove = impl_->writes[kind].remove;
+    remove.bind(1, id);
+    remove.run();
   });
 }
 
@@ -298,7 +274,8 @@ void sqlite_state_db::store_workflow_sequence_number(std::uint64_t sequence_numb
   impl_->write(
       [&] {
         if (impl_->state == impl::phase::saving) {
-          for (impl::kind_writes& kind : impl_->writes) impl_->remove_unseen(kind);
+          for (std::size_t kind = 0; kind < impl_->writes.size(); ++kind)
+            impl_->remove_unseen(kind);
         }
         impl_->sequence_remove_all.run();
         impl_->sequence_insert.bind(1, static_cast<std::int64_t>(sequence_number));
