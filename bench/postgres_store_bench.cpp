@@ -133,6 +133,16 @@ void BM_copy_rows_libpq(benchmark::State& s) {
   }
 }
 
+// A save with nothing changed since the previous one: what every save costs before it writes
+// anything (the state's copy, the walk over every record and its digest).
+void BM_save_unchanged_postgres(benchmark::State& s) {
+  bench_server& b = server();
+  for (auto _ : s) {
+    b.st->save_state_to_db(true);
+    timed_save(s, *b.st);
+  }
+}
+
 // A save after 1% of the jobs changed one field each since the previous save.
 void BM_save_one_percent_changed_postgres(benchmark::State& s) {
   bench_server& b = server();
@@ -186,6 +196,10 @@ void BM_load_selects_nlohmann(benchmark::State& s) {
 
 BENCHMARK(BM_first_save_postgres)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2);
 BENCHMARK(BM_copy_rows_libpq)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2);
+BENCHMARK(BM_save_unchanged_postgres)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(2);
 BENCHMARK(BM_save_one_percent_changed_postgres)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime()
@@ -209,6 +223,10 @@ int main(int argc, char** argv) {
   });
   reporter.print_share("save of 1% changed vs full save (PostgreSQL)",
                        "BM_save_one_percent_changed_postgres", "BM_first_save_postgres", 0.05);
+  reporter.print_share("save of nothing changed vs save of 1% changed (PostgreSQL)",
+                       "BM_save_unchanged_postgres", "BM_save_one_percent_changed_postgres");
+  reporter.print_share("save of nothing changed vs full save (PostgreSQL)",
+                       "BM_save_unchanged_postgres", "BM_first_save_postgres");
   std::printf("digests: %.1f bytes a record\n",
               static_cast<double>(server().db->digest_memory_bytes()) / zelbench::snapshot_records);
   benchmark::Shutdown();

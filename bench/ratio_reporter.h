@@ -64,14 +64,19 @@ class ratio_reporter : public benchmark::ConsoleReporter {
                 fraction * 100, ratio >= fraction ? "met" : "NOT MET",
                 median_.at(peer) / median_.at(ours) * 100);
   }
-  // "ours takes N% of peer's time" (target: at most `fraction`).
+  // "ours takes N% of peer's time" (target: at most `fraction`; none when it is 0).
   void print_share(const char* what, const std::string& ours, const std::string& peer,
-                   double fraction) const {
+                   double fraction = 0) const {
     if (!has(ours) || !has(peer)) return;
     const double share = min_.at(ours) / min_.at(peer);
+    const double median = median_.at(ours) / median_.at(peer) * 100;
+    if (fraction <= 0) {
+      std::printf("%-48s %7.1f%%   (of the time, no target)          median %.1f%%\n", what,
+                  share * 100, median);
+      return;
+    }
     std::printf("%-48s %7.1f%%   (target <= %.0f%% of the time)  %-7s  median %.1f%%\n", what,
-                share * 100, fraction * 100, share <= fraction ? "met" : "NOT MET",
-                median_.at(ours) / median_.at(peer) * 100);
+                share * 100, fraction * 100, share <= fraction ? "met" : "NOT MET", median);
   }
   // An information line without a target.
   void print_info(const char* what, const std::string& ours, const std::string& peer) const {
