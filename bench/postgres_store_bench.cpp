@@ -20,6 +20,7 @@
 
 #include "job_records.h"
 #include "ratio_reporter.h"
+#include "save_timing.h"
 #include "support/postgres_server.h"
 #include "zelcapi/postgres_db.h"
 #include "zelcapi/state.h"
@@ -90,20 +91,12 @@ bench_server& server() {
   return *built;
 }
 
-// Times one save alone: the set-up around it is work of the benchmark's own.
-void timed_save(benchmark::State& s, zelcapi::state& st) {
-  const auto start = std::chrono::steady_clock::now();
-  st.save_state_to_db(true);
-  s.SetIterationTime(
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-}
-
 // A full save: every record written into emptied tables (the store's COPY path).
 void BM_first_save_postgres(benchmark::State& s) {
   bench_server& b = server();
   for (auto _ : s) {
     b.db->clear();
-    timed_save(s, *b.st);
+    zelbench::timed_save(s, *b.st);
   }
   const zelcapi::save_counts counts = b.db->last_save_counts();
   s.counters["written"] = static_cast<double>(counts.written);
@@ -133,33 +126,11 @@ void BM_copy_rows_libpq(benchmark::State& s) {
   }
 }
 
-// A save with nothing changed since the previous one: what every save costs before it writes
-// anything (the state's copy, the walk over every record and its digest).
-void BM_save_unchanged_postgres(benchmark::State& s) {
-  bench_server& b = server();
-  for (auto _ : s) {
-    b.st->save_state_to_db(true);
-    timed_save(s, *b.st);
-  }
-}
+void BM_save_unchanged_postgres(benchmark::State& s) { zelbench::unchanged_saves(s, *server().st); }
 
-// A save after 1% of the jobs changed one field each since the previous save.
 void BM_save_one_percent_changed_postgres(benchmark::State& s) {
-  bench_server& b = server();
-  static std::int64_t round = 0;
-  for (auto _ : s) {
-    b.st->save_state_to_db(true);
-    ++round;
-    for (int n = 0; n < zelbench::snapshot_records; n += 100) {
-      const std::string id = zelbench::job_record(n).get_string_value("id");
-      b.st->item_update(zelcapi::state_item_job, id,
-                        properties{{"progress", zelcore::make_int(round)}});
-    }
-    timed_save(s, *b.st);
-  }
-  const zelcapi::save_counts counts = b.db->last_save_counts();
-  s.counters["written"] = static_cast<double>(counts.written);
-  s.counters["unchanged"] = static_cast<double>(counts.unchanged);
+  auto& b = server();
+  zelbench::one_percent_changed_saves(s, *b.st, [&] { return b.db->last_save_counts(); });
 }
 
 void BM_load_state_postgres(benchmark::State& s) {

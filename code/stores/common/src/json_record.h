@@ -46,6 +46,19 @@ void write_json(const zelcore::properties& tree, zelbase::encoder_network& out,
 // With `strings`, equal short strings read through it share one property.
 zelcore::properties read_json(std::string_view text, shared_strings* strings = nullptr);
 
+// The tree of a stored record for a store's connection `db`, whose fail(text) raises the store's
+// error: malformed text names the table and the id.
+template <class Connection>
+zelcore::properties read_stored_record(const Connection& db, const char* table, std::string_view id,
+                                       std::string_view json, shared_strings* strings) {
+  try {
+    return read_json(json, strings);
+  } catch (const malformed_json& e) {
+    db.fail("malformed record in table " + std::string(table) + ", id '" + std::string(id) +
+            "': " + e.what());
+  }
+}
+
 // The short strings read while one set of records loads, so that records repeating a user, a
 // node or a state share one immutable string property. Lives for that load only.
 class shared_strings {

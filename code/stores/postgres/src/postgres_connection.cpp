@@ -132,12 +132,7 @@ std::int64_t result::integer(int row, int column) const {
 
 zelcore::properties decode_record(const connection& db, const char* table, std::string_view id,
                                   std::string_view json, store_detail::shared_strings* strings) {
-  try {
-    return store_detail::read_json(json, strings);
-  } catch (const store_detail::malformed_json& e) {
-    db.fail("malformed record in table " + std::string(table) + ", id '" + std::string(id) +
-            "': " + e.what());
-  }
+  return store_detail::read_stored_record(db, table, id, json, strings);
 }
 
 connection::connection(const std::string& conninfo) : conninfo_(conninfo) {

@@ -7,15 +7,10 @@
 #include "json_output.h"
 #include "kinds.h"
 #include "replica_json.h"
+#include "time_text.h"
 
 namespace zelctl::serve {
 namespace {
-
-std::int64_t now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 std::shared_ptr<const std::string> event_text(const char* name, std::uint64_t seq,
                                               const nlohmann::json& data) {

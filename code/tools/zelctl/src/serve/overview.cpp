@@ -8,15 +8,6 @@
 #include "time_text.h"
 
 namespace zelctl::serve {
-namespace {
-
-std::int64_t now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
 
 nlohmann::json count_by_state(const zelcapi::state::item_map& items) {
   std::map<std::string, std::uint64_t> counts;
