@@ -9,6 +9,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "support/raw_peer.h"
 #include "zelnet/link.h"
@@ -187,6 +188,57 @@ TEST(Ioctrl, WatchRefusesClosedAndDuplicateFiles) {
   c.forget(read_end);
   EXPECT_FALSE(c.watches(read_end, link));
   ::close(fds[1]);
+}
+
+TEST(Ioctrl, ALongWaitPollsInSlicesBetweenTheHooks) {
+  zelnet::ioctrl c(16);
+  int before = 0;
+  int after = 0;
+  // The third slice ends the wait: without slices the wait would block for its full minute.
+  c.set_blocking_hooks([&before] { ++before; },
+                       [&after] {
+                         if (++after == 3) throw std::runtime_error("enough");
+                       },
+                       10);
+  EXPECT_THROW(c.wait(60000), std::runtime_error);
+  EXPECT_EQ(before, 3);
+  EXPECT_EQ(after, 3);
+  // A wait until an event (serve_until) is sliced as well.
+  after = 0;
+  zelnet::ioctrl::timer_id never =
+      c.add_timer(zelnet::ioctrl::clock::now() + std::chrono::hours(1), [] {});
+  bool done = false;
+  EXPECT_THROW(c.serve_until(done), std::runtime_error);
+  EXPECT_EQ(after, 3);
+  EXPECT_TRUE(c.cancel_timer(never));
+}
+
+TEST(Ioctrl, WhatTheAfterHookRaisesLeavesTheWaitAndTheInputWaitsForTheNextOne) {
+  // The peer answers the client's packet: nothing is read before the hooks are set.
+  raw_peer peer([](int fd) {
+    accept_hello(fd);
+    read_exactly(fd, encode_packet_frame(numbered(0)).size());
+    write_all(fd, encode_packet_frame(numbered(1)));
+    char byte;
+    ::recv(fd, &byte, 1, 0);
+  });
+  zelnet::ioctrl c(16000);
+  collecting_link link(c, 1);
+  connect_link(c, link, peer);
+  bool raise = true;
+  c.set_blocking_hooks(
+      {},
+      [&raise] {
+        if (std::exchange(raise, false)) throw std::runtime_error("interrupted");
+      },
+      10);
+  link.send(numbered(0));
+  EXPECT_THROW(c.wait(5000), std::runtime_error);
+  EXPECT_TRUE(link.packets.empty());
+  EXPECT_TRUE(c.wait(5000));
+  ASSERT_EQ(link.packets.size(), 1u);
+  EXPECT_EQ(link.packets[0].get_properties().get_int_value("i"), 1);
+  c.clear();
 }
 
 }  // namespace

@@ -30,6 +30,32 @@ class depth_guard {
   unsigned& depth_;
 };
 
+// poll(2) of `fds` for up to `ms` milliseconds (-1: until an event). A poll that may block runs
+// between the hooks, and with `slice_ms` above 0 in slices of at most that long; returns what
+// the last poll returned.
+int poll_in_slices(std::vector<pollfd>& fds, int ms, int slice_ms,
+                   const std::function<void()>& before, const std::function<void()>& after) {
+  if (ms == 0) return ::poll(fds.data(), fds.size(), 0);
+  const bool sliced = slice_ms > 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    int slice = ms;
+    if (sliced && ms < 0) {
+      slice = slice_ms;
+    } else if (sliced) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+              .count();
+      slice = static_cast<int>(std::clamp<decltype(left)>(left, 0, slice_ms));
+    }
+    if (before) before();
+    const int ready = ::poll(fds.data(), fds.size(), slice);
+    if (after) after();
+    if (!sliced || ready != 0) return ready;
+    if (ms >= 0 && std::chrono::steady_clock::now() >= deadline) return 0;
+  }
+}
+
 }  // namespace
 
 ioctrl::hdlr::~hdlr() = default;
@@ -203,9 +229,11 @@ void ioctrl::set_watch_callback(std::function<void()> callback) {
   told_watches_ = watched_files();
 }
 
-void ioctrl::set_blocking_hooks(std::function<void()> before, std::function<void()> after) {
+void ioctrl::set_blocking_hooks(std::function<void()> before, std::function<void()> after,
+                                int slice_ms) {
   before_block_ = std::move(before);
   after_block_ = std::move(after);
+  block_slice_ms_ = slice_ms;
 }
 
 void ioctrl::update_watches() {
@@ -272,10 +300,7 @@ int ioctrl::poll_once(int ms) {
     fds.push_back(pollfd{fd, events, 0});
     ids.push_back(e.id);
   }
-  const bool may_block = ms != 0;
-  if (may_block && before_block_) before_block_();
-  const int ready = ::poll(fds.data(), fds.size(), ms);
-  if (may_block && after_block_) after_block_();
+  const int ready = poll_in_slices(fds, ms, block_slice_ms_, before_block_, after_block_);
   if (ready <= 0) return 0;
   {
     depth_guard guard(depth_);

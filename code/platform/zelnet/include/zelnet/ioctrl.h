@@ -112,8 +112,12 @@ class ZELNET_EXPORT ioctrl {
   // `before` runs before each poll(2) that may block (a time-out other than 0) and `after` once
   // it returns, on the thread that polls; either may be empty. An interpreter releases its lock
   // there, so that its callbacks run with the lock held and other threads run while the
-  // controller waits.
-  void set_blocking_hooks(std::function<void()> before, std::function<void()> after);
+  // controller waits. With `slice_ms` above 0 a poll blocks at most that long: a longer wait
+  // polls again after `after` has run, so that `after` runs at least that often (an interpreter
+  // checks for signals there). What `after` raises leaves the call that polled as a callback's
+  // exception does, before any input of that poll is handled.
+  void set_blocking_hooks(std::function<void()> before, std::function<void()> after,
+                          int slice_ms = 0);
   // Calls the watch callback if watched_files() changed since it was last told; the links call
   // it after queuing output that the socket did not take at once.
   void update_watches();
@@ -178,6 +182,7 @@ class ZELNET_EXPORT ioctrl {
   std::function<void()> watch_callback_;
   std::function<void()> before_block_;
   std::function<void()> after_block_;
+  int block_slice_ms_ = 0;
   std::vector<watched_file> told_watches_;
 };
 
