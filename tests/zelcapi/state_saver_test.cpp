@@ -165,6 +165,44 @@ TEST_F(StateSaver, WaitingSaveWhileOneRunsWarnsThenSavesAfterItAndReturnsWhenDon
   EXPECT_EQ(std::count_if(messages.begin() + 2, messages.end(), is_done_report), 2);
 }
 
+TEST_F(StateSaver, AStartedSaveIsWaitedForInSlicesUntilItEnds) {
+  fill_small();
+  EXPECT_TRUE(state::wait_for_saves(std::chrono::milliseconds(0)));
+  db.hold_saves();
+  st.start_save();
+  db.wait_for_begun_saves(1);
+  // The save is held: each slice of the wait runs out, and the caller gets control back.
+  EXPECT_FALSE(state::wait_for_saves(std::chrono::milliseconds(1)));
+  EXPECT_FALSE(state::wait_for_saves(std::chrono::milliseconds(1)));
+  db.release();
+  while (!state::wait_for_saves(std::chrono::milliseconds(10))) {
+  }
+  EXPECT_EQ(db.calls(), small_save);
+  const strings messages = sink.messages();
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_TRUE(is_done_report(messages[1]));
+}
+
+TEST_F(StateSaver, AStartedSaveWaitsForTheOneStillWritingAndIsNotSkipped) {
+  fill_small();
+  db.hold_saves();
+  st.save_state_to_db(false);
+  db.wait_for_begun_saves(1);
+  st.item_set(state_item_job, "j2", properties());
+  std::thread starter([this] { st.start_save(); });
+  // The held save is still writing, also while the starter joins it.
+  EXPECT_FALSE(state::wait_for_saves(std::chrono::milliseconds(1)));
+  db.release();
+  starter.join();
+  while (!state::wait_for_saves(std::chrono::milliseconds(10))) {
+  }
+  const strings calls = db.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "begin_save"), 2);
+  EXPECT_TRUE(db.saved().get_properties_value("jobs").is_present("j2"));
+  const strings messages = sink.messages();
+  EXPECT_EQ(std::count(messages.begin(), messages.end(), still_active), 0);
+}
+
 TEST_F(StateSaver, FailingStoreIsReportedAndTheRestOfThatSaveIsNotWritten) {
   fill_small();
   db.fail_next_store_item();

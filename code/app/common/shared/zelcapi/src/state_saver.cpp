@@ -1,6 +1,9 @@
 // Persistence of a state: the saver thread that writes a copy of the state to its state_db
 // under a process-wide lock, and the load of a state from a state_db.
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -43,9 +46,32 @@ zelbase::mutex& saver_lock() {
   return lock;
 }
 
+// Told when a saver's thread has done its work; shared with who waits for it, so that a waiter
+// holds no reference that would keep the saver (and its thread) from being joined.
+class save_end {
+ public:
+  void tell() {
+    {
+      std::lock_guard<std::mutex> hold(lock_);
+      ended_ = true;
+    }
+    told_.notify_all();
+  }
+  bool wait(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return told_.wait_for(hold, limit, [this] { return ended_; });
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable told_;
+  bool ended_ = false;
+};
+
 class state_saver final : public zelbase::object_refcount, public zelbase::thread_base {
  public:
-  state_saver(state_db& db, std::unique_ptr<state_copy> copy) : db_(db), copy_(std::move(copy)) {
+  state_saver(state_db& db, std::unique_ptr<state_copy> copy)
+      : db_(db), copy_(std::move(copy)), end_(std::make_shared<save_end>()) {
     thread_.start(*this);
   }
   ~state_saver() override {
@@ -56,8 +82,12 @@ class state_saver final : public zelbase::object_refcount, public zelbase::threa
   }
 
   bool writes_to(const state_db* db) const noexcept { return &db_ == db; }
+  std::shared_ptr<save_end> end() const { return end_; }
 
   void run() override {
+    // Told however the body ends.
+    const std::unique_ptr<save_end, void (*)(save_end*)> told(end_.get(),
+                                                              [](save_end* e) { e->tell(); });
     std::unique_lock<zelbase::mutex> hold(saver_lock());
     report_state(__LINE__, 8, 7, "Starting save of state-db to disk");
     const zelcore::ds::timer elapsed("State saving timer");
@@ -93,18 +123,23 @@ class state_saver final : public zelbase::object_refcount, public zelbase::threa
   zelbase::thread thread_;
   state_db& db_;
   std::unique_ptr<state_copy> copy_;
+  std::shared_ptr<save_end> end_;
 };
 
 // The most recent saver of the process; guarded by its own mutex, since states on several
 // threads may save.
 std::mutex current_saver_guard;
 zelbase::ptr_refcount<state_saver> current_saver;
+// The end of the saver started last. Unlike current_saver it stays while that saver is joined
+// (moved out of current_saver), so that a wait for the saves sees one that is still writing.
+std::shared_ptr<save_end> latest_end;
 
 void replace_current_saver(zelbase::ptr_refcount<state_saver> next) {
   zelbase::ptr_refcount<state_saver> previous;
   {
     std::lock_guard<std::mutex> hold(current_saver_guard);
     previous = std::move(current_saver);
+    if (next) latest_end = next->end();
     current_saver = std::move(next);
   }
   // Released outside the guard: the last release joins that saver's thread.
@@ -137,6 +172,12 @@ void state::save_state_to_db(bool wait) {
   } else {
     saver_lock().unlock();
   }
+  start_save();
+  if (wait) replace_current_saver(zelbase::ptr_refcount<state_saver>());
+}
+
+void state::start_save() {
+  if (!state_db_) return;
   auto copy = std::make_unique<state_copy>();
   for (std::uint32_t type = 0; type < 7; ++type) {
     const item_map& items = get_items(static_cast<state_item_type>(type));
@@ -151,7 +192,16 @@ void state::save_state_to_db(bool wait) {
   // in no set order, and the older copy could be written last.
   replace_current_saver(zelbase::ptr_refcount<state_saver>());
   replace_current_saver(zelbase::make_refcount<state_saver>(*state_db_, std::move(copy)));
-  if (wait) replace_current_saver(zelbase::ptr_refcount<state_saver>());
+}
+
+bool state::wait_for_saves(std::chrono::milliseconds limit) {
+  std::shared_ptr<save_end> end;
+  {
+    std::lock_guard<std::mutex> hold(current_saver_guard);
+    if (!latest_end) return true;
+    end = latest_end;
+  }
+  return end->wait(limit);
 }
 
 void state::set_and_update_from_state_db(state_db* db) {

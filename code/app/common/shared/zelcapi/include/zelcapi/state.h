@@ -11,6 +11,7 @@
 // of the state and the state_db.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -377,6 +378,13 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   // when the save is done. A failing state_db is reported ("Failed to update state: %s"), never
   // raised. Saves of all states in the process run one at a time, in the order asked for.
   void save_state_to_db(bool wait);
+  // What save_state_to_db(true) does, without waiting for the save's end: waits for a save
+  // still writing, then starts this one on the saver thread. wait_for_saves waits for its end.
+  void start_save();
+  // Waits up to `limit` for the save writing in the process to end; true when none is writing
+  // (saves run one at a time, so every save started before this call has then ended). Lets a
+  // caller that must stay responsive (an interpreter checking for signals) wait in slices.
+  static bool wait_for_saves(std::chrono::milliseconds limit);
   // Makes `db` the state_db (null: none) after waiting for a running save, and loads the items,
   // results, sequence number and workflows from it. Raises what the state_db raises.
   void set_and_update_from_state_db(state_db* db);
