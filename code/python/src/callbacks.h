@@ -111,13 +111,4 @@ class python_methods {
   std::array<bool, Count> looked_up_{};
 };
 
-// Python's lock is let go only while the controller blocks in poll(2): every callback then
-// runs with it held, at no cost per call.
-template <class Controller>
-void release_gil_while_blocking(Controller& c) {
-  auto saved = std::make_shared<PyThreadState*>(nullptr);
-  c.set_blocking_hooks([saved] { *saved = PyEval_SaveThread(); },
-                       [saved] { PyEval_RestoreThread(*saved); });
-}
-
 }  // namespace zelpy

@@ -5,6 +5,7 @@
 #include "callbacks.h"
 #include "handler_trampoline.h"
 #include "tree.h"
+#include "waits.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelcapi/state_connection.h"
 
@@ -13,7 +14,6 @@ namespace zelpy {
 namespace {
 
 using zelnet::zelp::packet;
-using release_gil = py::call_guard<py::gil_scoped_release>;
 
 // The plugin database of every replica made from Python: it holds no plugins.
 const zelcore::plugin_db& no_plugins() {
@@ -43,7 +43,7 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
                                       const std::string& ref) override {
     gil_for_callback gil;
     PyObject* f = find(item_erased_property_ref, "item_erased_property_ref");
-    return f == nullptr || truth(methods::call(f, self(), static_cast<int>(type), id, ref));
+    return f == nullptr || truth(methods::call(f, self(), type, id, ref));
   }
   bool state_workflow_result_added(const std::string& id,
                                    zelcapi::workflow_result_info result) override {
@@ -102,8 +102,8 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
     gil_for_callback gil;
     PyObject* f = find(s, name);
     if (f == nullptr) return true;
-    if (props == nullptr) return truth(methods::call(f, self(), static_cast<int>(type), id));
-    return truth(methods::call(f, self(), static_cast<int>(type), id, to_python(*props)));
+    if (props == nullptr) return truth(methods::call(f, self(), type, id));
+    return truth(methods::call(f, self(), type, id, to_python(*props)));
   }
   bool id_call(slot s, const char* name, const std::string& id) {
     gil_for_callback gil;
@@ -124,18 +124,27 @@ zelcapi::state_item_type item_type(int type) {
   return static_cast<zelcapi::state_item_type>(type);
 }
 
+using state_connection = zelcapi::state_connection;
+
+// The replica as Python holds it: through the Python object of its state connection, which it
+// keeps alive, and whose user it is while one of its methods runs.
+class replica {
+ public:
+  explicit replica(py::object owner)
+      : owner_(std::move(owner)), connection_(owner_.cast<state_connection*>()) {}
+  zelcapi::state& get() const { return *connection_->get_state_non_const(); }
+  python_side& side() const { return side_of(*connection_); }
+
+ private:
+  py::object owner_;
+  state_connection* connection_;
+};
+
+python_side& side_of(replica& r) { return r.side(); }
+
 }  // namespace
 
 void bind_state(py::module_& m) {
-  py::enum_<zelcapi::state_item_type>(m, "ItemType", "The seven kinds of state items.")
-      .value("CLIENT", zelcapi::state_item_client)
-      .value("NODE", zelcapi::state_item_node)
-      .value("SUBMISSION", zelcapi::state_item_submission)
-      .value("SOURCE", zelcapi::state_item_source)
-      .value("SLOT", zelcapi::state_item_slot)
-      .value("JOB", zelcapi::state_item_job)
-      .value("TASK", zelcapi::state_item_task);
-
   py::class_<zelcapi::state_db>(m, "StateDB", "A store that a replica loads from and saves to.");
   py::class_<zelcapi::sqlite_state_db, zelcapi::state_db>(m, "SQLiteStateDB",
                                                           "The state store in one SQLite file.")
@@ -144,7 +153,12 @@ void bind_state(py::module_& m) {
       .def(
           "last_save_counts",
           [](const zelcapi::sqlite_state_db& db) {
-            const zelcapi::save_counts counts = db.last_save_counts();
+            zelcapi::save_counts counts;
+            {
+              // The saver may hold the store while it reports, which takes the GIL.
+              py::gil_scoped_release unlocked;
+              counts = db.last_save_counts();
+            }
             py::dict out;
             out["written"] = counts.written;
             out["unchanged"] = counts.unchanged;
@@ -161,64 +175,79 @@ void bind_state(py::module_& m) {
       "handle, status or disconnected.")
       .def(py::init<>());
 
-  py::class_<zelcapi::state, std::unique_ptr<zelcapi::state, py::nodelete>>(
-      m, "State", "The replica of a state connection; valid while the connection lives.")
-      .def(
-          "items",
-          [](const zelcapi::state& s, int type) {
-            py::dict out;
-            for (const auto& [id, record] : s.get_items(item_type(type))) {
-              out[py::str(id)] = to_python(record);
-            }
-            return out;
-          },
-          py::arg("type"), "The records of a kind, by id.")
-      .def(
-          "item",
-          [](const zelcapi::state& s, int type, const std::string& id) {
-            return to_python(s.get_item(item_type(type), id));
-          },
-          py::arg("type"), py::arg("id"), "One record; raises ArgError when absent.")
-      .def(
-          "has_item",
-          [](const zelcapi::state& s, int type, const std::string& id) {
-            return s.has_item(item_type(type), id);
-          },
-          py::arg("type"), py::arg("id"))
-      .def(
-          "count",
-          [](const zelcapi::state& s, int type) { return s.get_items(item_type(type)).size(); },
-          py::arg("type"))
-      .def(
-          "snapshot",
-          [](const zelcapi::state& s) {
-            zelcore::properties out;
-            s.get_state(out);
-            return to_python(out);
-          },
-          "The whole state as the master sends it.")
-      .def(
-          "history",
-          [](const zelcapi::state& s) {
-            zelcore::properties out;
-            s.get_history(out);
-            return to_python(out);
-          },
-          "The history kept in memory, as a snapshot; UnspecifiedError without history.")
-      .def(
-          "load",
-          [](zelcapi::state& s, zelcapi::state_db* db) { s.set_and_update_from_state_db(db); },
-          py::arg("db"), py::keep_alive<1, 2>(), release_gil(),
-          "Makes db the store and loads the replica from it.")
-      .def("save", &zelcapi::state::save_state_to_db, py::arg("wait") = true, release_gil(),
-           "Saves a copy of the replica to its store on the saver thread.");
+  py::class_<replica>(m, "State",
+                      "The replica of a state connection; it keeps its connection alive.")
+      .def("items", used(+[](replica& r, int type) {
+             py::dict out;
+             for (const auto& [id, record] : r.get().get_items(item_type(type))) {
+               out[py::str(id)] = to_python(record);
+             }
+             return out;
+           }),
+           py::arg("type"), "The records of a kind, by id.")
+      .def("item", used(+[](replica& r, int type, const std::string& id) {
+             return to_python(r.get().get_item(item_type(type), id));
+           }),
+           py::arg("type"), py::arg("id"), "One record; raises ArgError when absent.")
+      .def("has_item", used(+[](replica& r, int type, const std::string& id) {
+             return r.get().has_item(item_type(type), id);
+           }),
+           py::arg("type"), py::arg("id"))
+      .def("count",
+           used(+[](replica& r, int type) { return r.get().get_items(item_type(type)).size(); }),
+           py::arg("type"))
+      .def("snapshot", used(+[](replica& r) {
+             zelcore::properties out;
+             r.get().get_state(out);
+             return to_python(out);
+           }),
+           "The whole state as the master sends it.")
+      .def("history", used(+[](replica& r) {
+             zelcore::properties out;
+             r.get().get_history(out);
+             return to_python(out);
+           }),
+           "The history kept in memory, as a snapshot; UnspecifiedError without history.")
+      .def("load", used(+[](replica& r, py::object db) {
+             if (!db.is_none() && !py::isinstance<zelcapi::state_db>(db)) {
+               throw py::type_error("load takes a StateDB or None");
+             }
+             zelcapi::state_db* store = db.is_none() ? nullptr : db.cast<zelcapi::state_db*>();
+             wait_in_slices(&zelcapi::state::wait_for_saves);
+             // The previous store goes once the replica no longer writes to it.
+             const py::object previous = r.side().keep_store(db);
+             py::gil_scoped_release unlocked;
+             r.get().set_and_update_from_state_db(store);
+           }),
+           py::arg("db"),
+           "Makes db the store (None: none) and loads the replica from it; the connection keeps "
+           "db alive.")
+      .def("save", used(+[](replica& r, bool wait) {
+             zelcapi::state& s = r.get();
+             if (!wait) {
+               py::gil_scoped_release unlocked;
+               s.save_state_to_db(false);
+               return;
+             }
+             if (s.get_state_db() == nullptr) return;
+             wait_in_slices(&zelcapi::state::wait_for_saves);
+             {
+               py::gil_scoped_release unlocked;
+               s.start_save();
+             }
+             wait_in_slices(&zelcapi::state::wait_for_saves);
+           }),
+           py::arg("wait") = true,
+           "Saves a copy of the replica to its store on the saver thread; with wait, after a "
+           "save still writing, and returns when it is done.");
 
-  py::class_<zelcapi::state_connection, zelcapi::connection,
-             connection_holder<zelcapi::state_connection>>(
+  py::class_<state_connection, zelcapi::connection, connection_holder<state_connection>>(
       m, "StateConnection", "A connection that keeps a replica of the cluster's state.")
-      .def(py::init([](zelcapi::state_handler* h, std::uint32_t history_keep_time, bool replica) {
-             auto* c = replica ? new zelcapi::state_connection(h, history_keep_time, &no_plugins())
-                               : new zelcapi::state_connection(h);
+      .def(py::init([](zelcapi::state_handler* h, std::uint32_t history_keep_time,
+                       bool with_replica) -> state_connection* {
+             state_connection* c = with_replica ? new python_connection<state_connection>(
+                                                      h, history_keep_time, &no_plugins())
+                                                : new python_connection<state_connection>(h);
              release_gil_while_blocking(*c);
              return c;
            }),
@@ -226,34 +255,33 @@ void bind_state(py::module_& m) {
            py::keep_alive<1, 2>())
       .def_property_readonly(
           "state",
-          [](zelcapi::state_connection& c) -> zelcapi::state* {
-            if (c.get_state() == nullptr) return nullptr;
-            return c.get_state_non_const();
+          [](py::object self) -> py::object {
+            if (self.cast<state_connection&>().get_state() == nullptr) return py::none();
+            return py::cast(replica(self));
           },
-          py::return_value_policy::reference_internal, "The replica, or None.")
-      .def("request_new_state", &zelcapi::state_connection::request_new_state,
+          "The replica, or None.")
+      .def("request_new_state", used(&state_connection::request_new_state),
            "Asks for a snapshot; it arrives at new_state inside a later wait or step.")
-      .def("request_new_state_sync", &zelcapi::state_connection::request_new_state_sync,
+      .def("request_new_state_sync", used(&state_connection::request_new_state_sync),
            "Asks for a snapshot and waits until the replica holds it.")
-      .def(
-          "request_history",
-          [](zelcapi::state_connection& c, int type, std::uint32_t request_id,
-             const std::string& client_id, const std::string& state_id,
-             const std::string& submission_id) {
-            const zelcapi::state_item_type kind = item_type(type);
-            if (!client_id.empty()) {
-              c.request_history_items_by_client_id(kind, client_id, request_id);
-            } else if (!state_id.empty()) {
-              c.request_history_items_by_state_id(kind, state_id, request_id);
-            } else if (!submission_id.empty()) {
-              c.request_history_items_by_submission_id(kind, submission_id, request_id);
-            } else {
-              c.request_history_items_by_type(kind, request_id);
-            }
-          },
-          py::arg("type"), py::arg("request_id"), py::arg("client_id") = "",
-          py::arg("state_id") = "", py::arg("submission_id") = "",
-          "Asks for history items; the answer reaches history_reply with request_id.");
+      .def("request_history",
+           used(+[](state_connection& c, int type, std::uint32_t request_id,
+                    const std::string& client_id, const std::string& state_id,
+                    const std::string& submission_id) {
+             const zelcapi::state_item_type kind = item_type(type);
+             if (!client_id.empty()) {
+               c.request_history_items_by_client_id(kind, client_id, request_id);
+             } else if (!state_id.empty()) {
+               c.request_history_items_by_state_id(kind, state_id, request_id);
+             } else if (!submission_id.empty()) {
+               c.request_history_items_by_submission_id(kind, submission_id, request_id);
+             } else {
+               c.request_history_items_by_type(kind, request_id);
+             }
+           }),
+           py::arg("type"), py::arg("request_id"), py::arg("client_id") = "",
+           py::arg("state_id") = "", py::arg("submission_id") = "",
+           "Asks for history items; the answer reaches history_reply with request_id.");
 }
 
 }  // namespace zelpy

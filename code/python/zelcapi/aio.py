@@ -2,7 +2,7 @@
 
 LoopAttachment lets the loop watch a connection's files (add_reader, add_writer) and its
 deadline (call_at), and calls the connection's step when one is due: the library never blocks
-the loop. AsyncStateConnection builds on it: await connect, login and requests, and
+the loop. AsyncStateConnection builds on it: await connect, login, snapshot and requests, and
 ``async for change in connection.changes()``.
 """
 
@@ -10,7 +10,7 @@ from __future__ import annotations
 
 import asyncio
 import collections
-from typing import Any, AsyncIterator, Deque, Dict, NamedTuple, Optional
+from typing import Any, Deque, Dict, NamedTuple, Optional, Union
 
 from . import _zelcapi
 
@@ -92,8 +92,9 @@ class LoopAttachment:
 
 class Change(NamedTuple):
     """One change of the replica: kind is "set", "update", "remove", "historize", "erase",
-    "result", "result-removed" or "workflow"; type the ItemType (None for workflows and
-    results); data the record, the update, the property reference or the command (or None)."""
+    "result", "result-removed", "workflow" (an update-workflow command), "workflow-added" or
+    "workflow-removed"; type the ItemType (None for workflows and results); data the record, the
+    update, the property reference, the command or the workflow (or None)."""
 
     kind: str
     type: Optional[int]
@@ -141,6 +142,12 @@ class _ChangeQueue(_zelcapi.StateHandler):
     def workflow_updated(self, command: dict) -> bool:
         return self._put(Change("workflow", None, str(command.get("state-id", "")), command))
 
+    def workflow_added(self, id: str, workflow: dict) -> bool:
+        return self._put(Change("workflow-added", None, id, workflow))
+
+    def workflow_removed(self, id: str) -> bool:
+        return self._put(Change("workflow-removed", None, id, None))
+
     def new_state(self, state: dict) -> bool:
         if self.new_state_waiter is not None and not self.new_state_waiter.done():
             self.new_state_waiter.set_result(None)
@@ -150,6 +157,10 @@ class _ChangeQueue(_zelcapi.StateHandler):
         self.lost = reason
         if self.wakeup is not None and not self.wakeup.done():
             self.wakeup.set_result(None)
+        # A snapshot awaited on this link will not come.
+        if self.new_state_waiter is not None and not self.new_state_waiter.done():
+            self.new_state_waiter.set_exception(
+                _zelcapi.UnspecifiedError(f"Connection error ({reason})"))
 
 
 def _settle(future: asyncio.Future, reply: Any, error: Optional[BaseException]) -> None:
@@ -194,22 +205,24 @@ class AsyncStateConnection:
             self.connection.disconnect("closed", False)
         self._attachment.close()
 
-    async def connect(self, host: str, port: str, timeout: int = 15) -> _zelcapi.ResultCode:
+    async def connect(self, host: str, port: Union[str, int],
+                      timeout: int = 15) -> _zelcapi.ResultCode:
         """Connects; returns the ResultCode (CONNECTION_OK on success)."""
         future = asyncio.get_running_loop().create_future()
         self._queue.lost = None
-        self.connection.connect_async(host, str(port), timeout,
+        self.connection.connect_async(host, port, timeout,
                                       lambda r: future.done() or future.set_result(r))
         return await future
 
     async def login(self, username: str, password: str, timeout: int = 15,
-                    broadcasts: bool = True) -> dict:
-        """Logs in (following the redirect to the master); returns the reply, which holds
-        "error" when the node refused. Raises UnspecifiedError for transport failures."""
+                    broadcasts: bool = True, id: str = "", io_port: str = "",
+                    storages: Optional[Dict[str, str]] = None) -> dict:
+        """Logs in (following the redirect to the master); returns the reply. A refused login
+        raises LoginError (AccessDenied, NoSuchUser); a transport failure UnspecifiedError."""
         future = asyncio.get_running_loop().create_future()
         self.connection.login_async(username, password, timeout,
                                     lambda reply, error: _settle(future, reply, error),
-                                    broadcasts)
+                                    broadcasts, id, io_port, storages or {})
         return await future
 
     async def request(self, name: str, props: Optional[dict] = None, timeout: int = 15) -> dict:
@@ -221,20 +234,35 @@ class AsyncStateConnection:
         return await future
 
     async def snapshot(self) -> None:
-        """Asks for the master's state and returns once the replica holds it."""
+        """Asks for the master's state and returns once the replica holds it. Raises
+        UnspecifiedError "Connection error (<reason>)" when the link drops first."""
         future = asyncio.get_running_loop().create_future()
         self._queue.new_state_waiter = future
         self.connection.request_new_state()
         await future
 
-    async def changes(self) -> AsyncIterator[Change]:
+    def changes(self) -> "Changes":
         """The replica's changes as they are applied; ends when the link is lost."""
-        queue = self._queue
-        while True:
-            while queue.changes:
-                yield queue.changes.popleft()
-            if queue.lost is not None and not self.connection.is_connected:
-                return
-            queue.wakeup = asyncio.get_running_loop().create_future()
+        return Changes(self)
+
+
+class Changes:
+    """The async iterator of AsyncStateConnection.changes(). A wait for the next change that is
+    cancelled (asyncio.wait_for timing out) leaves it as it was: the next wait gets that change."""
+
+    def __init__(self, owner: AsyncStateConnection) -> None:
+        self._owner = owner
+
+    def __aiter__(self) -> "Changes":
+        return self
+
+    async def __anext__(self) -> Change:
+        queue = self._owner._queue
+        while not queue.changes:
+            if queue.lost is not None and not self._owner.connection.is_connected:
+                raise StopAsyncIteration
+            # A wait cancelled before (wait_for's time-out) left a cancelled future: replaced.
+            if queue.wakeup is None or queue.wakeup.done():
+                queue.wakeup = asyncio.get_running_loop().create_future()
             await queue.wakeup
-            queue.wakeup = None
+        return queue.changes.popleft()
