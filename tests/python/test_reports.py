@@ -3,6 +3,9 @@ the calling thread and from the saver thread alike, and can be sent back to stan
 
 import gc
 import logging
+import sqlite3
+import subprocess
+import sys
 import threading
 
 import pytest
@@ -77,3 +80,29 @@ def test_reports_go_back_to_standard_error_and_to_logging_again(capfd, caplog):
         c.request("cluster.api.state.request")
     assert [r.getMessage() for r in zelcapi_records(caplog)] == ["No connection"]
     assert "No connection" not in capfd.readouterr().err
+
+
+# Exits with a save still writing: the saver thread reports (needing the GIL) while the
+# interpreter exits, and letting go of the connection at the end waits for that save.
+EXITS_WHILE_SAVING = """
+import logging, sys, zelcapi
+logging.basicConfig(level=logging.DEBUG, stream=sys.stdout)
+c = zelcapi.StateConnection(zelcapi.StateHandler())
+c.connect("127.0.0.1", {port}, 5)
+c.login("alice", "secret", 5)
+c.state.load(zelcapi.SQLiteStateDB({path!r}))
+c.request_new_state_sync()
+c.state.save(wait=False)
+"""
+
+
+def test_an_interpreter_that_exits_while_its_replica_saves_ends_cleanly(cluster, tmp_path):
+    sim = cluster("--warm-up", "3000", "--jobs", "2000", "--rate", "100")
+    for run in range(10):
+        path = str(tmp_path / f"state{run}.db")
+        script = EXITS_WHILE_SAVING.format(port=sim.ports[1], path=path)
+        ended = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                               timeout=120)
+        assert ended.returncode == 0, ended.stdout[-2000:] + ended.stderr[-2000:]
+        with sqlite3.connect(path) as saved:
+            assert saved.execute("SELECT count(*) FROM jobs").fetchone()[0] > 0

@@ -3,6 +3,8 @@
 // for the record (a no-op where the thread holds it).
 #include "reports.h"
 
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 #include "callbacks.h"
@@ -26,22 +28,46 @@ int level_of(zelbase::severity s) {
   return 10;                                       // DEBUG
 }
 
-bool interpreter_running() {
-#if PY_VERSION_HEX >= 0x030D0000
-  return Py_IsInitialized() != 0 && Py_IsFinalizing() == 0;
-#else
-  return Py_IsInitialized() != 0 && _Py_IsFinalizing() == 0;
-#endif
-}
+// The interpreter's exit: from then on a thread that reports must not wait for the GIL, since
+// finalization ends such a thread by unwinding it, which a report cannot let pass. The records
+// already on their way end first: the exit waits for them with the GIL released.
+struct exit_gate {
+  std::mutex lock;
+  std::condition_variable ended;
+  bool exiting = false;
+  int on_their_way = 0;
+};
+// Never destroyed: a saver thread may still report while the process ends.
+exit_gate& gate = *new exit_gate;
+
+// Admits one record (false once the interpreter exits) and counts it while it lives.
+class admitted_record {
+ public:
+  admitted_record() {
+    std::lock_guard<std::mutex> hold(gate.lock);
+    admitted_ = !gate.exiting;
+    if (admitted_) ++gate.on_their_way;
+  }
+  ~admitted_record() {
+    if (!admitted_) return;
+    std::lock_guard<std::mutex> hold(gate.lock);
+    if (--gate.on_their_way == 0) gate.ended.notify_all();
+  }
+  admitted_record(const admitted_record&) = delete;
+  admitted_record& operator=(const admitted_record&) = delete;
+  explicit operator bool() const { return admitted_; }
+
+ private:
+  bool admitted_ = false;
+};
 
 // One record on the logger, if the logger takes its level: a report's (with its source file and
 // line, kind and severity) or a debug print's (`report` null; kind and severity None). What
 // logging raises is printed as unraisable: a report never fails the library's call.
 void log(int level, const std::string& category, const std::string& message,
          const zelcore::report_record* report) {
-  // Past the interpreter's end nothing can be logged (the exit restores the standard error
-  // lines; only a record already on its way is lost).
-  if (!interpreter_running()) return;
+  const admitted_record admitted;
+  if (!admitted) return;
   gil_for_callback gil;
   try {
     const py::object& logger = *the_logger;
@@ -74,6 +100,19 @@ void to_stderr() {
   zelcore::ds::set_print_sink({});
 }
 
+// At the interpreter's exit (called with the GIL): the standard error lines are back, and the
+// records on their way get the GIL to end before the interpreter finalizes.
+void at_exit() {
+  {
+    std::lock_guard<std::mutex> hold(gate.lock);
+    gate.exiting = true;
+  }
+  to_stderr();
+  py::gil_scoped_release unlocked;
+  std::unique_lock<std::mutex> hold(gate.lock);
+  gate.ended.wait(hold, [] { return gate.on_their_way == 0; });
+}
+
 }  // namespace
 
 void bind_reports(py::module_& m) {
@@ -85,7 +124,7 @@ void bind_reports(py::module_& m) {
         "Sends them back to the library's own standard error lines (reports of warning and "
         "above; no debug prints).");
   to_logging();
-  py::module_::import("atexit").attr("register")(py::cpp_function(&to_stderr));
+  py::module_::import("atexit").attr("register")(py::cpp_function(&at_exit));
 }
 
 }  // namespace zelpy
