@@ -131,6 +131,24 @@ TEST(UvAttachment, ARaisingCallbackIsKeptAndTheRestOfTheBufferComesNextRun) {
   EXPECT_EQ(h.received[1].get_name(), "test.second");
 }
 
+TEST(UvAttachment, AHandlerRaisingEveryNthChangeLeavesTheReplicaEqualToTheMaster) {
+  zeltest::still_clock clock;
+  zelsim::cluster sim(zeltest::seeded_workload(19, 300));
+  sim.start();
+  loop_fixture l;
+  zeltest::raising_follower f(97);
+  zelcapi::uv_attachment attached(&l.loop, f.c);
+  int raised = 0;
+  zeltest::expect_convergence_in_loop(
+      sim, f,
+      [&](const std::function<bool()>& done, std::chrono::milliseconds limit) {
+        return l.run_until(attached, done, limit, &raised);
+      },
+      10000);
+  EXPECT_GT(f.raised, 10u);
+  EXPECT_EQ(static_cast<std::uint64_t>(raised), f.raised);
+}
+
 TEST(UvAttachment, ASecondAttachmentToTheSameConnectionIsRefused) {
   loop_fixture l;
   zeltest::expect_one_attachment_at_a_time<zelcapi::uv_attachment>(

@@ -50,6 +50,33 @@ bool applied_or_reported(Apply apply) {
   return true;
 }
 
+// Makes a replica change while a handler's exception is on its way out: a library failure of
+// the change is reported as any other, and the handler's exception is the one that passes on.
+template <class Apply>
+void apply_before_rethrow(Apply apply) {
+  applied_or_reported([&] {
+    apply();
+    return true;
+  });
+}
+
+// For the notifications whose handler call comes first: runs `tell` (the handler), then `apply`
+// (the replica's change), and returns what the handler answered. What the handler raises passes
+// on only once the replica has the change, so that a failing handler never leaves the replica
+// behind the cluster.
+template <class Tell, class Apply>
+bool told_then_applied(Tell tell, Apply apply) {
+  bool answer = true;
+  try {
+    answer = tell();
+  } catch (...) {
+    apply_before_rethrow(apply);
+    throw;
+  }
+  apply();
+  return answer;
+}
+
 // The "item-type" field. Every int goes on to the handler and the state, which is the one
 // place that refuses a kind it does not have; a value that is no int at all is refused here,
 // since cutting it to 32 bits could make it name a kind.
@@ -265,9 +292,10 @@ bool state_connection::_drop_item(const zelcore::properties& fields, drop_operat
                                   drop_callback told) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
-  const bool result = (state_handler_->*told)(type, id);
-  if (state_) (state_.get()->*drop)(type, id);
-  return result;
+  return told_then_applied([&] { return (state_handler_->*told)(type, id); },
+                           [&] {
+                             if (state_) (state_.get()->*drop)(type, id);
+                           });
 }
 
 bool state_connection::_update_item(const zelcore::properties& fields) {
@@ -286,9 +314,11 @@ bool state_connection::_erase_property_ref(const zelcore::properties& fields) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
   const std::string& ref = fields.get_string_value("property-ref");
-  const bool result = state_handler_->state_item_erased_property_ref(type, id, ref);
-  if (state_) state_->item_erase_property_ref(type, id, ref);
-  return result;
+  return told_then_applied(
+      [&] { return state_handler_->state_item_erased_property_ref(type, id, ref); },
+      [&] {
+        if (state_) state_->item_erase_property_ref(type, id, ref);
+      });
 }
 
 bool state_connection::_historize_item(const zelcore::properties& fields) {
@@ -304,9 +334,10 @@ bool state_connection::_update_workflow_result(const zelcore::properties& fields
 
 bool state_connection::_remove_workflow_result(const zelcore::properties& fields) {
   const std::string& id = state_id_of(fields);
-  const bool result = state_handler_->state_workflow_result_removed(id);
-  if (state_) state_->workflow_result_remove(id);
-  return result;
+  return told_then_applied([&] { return state_handler_->state_workflow_result_removed(id); },
+                           [&] {
+                             if (state_) state_->workflow_result_remove(id);
+                           });
 }
 
 bool state_connection::_add_workflow(const zelcore::properties& fields) {
@@ -320,8 +351,20 @@ bool state_connection::_remove_workflow(const zelcore::properties& fields) {
 
 bool state_connection::_update_workflow(const zelcore::properties& fields) {
   const zelcore::properties& command = fields.get_properties_value("command");
-  if (!state_handler_->state_pre_workflow_update(command)) return false;
-  if (state_) state_->update_workflow(command);
+  const auto apply = [&] {
+    if (state_) state_->update_workflow(command);
+  };
+  bool go_on = true;
+  try {
+    go_on = state_handler_->state_pre_workflow_update(command);
+  } catch (...) {
+    // Raising is no veto: the command is applied, state_workflow_updated is skipped (the
+    // handler is failing), and what the call raised passes on.
+    apply_before_rethrow(apply);
+    throw;
+  }
+  if (!go_on) return false;
+  apply();
   return state_handler_->state_workflow_updated(command);
 }
 

@@ -26,6 +26,12 @@ namespace zelcapi {
 // are valid only during the call. Each bool operation returns whether processing goes on: only
 // state_pre_workflow_update is consulted so (false vetoes the update); the others' answer
 // becomes the result of the packet's handling. Every default returns true.
+//
+// A callback that raises never leaves the replica behind the cluster: the notification's
+// change to the replica is made first, also where the handler is called before it, and then
+// the exception passes on (out of run, wait or step; an es::base of the library's own is
+// reported instead). A raising state_pre_workflow_update is no veto: the command is applied
+// and state_workflow_updated is not called.
 class ZELCAPI_EXPORT state_handler {
  public:
   virtual ~state_handler();
