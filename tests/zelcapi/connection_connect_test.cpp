@@ -247,7 +247,7 @@ void expect_dropped_with(const std::string& bytes, bool then_close, const std::s
   ASSERT_EQ(prints.size(), 1u);
   EXPECT_EQ(prints[0].category, "zelcapi::connection:error");
   EXPECT_EQ(prints[0].text, "link dropped: " + reason);
-  EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   zelnet::zelp::packet ping(2, "echo");
   ping.get_properties().set_int_value("n", 7);
   EXPECT_EQ(c.send_sync(ping, 5).get_properties().get_int_value("n"), 7);

@@ -63,4 +63,14 @@ class test_cluster : public zelsim::cluster {
   }
 };
 
+// Connects `c` to `node` and logs in as alice: a master serves requests other than logins and
+// the cluster status only to a link whose login succeeded. The handler hears "status 1 '' 0"
+// and "status 5 '<master id>' 1".
+inline void connect_and_log_in(zelcapi::connection& c, const test_cluster& sim,
+                               std::size_t node = 1) {
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(node), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+}
+
 }  // namespace zeltest

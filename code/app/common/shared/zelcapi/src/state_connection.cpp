@@ -3,6 +3,8 @@
 #include "zelcapi/state_connection.h"
 
 #include <limits>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <typeinfo>
 
@@ -93,6 +95,17 @@ state_item_type item_type_of(const zelcore::properties& fields) {
 
 const std::string& state_id_of(const zelcore::properties& fields) {
   return fields.get_string_value(state_id_key);
+}
+
+// The cluster's text when a reply refuses its request: its "error" as plain text.
+std::optional<std::string> refusal_of(const zelcore::properties& reply) {
+  const zelcore::property_ptr error = reply.get_property("error");
+  if (!error) return std::nullopt;
+  return error->to_string();
+}
+
+std::string state_request_failed(const std::string& refusal) {
+  return zelbase::string_with_format("%s failed ('%s')", state_request_name, refusal.c_str());
 }
 
 state_handler* required_handler(state_handler* h) {
@@ -380,6 +393,10 @@ bool state_connection::handle_reply(const packet& in, packet& out) {
 }
 
 bool state_connection::_state_reply(const zelcore::properties& fields) {
+  if (const std::optional<std::string> refusal = refusal_of(fields)) {
+    report_failure(__LINE__, state_request_failed(*refusal));
+    return true;
+  }
   const zelcore::properties* snapshot = fields.get_properties_value_ptr(state_key);
   if (snapshot == nullptr) return true;
   if (state_) state_->set_state(*snapshot);
@@ -410,6 +427,10 @@ void state_connection::request_new_state_sync() {
   const packet reply = send_sync(packet(packet::type_request, state_request_name));
   packet out;
   sc_handle(reply, out);
+  // The refusal was reported; the caller, who waited for a snapshot, hears of it as well.
+  if (const std::optional<std::string> refusal = refusal_of(reply.get_properties())) {
+    zelbase::es::uspec::raise(source_file, __LINE__, state_request_failed(*refusal));
+  }
 }
 
 void state_connection::_request_history(const char* key, const std::string& id,
