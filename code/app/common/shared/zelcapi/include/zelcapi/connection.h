@@ -165,7 +165,7 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // Sends `p` and lets the I/O run once (1 ms). A reply still awaited by send_sync becomes an
   // unsolicited packet. Raises es::uspec "No connection".
   void send(const zelnet::zelp::packet& p);
-  // Sends `p` only (bytes the socket does not take at once leave at the next wait or run).
+  // Sends `p` only (bytes the socket does not take at once leave at the next wait, run or step).
   void send_no_wait(const zelnet::zelp::packet& p);
   // Sends `p` and waits up to `timeout` seconds for the reply of the same name. Raises
   // es::uspec "No connection", "Connection timeout" (the connection stays; a late reply is
@@ -191,9 +191,9 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
  private:
   friend class connection_impl;
 
-  // Called inside wait() or run() before a packet goes to the handler, when the packet after it
-  // has arrived whole and been decoded too: a hint for a subclass to start early on what that
-  // packet will touch (fetching it into cache). It must change nothing that the packet handled
+  // Called inside wait(), run() or step() before a packet goes to the handler, when the packet
+  // after it has arrived whole and been decoded too: a hint for a subclass to start early on what
+  // that packet will touch (fetching it into cache). It must change nothing that the packet handled
   // first could see. The default does nothing.
   virtual void packet_ahead(const zelnet::zelp::packet& next) noexcept;
 

@@ -3,8 +3,9 @@
 // application of every change through a state_handler.
 //
 // Threads: like every connection it starts no thread. The state_handler is called, and the
-// replica changed, on the thread that is inside run, wait or one of the synchronous calls
-// (connect, login_sync, send_sync, request_new_state_sync). Use it from one thread at a time.
+// replica changed, on the thread that is inside run, wait, step (an event loop's) or one of the
+// synchronous calls (connect, login_sync, send_sync, request_new_state_sync). Use it from one
+// thread at a time.
 #pragma once
 
 #include <cstddef>
