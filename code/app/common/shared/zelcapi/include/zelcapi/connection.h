@@ -204,18 +204,29 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   void _post_connect_end();
   void _connect_ended(std::uint64_t id);
   void _finish_connect(result_code result);
-  // The steps of login_async; each one that raises ends the login with what it raised.
+  // The asynchronous login: its phases and their transitions are listed in login.cpp, and
+  // _login_on is where an event moves the login `id` on (if it is still the current one).
+  enum class login_event : std::uint8_t;
+  void _login_on(std::uint64_t id, login_event event, result_code connected = connection_ok);
+  // Runs `step` for the login `id` if it is still the current one; a step that raises ends the
+  // login with what it raised.
+  void _login_step(std::uint64_t id, const std::function<void()>& step);
+  // The steps, each run by _login_on in its phase.
   void _login_send();
-  void _exchange_replied();
-  void _login_replied(std::uint64_t id);
+  void _login_answered();
   void _login_handle_reply();
-  void _login_retry();
+  void _login_reconnect();
+  void _login_reconnected(result_code result);
   void _login_redirect(const std::string& hostname, const std::string& client_port);
-  void _login_finish(std::exception_ptr error);
+  void _login_redirected(result_code result);
   // The reply did not come in time, or the retries used the time-out up.
   void _login_timed_out();
-  // Runs `step` for the login `id` if it is still the current one.
-  void _login_step(std::uint64_t id, const std::function<void()>& step);
+  void _login_finish(std::exception_ptr error);
+  // The login's timer: the event `timer` after `delay`; a connect that ends in `connected`.
+  void _login_after(std::chrono::seconds delay);
+  void _login_connect(std::string host, std::string port);
+  // The sync slot took a reply: the login awaiting it goes on.
+  void _exchange_replied();
   // A reply for a request of send_async: ends it and returns true.
   bool _take_reply(const zelnet::zelp::packet& in);
   // The link ended: the operations that needed it end after the current callback.
