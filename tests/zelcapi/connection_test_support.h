@@ -21,6 +21,7 @@ class recording_handler : public zelcapi::handler {
   }
   void disconnected(const std::string& reason, bool reconnecting) override {
     events.push_back("disconnected '" + reason + "' " + (reconnecting ? "1" : "0"));
+    if (on_disconnected) on_disconnected();
   }
   bool handle(const zelnet::zelp::packet& in, zelnet::zelp::packet& out) override {
     events.push_back("handle " + std::to_string(in.get_type()) + " " + in.get_name());
@@ -33,6 +34,7 @@ class recording_handler : public zelcapi::handler {
   std::vector<zelnet::zelp::packet> received;
   std::function<bool(zelcapi::result_code)> answer;
   std::function<void(const zelnet::zelp::packet&, zelnet::zelp::packet&)> on_packet;
+  std::function<void()> on_disconnected;
 };
 
 // Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".

@@ -59,7 +59,8 @@ class ZELCAPI_EXPORT handler {
   // A status change. The result is consulted only during a login, where false stops the
   // login from retrying or redirecting. Default: true.
   virtual bool status(result_code code, const std::string& text, bool flag);
-  // The link has gone. Default: a debug print in "zelcapi::handler:error".
+  // The link has gone. Default: a debug print in "zelcapi::handler:error". What this (or the
+  // status call before it) raises passes on once the link is destroyed and its socket closed.
   virtual void disconnected(const std::string& reason, bool reconnecting);
   // A packet that is not the reply of a pending synchronous request; a packet left in `out`
   // with a name is sent back. Default: ignores it and returns true.
