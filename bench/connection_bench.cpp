@@ -77,11 +77,17 @@ void BM_send_sync_echo_zelsim(benchmark::State& state) {
   zelsim::options o;
   o.nodes = 1;
   o.log = false;
+  o.users = {{"bench", "bench"}};
   zelsim::cluster sim(o);
   sim.start();
   zelcapi::connection c;
   if (c.connect("127.0.0.1", std::to_string(sim.port(1)), 5) != zelcapi::connection_ok) {
     state.SkipWithError("cannot connect to zelsim");
+    return;
+  }
+  // The master serves requests only to a link that logged in.
+  if (c.login_sync("bench", "bench", "", "", 5, false).get_properties().is_present("error")) {
+    state.SkipWithError("cannot log in to zelsim");
     return;
   }
   const packet request = echo_request();

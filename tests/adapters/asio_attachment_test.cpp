@@ -4,11 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <optional>
 #include <stdexcept>
 
+#include "support/attachment_checks.h"
 #include "support/loop_convergence.h"
 #include "support/two_notifications.h"
 #include "zelcapi/connection_test_support.h"
@@ -99,6 +103,33 @@ TEST(AsioAttachment, ARaisingCallbackLeavesTheRestOfTheBufferToTheNextRun) {
       io, [&] { return h.received.size() == 2; }, 10s, [&](std::exception_ptr) { ++raised; }));
   EXPECT_EQ(raised, 1);
   EXPECT_EQ(h.received[1].get_name(), "test.second");
+}
+
+TEST(AsioAttachment, ASecondAttachmentToTheSameConnectionIsRefused) {
+  boost::asio::io_context io;
+  zeltest::expect_one_attachment_at_a_time<zelcapi::asio_attachment>(
+      [&io](std::optional<zelcapi::asio_attachment>& slot, zelnet::ioctrl& c) {
+        slot.emplace(io, c);
+      },
+      [&io](zelcapi::asio_attachment&, const std::function<bool()>& done,
+            std::chrono::milliseconds limit) { return run_until(io, done, limit); });
+}
+
+TEST(AsioAttachment, AFileTheIoContextCannotWatchIsReportedAsTheLibrarysError) {
+  boost::asio::io_context io;
+  zelnet::ioctrl controller(4096);
+  zelcapi::asio_attachment attached(io, controller);
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+  // The application's io_context watches the descriptor already, for a purpose of its own.
+  boost::asio::posix::stream_descriptor own(io, fds[0]);
+  zeltest::idle_file_handler h;
+  zeltest::expect_watch_refused(
+      controller, zelbase::file(fds[0]), h,
+      "cannot watch descriptor " + std::to_string(fds[0]) + " in the io_context: File exists");
+  own.release();
+  controller.clear();
+  ::close(fds[1]);
 }
 
 }  // namespace

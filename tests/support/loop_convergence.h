@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 #include "support/seeded_workload.h"
 #include "zelbase/time.h"
@@ -65,6 +67,43 @@ class loop_follower : public zelcapi::state_handler {
     ++changes;
     return true;
   }
+};
+
+// A follower whose handler fails as an application's may: every `every`-th call of the
+// callbacks that come before the replica's change (an item removed, a property erased, an item
+// historized, a result removed, the question before a workflow command) raises
+// std::runtime_error. The replica must still end equal to the master.
+class raising_follower : public loop_follower {
+ public:
+  explicit raising_follower(std::uint64_t every) : every_(every) {}
+
+  bool state_item_removed(zelcapi::state_item_type t, const std::string& id) override {
+    loop_follower::state_item_removed(t, id);
+    return maybe_raise();
+  }
+  bool state_item_erased_property_ref(zelcapi::state_item_type, const std::string&,
+                                      const std::string&) override {
+    return maybe_raise();
+  }
+  bool state_item_historized(zelcapi::state_item_type t, const std::string& id) override {
+    loop_follower::state_item_historized(t, id);
+    return maybe_raise();
+  }
+  bool state_workflow_result_removed(const std::string&) override { return maybe_raise(); }
+  bool state_pre_workflow_update(const zelcore::properties&) override { return maybe_raise(); }
+
+  // The calls that raised.
+  std::uint64_t raised = 0;
+
+ private:
+  bool maybe_raise() {
+    if (++calls_ % every_ != 0) return true;
+    ++raised;
+    throw std::runtime_error("the application's handler failed");
+  }
+
+  std::uint64_t every_;
+  std::uint64_t calls_ = 0;
 };
 
 // Connects, logs in and takes a snapshot through the asynchronous calls, lets the cluster make

@@ -2,7 +2,10 @@
 // peers, against a simulated cluster on loopback.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <chrono>
+#include <stdexcept>
 
 #include "support/capture_sink.h"
 #include "support/raw_peer.h"
@@ -120,6 +123,23 @@ TEST(Connection, PeerCloseReportsConnectionClosed) {
             (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
   // A clean close between frames is no failure of the link: no debug line.
   EXPECT_TRUE(sink.prints().empty());
+}
+
+TEST(Connection, AHandlerThatRaisesWhenTheLinkEndsLeavesTheLinkClosed) {
+  test_cluster sim;
+  recording_handler h;
+  h.on_disconnected = [] { throw std::runtime_error("application error"); };
+  zelcapi::connection c(&h);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  const int descriptor = c.watched_files().at(0).descriptor;
+  sim.close_links(1);
+  EXPECT_THROW(c.wait(5000), std::runtime_error);
+  EXPECT_FALSE(c.is_connected());
+  EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+  EXPECT_EQ(h.events,
+            (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  h.on_disconnected = nullptr;
+  EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
 }
 
 TEST(Connection, RefusedProtocolVersionGivesServerVersion) {
@@ -247,7 +267,7 @@ void expect_dropped_with(const std::string& bytes, bool then_close, const std::s
   ASSERT_EQ(prints.size(), 1u);
   EXPECT_EQ(prints[0].category, "zelcapi::connection:error");
   EXPECT_EQ(prints[0].text, "link dropped: " + reason);
-  EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   zelnet::zelp::packet ping(2, "echo");
   ping.get_properties().set_int_value("n", 7);
   EXPECT_EQ(c.send_sync(ping, 5).get_properties().get_int_value("n"), 7);

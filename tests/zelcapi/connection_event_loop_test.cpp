@@ -51,6 +51,17 @@ zelcapi::result_code connect_in(poll_loop& loop, zelcapi::connection& c, const s
   return result.value_or(zelcapi::connection_failed);
 }
 
+// Logs `c` in as alice inside `loop`: a master serves requests other than logins and the
+// cluster status only to a link whose login succeeded.
+void log_in(poll_loop& loop, zelcapi::connection& c) {
+  exchange login;
+  c.login_async(zelcapi::connection::login_request("alice", "secret", {}, "", "", false), 5,
+                login.callback());
+  ASSERT_TRUE(loop.run_until([&] { return login.ended; }, 10s));
+  ASSERT_EQ(login.error, "");
+  ASSERT_FALSE(login.reply.get_properties().is_present("error"));
+}
+
 TEST(EventLoop, ConnectAndLoginWithRedirectAndNotReadyRetryNeverBlockTheLoop) {
   test_cluster sim(3, 2);
   sim.set_not_ready(2, 500ms);
@@ -111,6 +122,7 @@ TEST(EventLoop, RequestsInFlightEndInTheOrderOfTheirReplies) {
   zelcapi::connection c;
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
   std::vector<exchange> replies(3);
   for (int n = 0; n < 3; ++n) {
     packet request(packet::type_request, "test.echo");
@@ -132,6 +144,7 @@ TEST(EventLoop, ARequestTimesOutFromTheDeadlineAndItsLateReplyGoesToTheHandler) 
   zelcapi::connection c(&h);
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
   exchange silent;
   c.send_async(packet(packet::type_request, "test.silent"), 1, silent.callback());
   const auto start = std::chrono::steady_clock::now();
@@ -151,6 +164,7 @@ TEST(EventLoop, ALostLinkEndsEveryRequestWithAConnectionError) {
   zelcapi::connection c;
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
   exchange first, second;
   c.send_async(packet(packet::type_request, "test.silent"), 5, first.callback());
   c.send_async(packet(packet::type_request, "test.drop"), 5, second.callback());
@@ -245,6 +259,7 @@ TEST(EventLoop, OutputTheSocketDidNotTakeAskedForWritableAndTheLoopFlushesIt) {
   zelcapi::connection c;
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
   const int changes_before = loop.watch_changes;
   packet request(packet::type_request, "test.big");
   request.get_properties().set_string_value("blob", std::string(32 << 20, 'x'));

@@ -34,7 +34,7 @@ TEST(SendSync, ReturnsTheReplyOfTheSameName) {
   test_cluster sim(1, 1);
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   const packet& reply = c.send_sync(request("echo", 42), 5);
   EXPECT_EQ(reply.get_type(), 4);
   EXPECT_EQ(reply.get_name(), "echo");
@@ -42,7 +42,7 @@ TEST(SendSync, ReturnsTheReplyOfTheSameName) {
   EXPECT_EQ(&reply, &c.get_sync_packet());
   c.set_timeout(5);
   EXPECT_EQ(c.send_sync(request("echo", 43)).get_properties().get_int_value("n"), 43);
-  EXPECT_EQ(h.events, (events{"status 1 '' 0"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1"}));
 }
 
 TEST(SendSync, BounceTreeComesBackInTheReply) {
@@ -80,7 +80,7 @@ TEST(SendSync, TimeOutRaisesAndKeepsTheConnection) {
   test_cluster sim(1, 1);
   install_hold(sim);
   zelcapi::connection c;
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   zeltest::capture_sink sink;
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
   const auto reports = sink.reports();
@@ -99,7 +99,7 @@ TEST(SendSync, LateReplyIsTakenAtTheNextWait) {
   install_hold(sim);
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
   packet late(4, "hold");
   late.get_properties().set_string_value("late", "yes");
@@ -107,7 +107,7 @@ TEST(SendSync, LateReplyIsTakenAtTheNextWait) {
   EXPECT_TRUE(c.wait(5000));
   EXPECT_EQ(c.get_sync_packet().get_type(), 4);
   EXPECT_EQ(c.get_sync_packet().get_properties().get_string_value("late"), "yes");
-  EXPECT_EQ(h.events, (events{"status 1 '' 0"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1"}));
 }
 
 TEST(SendSync, ReplyWithAnotherNameGoesToTheHandler) {
@@ -119,11 +119,11 @@ TEST(SendSync, ReplyWithAnotherNameGoesToTheHandler) {
   });
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   const packet& reply = c.send_sync(request("ask", 1), 5);
   EXPECT_EQ(reply.get_name(), "ask");
   EXPECT_EQ(reply.get_properties().get_string_value("answer"), "yes");
-  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 4 other"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1", "handle 4 other"}));
 }
 
 TEST(SendSync, NotificationOfTheSameNameIsNotTheReply) {
@@ -135,9 +135,9 @@ TEST(SendSync, NotificationOfTheSameNameIsNotTheReply) {
   });
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   EXPECT_EQ(c.send_sync(request("ask", 1), 5).get_type(), 4);
-  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 3 ask"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1", "handle 3 ask"}));
 }
 
 TEST(SendSync, LinkLostRaisesConnectionError) {
@@ -145,12 +145,12 @@ TEST(SendSync, LinkLostRaisesConnectionError) {
   sim.drop_links_on("drop");
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   zeltest::capture_sink sink;
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("drop", 1), 5); }), "Connection error");
   EXPECT_FALSE(c.is_connected());
-  EXPECT_EQ(h.events,
-            (events{"status 1 '' 0", "status 16 '' 0", "disconnected 'Connection Closed' 0"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1", "status 16 '' 0",
+                              "disconnected 'Connection Closed' 0"}));
   ASSERT_FALSE(sink.reports().empty());
   EXPECT_EQ(sink.reports().back().message, "Connection error");
   EXPECT_EQ(sink.reports().back().record_severity, 4u);
@@ -161,13 +161,13 @@ TEST(Send, WhileASyncReplyIsOutstandingTheReplyGoesToTheHandler) {
   install_hold(sim);
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
   c.send(packet(3, "note"));
   h.on_packet = [&c](const packet&, packet&) { c.abort(); };
   sim.broadcast(packet(4, "hold"));
   EXPECT_TRUE(c.wait(5000));
-  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 4 hold"}));
+  EXPECT_EQ(h.events, (events{"status 1 '' 0", "status 5 'node-1' 1", "handle 4 hold"}));
   EXPECT_EQ(c.get_sync_packet().get_type(), 2);
 }
 
@@ -175,7 +175,7 @@ TEST(Send, SendNoWaitDeliversAndRepliesReachTheHandler) {
   test_cluster sim(1, 1);
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   h.on_packet = [&c](const packet&, packet&) { c.abort(); };
   c.send_no_wait(request("echo", 5));
   EXPECT_TRUE(c.wait(5000));
@@ -207,7 +207,7 @@ TEST(Send, HandlerOutPacketIsSentBack) {
   recording_handler h;
   h.on_packet = [](const packet&, packet& out) { out = request("pong", 9); };
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   sim.broadcast(packet(3, "ping"));
   EXPECT_FALSE(c.wait(300));
   // The pong is answered with nothing, so an echo round trip proves it arrived first.
@@ -239,7 +239,7 @@ TEST(Run, LateReplyTakenWhileRunningDoesNotStopDelivery) {
   install_hold(sim);
   recording_handler h;
   zelcapi::connection c(&h);
-  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_NO_FATAL_FAILURE(zeltest::connect_and_log_in(c, sim));
   EXPECT_EQ(uspec_message([&] { c.send_sync(request("hold", 1), 1); }), "Connection timeout");
   volatile bool stop = false;
   // "last" is sent only once "tick" is in, so it arrives in a later read of the run.
@@ -251,7 +251,8 @@ TEST(Run, LateReplyTakenWhileRunningDoesNotStopDelivery) {
   sim.broadcast(packet(3, "tick"));
   c.run(stop);
   EXPECT_EQ(c.get_sync_packet().get_type(), 4);
-  EXPECT_EQ(h.events, (events{"status 1 '' 0", "handle 3 tick", "handle 3 last"}));
+  EXPECT_EQ(h.events,
+            (events{"status 1 '' 0", "status 5 'node-1' 1", "handle 3 tick", "handle 3 last"}));
 }
 
 }  // namespace

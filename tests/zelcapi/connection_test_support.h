@@ -21,6 +21,7 @@ class recording_handler : public zelcapi::handler {
   }
   void disconnected(const std::string& reason, bool reconnecting) override {
     events.push_back("disconnected '" + reason + "' " + (reconnecting ? "1" : "0"));
+    if (on_disconnected) on_disconnected();
   }
   bool handle(const zelnet::zelp::packet& in, zelnet::zelp::packet& out) override {
     events.push_back("handle " + std::to_string(in.get_type()) + " " + in.get_name());
@@ -33,6 +34,7 @@ class recording_handler : public zelcapi::handler {
   std::vector<zelnet::zelp::packet> received;
   std::function<bool(zelcapi::result_code)> answer;
   std::function<void(const zelnet::zelp::packet&, zelnet::zelp::packet&)> on_packet;
+  std::function<void()> on_disconnected;
 };
 
 // Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".
@@ -62,5 +64,15 @@ class test_cluster : public zelsim::cluster {
     });
   }
 };
+
+// Connects `c` to `node` and logs in as alice: a master serves requests other than logins and
+// the cluster status only to a link whose login succeeded. The handler hears "status 1 '' 0"
+// and "status 5 '<master id>' 1".
+inline void connect_and_log_in(zelcapi::connection& c, const test_cluster& sim,
+                               std::size_t node = 1) {
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(node), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+}
 
 }  // namespace zeltest

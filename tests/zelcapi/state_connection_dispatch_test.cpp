@@ -162,6 +162,9 @@ TEST(StateConnectionDispatch, AnAnswerLeftByHandleGoesBackToTheCluster) {
   } answering;
   probe_state_connection c(&answering);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  // The master serves the answer's request only to a link that logged in.
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, true).get_properties().is_present("error"));
   sim.broadcast(packet(packet::type_request, "question", one_field("n", 3)));
   for (int i = 0; i < 500 && seen == 0; ++i) c.wait(10);
   EXPECT_EQ(seen, 3);

@@ -6,19 +6,20 @@
 
 #include "support/capture_sink.h"
 #include "zelcapi/state_connection_test_support.h"
-#include "zelworkflow/workflow_info.h"
 
 namespace {
 
 using zelcapi::state_item_job;
 using zelcapi::state_item_node;
 using zelnet::zelp::packet;
+using zeltest::add_workflow_command;
 using zeltest::item_fields;
 using zeltest::notification;
 using zeltest::one_field;
 using zeltest::small_snapshot;
 using zeltest::state_connection_failures;
 using zeltest::StateConnectionTest;
+using zeltest::update_workflow;
 using lines = std::vector<std::string>;
 
 packet set_item(std::int64_t type, const std::string& id, const zelcore::properties& state) {
@@ -45,24 +46,6 @@ packet workflow_result(const std::string& what, const std::string& id,
   fields.set_string_value("state-id", id);
   if (result != nullptr) fields.set_properties_value("result", *result);
   return notification("cluster.api.state." + what, fields);
-}
-
-packet update_workflow(const zelcore::properties& command) {
-  zelcore::properties fields;
-  fields.set_properties_value("command", command);
-  return notification("cluster.api.state.update-workflow", fields);
-}
-
-zelcore::properties add_workflow_command(const std::string& id) {
-  zelworkflow::workflow_info workflow;
-  workflow.set_type(zelworkflow::workflow_info::workflow_type_init);
-  zelcore::properties encoded;
-  workflow.encode_workflow_info(encoded);
-  zelcore::properties command;
-  command.set_string_value("action", "add-workflow");
-  command.set_string_value("state-id", id);
-  command.set_properties_value("workflow", encoded);
-  return command;
 }
 
 zelcore::properties remove_workflow_command(const std::string& id) {

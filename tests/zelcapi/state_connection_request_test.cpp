@@ -153,6 +153,8 @@ TEST(StateConnectionWithoutReplica, ASnapshotReplyOnlyCallsStateNewState) {
   recording_state_handler h;
   zelcapi::state_connection c(&h);
   ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, true).get_properties().is_present("error"));
   h.calls.clear();
   c.request_new_state_sync();
   EXPECT_EQ(h.calls, lines{"new-state " + small_snapshot().describe()});
@@ -171,6 +173,29 @@ TEST(StateConnectionRequests, WithoutConnectionRaiseNoConnection) {
   EXPECT_EQ(no_connection([&] { c.request_history_items_by_type(state_item_job, 1); }),
             "No connection");
   EXPECT_EQ(h.calls, lines{});
+}
+
+// A master serves no snapshot to a link without a successful login: the synchronous request
+// raises the cluster's text, the asynchronous one reports it, and the replica stays as it was.
+TEST(StateConnectionRequests, ASnapshotRefusedForWantOfALoginRaisesTheClustersText) {
+  test_cluster sim(1, 1);
+  recording_state_handler h;
+  zelcore::plugin_db plugins;
+  zelcapi::state_connection c(&h, 0, &plugins);
+  ASSERT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+  EXPECT_TRUE(c.login_sync("alice", "wrong", "", "", 5, true).get_properties().is_present("error"));
+  h.calls.clear();
+  zeltest::capture_sink sink;
+  const std::string refused = "cluster.api.state.request failed ('Not logged in')";
+  EXPECT_EQ(zeltest::raised_message<zelbase::es::uspec>([&] { c.request_new_state_sync(); }),
+            refused);
+  EXPECT_EQ(state_connection_failures(sink), lines{refused});
+  c.request_new_state();
+  for (int i = 0; i < 500 && state_connection_failures(sink).size() < 2; ++i) c.wait(10);
+  EXPECT_EQ(state_connection_failures(sink), (lines{refused, refused}));
+  EXPECT_EQ(h.calls, lines{});
+  EXPECT_TRUE(c.get_state()->get_items(state_item_job).empty());
+  EXPECT_TRUE(c.is_connected());
 }
 
 TEST_F(StateConnectionTest, RequestNewStateSyncRaisesTheTimeOut) {

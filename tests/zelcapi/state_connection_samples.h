@@ -36,6 +36,31 @@ inline zelcore::properties item_fields(std::int64_t type, const std::string& id,
   return p;
 }
 
+// An empty init workflow, encoded as a snapshot and an "add-workflow" command carry it.
+inline zelcore::properties empty_init_workflow() {
+  zelworkflow::workflow_info workflow;
+  workflow.set_type(zelworkflow::workflow_info::workflow_type_init);
+  zelcore::properties encoded;
+  workflow.encode_workflow_info(encoded);
+  return encoded;
+}
+
+// The "add-workflow" command of an empty workflow `id`.
+inline zelcore::properties add_workflow_command(const std::string& id) {
+  zelcore::properties command;
+  command.set_string_value("action", "add-workflow");
+  command.set_string_value("state-id", id);
+  command.set_properties_value("workflow", empty_init_workflow());
+  return command;
+}
+
+// "cluster.api.state.update-workflow" carrying `command`.
+inline zelnet::zelp::packet update_workflow(const zelcore::properties& command) {
+  zelcore::properties fields;
+  fields.set_properties_value("command", command);
+  return notification("cluster.api.state.update-workflow", fields);
+}
+
 // Jobs j1 {"a":1} and j2 {"a":2}, node n1 {"cores":8}, the result {"st":3} of WOFL-2 and an
 // empty init workflow WOFL-1.
 inline zelcore::properties small_snapshot() {
@@ -46,12 +71,8 @@ inline zelcore::properties small_snapshot() {
   nodes.set_properties_value("n1", one_field("cores", 8));
   zelcore::properties results;
   results.set_properties_value("WOFL-2", one_field("st", 3));
-  zelworkflow::workflow_info workflow;
-  workflow.set_type(zelworkflow::workflow_info::workflow_type_init);
-  zelcore::properties encoded;
-  workflow.encode_workflow_info(encoded);
   zelcore::properties workflows;
-  workflows.set_properties_value("WOFL-1", encoded);
+  workflows.set_properties_value("WOFL-1", empty_init_workflow());
   zelcore::properties snapshot;
   snapshot.set_properties_value("jobs", jobs);
   snapshot.set_properties_value("nodes", nodes);

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ class recording_state_handler : public zelcapi::state_handler {
   bool answer = true;             // the answer of the change callbacks and of handle
   bool pre_update_answer = true;  // the answer of state_pre_workflow_update
   bool status_answer = true;
+  // Called with each change callback's line once it is recorded: a test makes it raise.
+  std::function<void(const std::string& line)> on_call;
 
   bool state_item_updated(zelcapi::state_item_type t, const std::string& id,
                           const zelcore::properties& p) override {
@@ -89,6 +92,7 @@ class recording_state_handler : public zelcapi::state_handler {
  private:
   bool record(const std::string& line) {
     calls.push_back(line);
+    if (on_call) on_call(line);
     return answer;
   }
   std::string item(zelcapi::state_item_type t, const std::string& id) const {

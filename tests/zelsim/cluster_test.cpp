@@ -27,6 +27,13 @@ zelsim::options quiet(std::size_t nodes, std::size_t master) {
   return o;
 }
 
+// Connects `c` to the node and logs in as alice: the master serves other requests only then.
+void log_in(zelcapi::connection& c, const zelsim::cluster& sim, std::size_t node) {
+  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(node)), 5), zelcapi::connection_ok);
+  ASSERT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+}
+
 TEST(Cluster, NodesListenOnTheirOwnPortsAndNameEveryNode) {
   zelsim::cluster sim(quiet(3, 2));
   sim.start();
@@ -68,7 +75,7 @@ TEST(Cluster, UnknownRequestsGetAnErrorAndNotReadyGivesApi12) {
   zelsim::cluster sim(quiet(1, 1));
   sim.start();
   zelcapi::connection c;
-  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  log_in(c, sim, 1);
   EXPECT_EQ(c.send_sync(packet(2, "what"), 5).get_properties().get_string_value("error"),
             "unknown request 'what'");
   sim.set_not_ready(1, std::chrono::milliseconds(60000));
@@ -85,7 +92,7 @@ TEST(Cluster, RegisteredHandlerAnswersAndFailingHandlerGivesAnError) {
     return true;
   });
   zelcapi::connection c;
-  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  log_in(c, sim, 1);
   packet p(2, "double");
   p.get_properties().set_int_value("n", 21);
   EXPECT_EQ(c.send_sync(p, 5).get_properties().get_int_value("n"), 42);
@@ -165,7 +172,7 @@ void expect_node_survives(const std::string& bytes) {
   f.close();
   EXPECT_LE(got.size(), zelnet::zelp::encode_hello_frame(2).size());
   zelcapi::connection c;
-  ASSERT_EQ(c.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
+  log_in(c, sim, 1);
   EXPECT_EQ(c.send_sync(packet(2, "what"), 5).get_properties().get_string_value("error"),
             "unknown request 'what'");
   EXPECT_EQ(sim.link_count(1), 1u);

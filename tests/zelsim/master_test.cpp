@@ -126,6 +126,92 @@ TEST(Master, StateRequestIsAnsweredWithTheMastersSnapshot) {
   EXPECT_FALSE(state.get_properties_value("workflows").empty());
 }
 
+// The requests that a master serves only after a login, each with its reply's "error" (none
+// when it was served).
+std::vector<std::string> refusals(zelcapi::connection& c) {
+  packet history(packet::type_request, "cluster.api.history.request");
+  history.get_properties().set_int_value("item-type", 5);
+  std::vector<std::string> errors;
+  for (const packet& p : {packet(packet::type_request, "cluster.api.state.request"), history,
+                          packet(packet::type_request, "echo")}) {
+    errors.push_back(c.send_sync(p, 5).get_properties().get_string_value("error", "served"));
+  }
+  return errors;
+}
+
+const std::vector<std::string> all_refused = {"Not logged in", "Not logged in", "Not logged in"};
+const std::vector<std::string> all_served = {"served", "served", "served"};
+
+TEST(Master, ALinkThatNeverLoggedInGetsNothingButTheClusterStatus) {
+  zelsim::cluster sim(quiet_workload(5));
+  sim.start();
+  zelcapi::connection c;
+  connect_to(c, sim, 1);
+  EXPECT_EQ(refusals(c), all_refused);
+  const packet& status =
+      c.send_sync(packet(packet::type_request, "cluster.client.cluster-status"), 5);
+  EXPECT_FALSE(status.get_properties().is_present("error"));
+  EXPECT_EQ(status.get_properties().get_string_value("master-id"), "node-1");
+  // A request the cluster does not know is refused the same way before a login.
+  EXPECT_EQ(c.send_sync(packet(packet::type_request, "what"), 5)
+                .get_properties()
+                .get_string_value("error"),
+            "Not logged in");
+}
+
+TEST(Master, ARefusedLoginServesNothingAndEndsAnEarlierLogin) {
+  zelsim::cluster sim(quiet_workload(5));
+  sim.start();
+  counting_handler h;
+  zelcapi::connection c(&h);
+  connect_to(c, sim, 1);
+  EXPECT_EQ(
+      c.login_sync("alice", "wrong", "", "", 5, false).get_properties().get_string_value("error"),
+      "Access denied");
+  EXPECT_EQ(refusals(c), all_refused);
+  EXPECT_FALSE(
+      c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
+  EXPECT_EQ(refusals(c), all_served);
+  EXPECT_EQ(
+      c.login_sync("mallory", "x", "", "", 5, false).get_properties().get_string_value("error"),
+      "No such user");
+  EXPECT_EQ(refusals(c), all_refused);
+  // Nor does the link get the state's notifications any more.
+  sim.run_workload(100);
+  ASSERT_TRUE(sim.wait_workload_paused(10s));
+  ASSERT_GE(sim.notifications_sent(), 100u);
+  c.send_sync(packet(packet::type_request, "cluster.client.cluster-status"), 5);
+  EXPECT_EQ(h.notifications, 0u);
+}
+
+TEST(Master, AnAdminLoginServesTheRequestsWithoutTheNotifications) {
+  zelsim::options o = quiet_workload(5);
+  o.admins = {{"root", "toor"}};
+  zelsim::cluster sim(o);
+  sim.start();
+  counting_handler h;
+  zelcapi::connection c(&h);
+  connect_to(c, sim, 1);
+  EXPECT_FALSE(c.admin_login_sync("root", "toor", 5).get_properties().is_present("error"));
+  EXPECT_EQ(refusals(c), all_served);
+  sim.run_workload(100);
+  ASSERT_TRUE(sim.wait_workload_paused(10s));
+  c.send_sync(packet(packet::type_request, "cluster.client.cluster-status"), 5);
+  EXPECT_EQ(h.notifications, 0u);
+}
+
+TEST(Master, ALoginAtANodeThatIsNotTheMasterServesNothingThere) {
+  zelsim::cluster sim(quiet_workload(5));
+  sim.start();
+  zelcapi::connection c;
+  connect_to(c, sim, 2);
+  packet login = zelcapi::connection::login_request("alice", "secret", {}, "", "", false);
+  // Sent as a plain request, so that the redirect is not followed.
+  const packet& redirect = c.send_sync(login, 5);
+  EXPECT_EQ(redirect.get_properties().get_string_value("master-id"), "node-1");
+  EXPECT_EQ(refusals(c), all_refused);
+}
+
 class HistoryRequest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -11,11 +11,15 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <exception>
+
+#include "zelbase/exceptions.h"
 
 namespace zelnet {
 
 namespace {
 
+constexpr const char* source_file = "code\\platform\\zelnet\\src\\ioctrl";
 constexpr int run_tick_ms = 100;
 
 // Marks a handler call in progress, so that retired handlers outlive it.
@@ -154,11 +158,21 @@ bool ioctrl::wait(unsigned ms) {
 }
 
 void ioctrl::clear() {
+  // Every file is closed, even when a callback raises on the way: the first exception passes
+  // on at the end.
+  std::exception_ptr raised;
   {
     depth_guard guard(depth_);
-    while (!entries_.empty()) drop(entries_.begin()->first, entries_.begin()->second.id);
+    while (!entries_.empty()) {
+      try {
+        drop(entries_.begin()->first, entries_.begin()->second.id);
+      } catch (...) {
+        if (!raised) raised = std::current_exception();
+      }
+    }
   }
   sweep();
+  if (raised) std::rethrow_exception(raised);
 }
 
 void ioctrl::forget(const zelbase::file& f) {
@@ -187,11 +201,32 @@ void ioctrl::retire(std::unique_ptr<hdlr> h) {
 int ioctrl::step() {
   aborted_ = false;
   const int served = poll_once(0);
+  return served + finish_step();
+}
+
+int ioctrl::step_error(int descriptor) {
+  aborted_ = false;
+  // Input already read goes first, as in every step; the loop reports the error again while
+  // the file is still watched.
+  int served = resume_pending();
+  const auto it = entries_.find(descriptor);
+  if (served == 0 && it != entries_.end()) {
+    {
+      depth_guard guard(depth_);
+      dispatch(descriptor, it->second.id, POLLERR);
+    }
+    sweep();
+    served = 1;
+  }
+  return served + finish_step();
+}
+
+int ioctrl::finish_step() {
   // An abort stops the frames after an awaited reply; the timers run still, so that a
   // completion posted for that reply comes before those frames (which the next step handles).
   const int fired = fire_due_timers();
   update_watches();
-  return served + fired;
+  return fired;
 }
 
 bool ioctrl::serve_until(const bool& done) {
@@ -225,6 +260,12 @@ std::optional<ioctrl::clock::time_point> ioctrl::next_deadline() const {
 }
 
 void ioctrl::set_watch_callback(std::function<void()> callback) {
+  // Two loops watching the same files would each step on the other's readiness.
+  if (callback && watch_callback_) {
+    zelbase::es::arg::raise(source_file, __LINE__,
+                            "the controller is already attached to an event loop: detach that "
+                            "one first");
+  }
   watch_callback_ = std::move(callback);
   told_watches_ = watched_files();
 }
@@ -352,13 +393,20 @@ void ioctrl::drop(int fd, std::uint64_t id) {
   if (it == entries_.end() || it->second.id != id) return;
   entry e = it->second;
   entries_.erase(it);
-  // An event loop stops watching the file while it is still open.
-  update_watches();
+  // An event loop stops watching the file while it is still open. What its callback raises
+  // passes on once the file is closed, never instead of closing it.
+  std::exception_ptr raised;
+  try {
+    update_watches();
+  } catch (...) {
+    raised = std::current_exception();
+  }
   if (e.listener) {
     erase_listener(e.file, *e.handler, e.flags);
   } else {
     erase(e.file, *e.handler, e.flags);
   }
+  if (raised) std::rethrow_exception(raised);
 }
 
 void ioctrl::sweep() noexcept {

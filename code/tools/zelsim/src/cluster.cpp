@@ -30,6 +30,11 @@ namespace {
 
 constexpr const char* source_file = "code\\tools\\zelsim\\src\\cluster";
 constexpr std::int64_t api_not_ready = 12;
+constexpr const char* client_login_name = "cluster.client.login";
+constexpr const char* admin_login_name = "admin.login";
+constexpr const char* cluster_status_name = "cluster.client.cluster-status";
+// The error of every other request on a link that has no successful login.
+constexpr const char* not_logged_in = "Not logged in";
 // At most this many workload changes between two looks at the sockets.
 constexpr std::uint64_t workload_batch = 256;
 
@@ -69,6 +74,9 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     node& get_node() const { return node_; }
     // Set when the link completed a login: it gets the master's notifications from then on.
     bool logged_in = false;
+    // Set while the link's last login (of a user or an admin) succeeded: only then are its
+    // requests served, other than logins and cluster status.
+    bool authorized = false;
 
    protected:
     std::size_t handle(std::string_view frame, zelbase::encoder_network& out) override {
@@ -198,6 +206,25 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     }
   }
 
+  static bool is_login(const std::string& name) {
+    return name == client_login_name || name == admin_login_name;
+  }
+
+  // A login succeeded when it was answered without "error" (a client login by the master
+  // itself, not redirected).
+  static bool login_accepted(const packet& in, const packet& reply) {
+    const zelcore::properties& props = reply.get_properties();
+    if (props.is_present("error")) return false;
+    if (in.get_name() == admin_login_name) return true;
+    try {
+      const std::string master_id = props.get_string_value("master-id", "");
+      return !master_id.empty() && master_id == props.get_string_value("node-id", "");
+    } catch (const zelbase::es::base&) {
+      // A test's own login handler answered with fields of another kind.
+      return false;
+    }
+  }
+
   void dispatch(node& n, const packet& in, packet& out) {
     if (in.get_type() != packet::type_request) return;
     packet reply(packet::type_reply, in.get_name());
@@ -205,6 +232,25 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     if (const zelcore::property_ptr b = in.get_properties().get_property(bounce)) {
       reply.set_property(bounce, b);
     }
+    // As a master: nothing but a login or the cluster's status before a login has succeeded.
+    if (current != nullptr && !current->authorized && !is_login(in.get_name()) &&
+        in.get_name() != cluster_status_name) {
+      reply.get_properties().set_string_value("error", not_logged_in);
+      log(n, "request '" + in.get_name() + "' refused: not logged in");
+      out = reply;
+      return;
+    }
+    answer(n, in, reply, out);
+    // Each login decides anew what the link may do: one that is refused closes the requests
+    // and the notifications that an earlier one opened.
+    if (current != nullptr && is_login(in.get_name())) {
+      current->authorized = !out.get_name().empty() && login_accepted(in, out);
+      if (!current->authorized) current->logged_in = false;
+    }
+  }
+
+  // Runs the handler of the request's name; `reply` becomes `out` when there is one to send.
+  void answer(node& n, const packet& in, packet& reply, packet& out) {
     const auto found = handlers.find(in.get_name());
     if (found == handlers.end()) {
       reply.get_properties().set_string_value("error", "unknown request '" + in.get_name() + "'");
@@ -310,9 +356,9 @@ struct ZELSIM_NO_EXPORT cluster::impl {
 
   void install_handlers() {
     using namespace std::placeholders;
-    handlers["cluster.client.login"] = std::bind(&impl::client_login, this, _1, _2, _3);
-    handlers["admin.login"] = std::bind(&impl::admin_login, this, _1, _2, _3);
-    handlers["cluster.client.cluster-status"] = std::bind(&impl::cluster_status, this, _1, _2, _3);
+    handlers[client_login_name] = std::bind(&impl::client_login, this, _1, _2, _3);
+    handlers[admin_login_name] = std::bind(&impl::admin_login, this, _1, _2, _3);
+    handlers[cluster_status_name] = std::bind(&impl::cluster_status, this, _1, _2, _3);
     handlers["cluster.api.state.request"] = [this](request_context&, const packet&, packet& reply) {
       cluster_state->answer_state_request(reply.get_properties());
       return true;

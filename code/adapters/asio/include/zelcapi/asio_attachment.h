@@ -13,6 +13,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/system/system_error.hpp>
 #include <exception>
 #include <functional>
 #include <map>
@@ -21,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
 #include "zelnet/ioctrl.h"
 
 namespace zelcapi {
@@ -28,18 +31,23 @@ namespace zelcapi {
 class asio_attachment {
  public:
   // Attaches `controller` to `io` until destruction; both must outlive the attachment. Takes
-  // over the controller's watch callback.
+  // over the controller's watch callback: raises es::arg when the controller is attached to a
+  // loop already. A file that the io_context cannot watch raises es::uspec "cannot watch
+  // descriptor ..." from here, or later from the call that added the file (connect_async fails
+  // with it).
   asio_attachment(boost::asio::io_context& io, zelnet::ioctrl& controller)
       : io_(io), controller_(controller), timer_(io), alive_(std::make_shared<bool>(true)) {
     controller_.set_watch_callback([this] { refresh(); });
-    refresh();
+    try {
+      refresh();
+    } catch (...) {
+      detach();
+      throw;
+    }
   }
 
   // Stops watching; pending completion handlers find the attachment gone and do nothing.
-  ~asio_attachment() {
-    controller_.set_watch_callback({});
-    for (auto& [descriptor, w] : watches_) w->release();
-  }
+  ~asio_attachment() { detach(); }
 
   asio_attachment(const asio_attachment&) = delete;
   asio_attachment& operator=(const asio_attachment&) = delete;
@@ -52,6 +60,14 @@ class asio_attachment {
   }
 
  private:
+  static constexpr const char* source_file =
+      "code\\adapters\\asio\\include\\zelcapi\\asio_attachment";
+
+  void detach() {
+    controller_.set_watch_callback({});
+    for (auto& [descriptor, w] : watches_) w->release();
+  }
+
   struct watch {
     watch(boost::asio::io_context& io, const zelnet::ioctrl::watched_file& f)
         : descriptor(io, f.descriptor), file(f) {}
@@ -75,11 +91,21 @@ class asio_attachment {
                              [](const std::shared_ptr<watch>& w) { w->release(); });
     for (const zelnet::ioctrl::watched_file& f : files) {
       auto it = watches_.find(f.descriptor);
-      if (it == watches_.end())
-        it = watches_.emplace(f.descriptor, std::make_shared<watch>(io_, f)).first;
+      if (it == watches_.end()) it = watches_.emplace(f.descriptor, watched(f)).first;
       it->second->file.events = f.events;
     }
     rearm();
+  }
+
+  std::shared_ptr<watch> watched(const zelnet::ioctrl::watched_file& f) {
+    try {
+      return std::make_shared<watch>(io_, f);
+    } catch (const boost::system::system_error& e) {
+      zelbase::es::uspec::raise(
+          source_file, __LINE__,
+          zelbase::string_with_format("cannot watch descriptor %d in the io_context: %s",
+                                      f.descriptor, e.code().message().c_str()));
+    }
   }
 
   // Arms again the waits that have ended, and the timer when the deadline moved.
@@ -108,7 +134,13 @@ class asio_attachment {
       if (!self) return;
       (*self).*armed = false;
       if (ec == boost::asio::error::operation_aborted) return;
-      serve();
+      if (ec) {
+        // The reactor found an error on the file: its handler hears of it at once.
+        const int descriptor = self->file.descriptor;
+        serve([descriptor](zelnet::ioctrl& c) { c.step_error(descriptor); });
+      } else {
+        serve([](zelnet::ioctrl& c) { c.step(); });
+      }
     };
   }
 
@@ -126,14 +158,15 @@ class asio_attachment {
         [this, alive = std::weak_ptr<bool>(alive_)](const boost::system::error_code& ec) {
           if (alive.expired() || ec == boost::asio::error::operation_aborted) return;
           timer_deadline_.reset();
-          serve();
+          serve([](zelnet::ioctrl& c) { c.step(); });
         });
   }
 
-  void serve() {
+  template <class Step>
+  void serve(Step step) {
     std::exception_ptr raised;
     try {
-      controller_.step();
+      step(controller_);
     } catch (...) {
       raised = std::current_exception();
     }

@@ -22,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+#include "zelbase/exceptions.h"
+#include "zelbase/strings.h"
 #include "zelnet/ioctrl.h"
 
 namespace zelcapi {
@@ -29,24 +31,25 @@ namespace zelcapi {
 class uv_attachment {
  public:
   // Attaches `controller` to `loop` until destruction; both must outlive the attachment. Takes
-  // over the controller's watch callback.
+  // over the controller's watch callback: raises es::arg when the controller is attached to a
+  // loop already. A file that libuv cannot watch raises es::uspec "cannot watch descriptor ..."
+  // from here, or later from the call that added the file (connect_async fails with it).
   uv_attachment(uv_loop_t* loop, zelnet::ioctrl& controller)
-      : loop_(loop), controller_(controller), timer_(new timer_handle) {
+      : loop_(loop), controller_(controller) {
+    controller_.set_watch_callback([this] { refresh(); });
+    timer_ = new timer_handle;
     timer_->owner = this;
     uv_timer_init(loop_, &timer_->timer);
-    controller_.set_watch_callback([this] { refresh(); });
-    refresh();
+    try {
+      refresh();
+    } catch (...) {
+      detach();
+      throw;
+    }
   }
 
   // Stops watching. The handles close inside the loop's next iteration, which frees them.
-  ~uv_attachment() {
-    controller_.set_watch_callback({});
-    for (auto& [descriptor, w] : watches_) close(w);
-    timer_->owner = nullptr;
-    uv_timer_stop(&timer_->timer);
-    uv_close(reinterpret_cast<uv_handle_t*>(&timer_->timer),
-             [](uv_handle_t* h) { delete reinterpret_cast<timer_handle*>(h); });
-  }
+  ~uv_attachment() { detach(); }
 
   uv_attachment(const uv_attachment&) = delete;
   uv_attachment& operator=(const uv_attachment&) = delete;
@@ -65,6 +68,9 @@ class uv_attachment {
   }
 
  private:
+  static constexpr const char* source_file =
+      "code\\adapters\\libuv\\include\\zelcapi\\uv_attachment";
+
   // The handle comes first, so that a pointer to it is a pointer to its struct.
   struct poll_handle {
     uv_poll_t poll;
@@ -75,6 +81,15 @@ class uv_attachment {
     uv_timer_t timer;
     uv_attachment* owner;
   };
+
+  void detach() {
+    controller_.set_watch_callback({});
+    for (auto& [descriptor, w] : watches_) close(w);
+    timer_->owner = nullptr;
+    uv_timer_stop(&timer_->timer);
+    uv_close(reinterpret_cast<uv_handle_t*>(&timer_->timer),
+             [](uv_handle_t* h) { delete reinterpret_cast<timer_handle*>(h); });
+  }
 
   static void close(poll_handle* w) {
     w->owner = nullptr;
@@ -95,9 +110,12 @@ class uv_attachment {
         w->owner = this;
         w->file = f;
         w->file.events = 0;
-        if (uv_poll_init_socket(loop_, &w->poll, f.descriptor) != 0) {
+        if (const int failed = uv_poll_init_socket(loop_, &w->poll, f.descriptor)) {
           delete w;
-          continue;
+          zelbase::es::uspec::raise(
+              source_file, __LINE__,
+              zelbase::string_with_format("cannot watch descriptor %d in the libuv loop: %s",
+                                          f.descriptor, uv_strerror(failed)));
         }
         it = watches_.emplace(f.descriptor, w).first;
       }
@@ -107,9 +125,14 @@ class uv_attachment {
       int events = 0;
       if ((f.events & zelnet::ioctrl::watch_readable) != 0) events |= UV_READABLE;
       if ((f.events & zelnet::ioctrl::watch_writable) != 0) events |= UV_WRITABLE;
-      uv_poll_start(&w->poll, events, [](uv_poll_t* h, int, int) {
+      uv_poll_start(&w->poll, events, [](uv_poll_t* h, int status, int) {
         auto* self = reinterpret_cast<poll_handle*>(h);
-        if (self->owner != nullptr) self->owner->serve();
+        if (self->owner == nullptr) return;
+        if (status < 0) {
+          self->owner->failed(self);
+        } else {
+          self->owner->serve([](zelnet::ioctrl& c) { c.step(); });
+        }
       });
     }
     arm_timer();
@@ -132,17 +155,37 @@ class uv_attachment {
           auto* self = reinterpret_cast<timer_handle*>(h);
           if (self->owner == nullptr) return;
           self->owner->timer_deadline_.reset();
-          self->owner->serve();
+          self->owner->serve([](zelnet::ioctrl& c) { c.step(); });
         },
         static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 0)), 0);
   }
 
-  void serve() {
+  // libuv found an error on the file (a reset peer) and stopped its handle: the file's handler
+  // hears of it at once, and a file still watched afterwards is watched again, so that the
+  // error is reported until the library drops the file.
+  void failed(poll_handle* w) {
+    w->file.events = 0;
+    const int descriptor = w->file.descriptor;
+    serve([descriptor](zelnet::ioctrl& c) { c.step_error(descriptor); }, true);
+  }
+
+  // Runs `step` on the controller, then re-arms the timer (and with `rewatch` first brings the
+  // handles in line again, whatever the step raised). Nothing may cross libuv's C frames: what
+  // they raise goes to the error handler, or is kept and stops the loop.
+  template <class Step>
+  void serve(Step step, bool rewatch = false) {
     std::exception_ptr raised;
     try {
-      controller_.step();
+      step(controller_);
     } catch (...) {
       raised = std::current_exception();
+    }
+    if (rewatch) {
+      try {
+        refresh();
+      } catch (...) {
+        if (!raised) raised = std::current_exception();
+      }
     }
     arm_timer();
     if (!raised) return;
@@ -156,7 +199,7 @@ class uv_attachment {
 
   uv_loop_t* loop_;
   zelnet::ioctrl& controller_;
-  timer_handle* timer_;
+  timer_handle* timer_ = nullptr;
   std::optional<zelnet::ioctrl::clock::time_point> timer_deadline_;  // what timer_ runs for
   std::map<int, poll_handle*> watches_;
   std::function<void(std::exception_ptr)> error_handler_;

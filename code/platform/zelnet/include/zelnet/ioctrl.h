@@ -1,10 +1,11 @@
 // The I/O controller: watches sockets with poll(2) and runs their handlers on the thread that
-// calls wait(), run() or step(). It starts no thread and takes no lock: one thread uses it at a
-// time.
+// calls wait(), run(), serve_until(), step() or step_error(). It starts no thread and takes no
+// lock: one thread uses it at a time.
 //
 // An application with an event loop of its own gives the controller no thread: its loop watches
-// watched_files(), calls step() when one of them is ready or when next_deadline() has come, and
-// re-registers the files when the watch callback says that they changed.
+// watched_files(), calls step() when one of them is ready or when next_deadline() has come (and
+// step_error() when its poll reports an error on one), and re-registers the files when the
+// watch callback says that they changed. The bytes then move inside those steps alone.
 #pragma once
 
 #include <chrono>
@@ -24,7 +25,8 @@ namespace zelnet {
 
 class ZELNET_EXPORT ioctrl {
  public:
-  // The handler of one watched file. Called only from inside wait() or run().
+  // The handler of one watched file. Called from inside the call that serves the controller
+  // (wait, run, serve_until, step, step_error) or that drops the file (clear, forget).
   class ZELNET_EXPORT hdlr {
    public:
     virtual ~hdlr();
@@ -42,7 +44,7 @@ class ZELNET_EXPORT ioctrl {
     // `f` is writable; false drops it.
     virtual bool write(zelbase::file& f, ioctrl& c);
     // True while input already read is not handled yet: a callback raised in the middle of it.
-    // The next wait() or run() then calls resume() before it polls.
+    // The next wait(), run(), step() or step_error() then calls resume() before it polls.
     virtual bool has_pending_input() const;
     // Handles that input; false drops the file.
     virtual bool resume(zelbase::file& f, unsigned flags, ioctrl& c);
@@ -84,7 +86,7 @@ class ZELNET_EXPORT ioctrl {
   // Whether watched sockets get TCP keep-alive. Default: true.
   virtual bool keep_alive();
   // Processes I/O until `stop` becomes true (it is read at least every 100 ms) or timeout()
-  // returns false; abort() does not end it.
+  // returns false; abort() does not end it. What a callback raises leaves it.
   virtual void run(const volatile bool& stop);
 
   // Starts watching `f` with `h`: inserts it, makes it non-blocking when `nonblocking`, and
@@ -98,16 +100,25 @@ class ZELNET_EXPORT ioctrl {
   // files and timers served. Handler and timer callbacks run inside it; what they raise leaves
   // it, and the work left is done by the next step.
   int step();
+  // For a loop whose poll reported an error on `descriptor` (a closed or reset peer): the file's
+  // handler reads it at once, which finds the error (or the peer's close) and drops the file,
+  // instead of another poll of every file; then the timers that are due run, as in step().
+  // Input left unhandled in a buffer goes first: the file is then read at the next report, so
+  // the loop keeps watching it (and reporting) until it is dropped. Nothing happens for a
+  // descriptor that is not watched. Returns as step().
+  int step_error(int descriptor);
   // The files to watch, in descriptor order; every file waits for readable.
   std::vector<watched_file> watched_files() const;
   // When step() must run at the latest: the earliest timer, or now while input waits in a
   // buffer; none when only a watched file can bring work.
   std::optional<clock::time_point> next_deadline() const;
-  // `callback` (may be empty) is called whenever watched_files() changes (a file added, a file
-  // dropped before it is closed, a change of the events a file waits for) and when a timer is
-  // set that comes before every other, so that a loop re-registers its files and re-arms its
-  // timer. It is called on the thread that uses the controller, from inside the call that made
-  // the change (a step, or a call such as connect_async).
+  // `callback` is called whenever watched_files() changes (a file added, a file dropped before
+  // it is closed, a change of the events a file waits for) and when a timer is set that comes
+  // before every other, so that a loop re-registers its files and re-arms its timer. It is
+  // called on the thread that uses the controller, from inside the call that made the change (a
+  // step, or a call such as connect_async). One loop at a time: a callback given while another
+  // is set raises es::arg; an empty one detaches. What the callback raises leaves the call that
+  // made the change; a file being dropped is closed first.
   void set_watch_callback(std::function<void()> callback);
   // `before` runs before each poll(2) that may block (a time-out other than 0) and `after` once
   // it returns, on the thread that polls; either may be empty. An interpreter releases its lock
@@ -135,7 +146,8 @@ class ZELNET_EXPORT ioctrl {
   void abort() noexcept { aborted_ = true; }
   // True from abort() until the wait it ends returns (or the run's next tick).
   bool aborted() const noexcept { return aborted_; }
-  // Stops watching every file, calling erase (or erase_listener) for each.
+  // Stops watching every file, calling erase (or erase_listener) for each; when a callback
+  // raises, the other files are still dropped and the first exception passes on at the end.
   void clear();
   // Stops watching `f` (when watched), calling erase (or erase_listener) for it.
   void forget(const zelbase::file& f);
@@ -166,6 +178,8 @@ class ZELNET_EXPORT ioctrl {
   int until_next_timer(int ms) const;
   // Lets handlers with input left unhandled finish it; returns their number.
   int resume_pending();
+  // The end of every step: the due timers and the loop's watches; returns the timers fired.
+  int finish_step();
   void dispatch(int fd, std::uint64_t id, short events);
   void drop(int fd, std::uint64_t id);
   void sweep() noexcept;

@@ -1,6 +1,7 @@
 // Links carry zelp packets over a watched socket: link moves bytes through the frame codec,
 // client_link and server_link add the two sides of the hello handshake. All calls happen on
-// the thread inside the controller's wait() or run(); send() may also be called between them.
+// the thread that serves the controller (inside its wait(), run() or step()); send() may also be
+// called between them.
 #pragma once
 
 #include <cstddef>
@@ -55,7 +56,7 @@ class ZELNET_EXPORT link : public ioctrl::hdlr {
   bool has_pending_input() const override;
   bool resume(zelbase::file& f, unsigned flags, ioctrl& c) override;
 
-  // Queues `p` and writes at once what the socket takes; the rest goes out inside wait() or
+  // Queues `p` and writes at once what the socket takes; the rest goes out inside wait(), step() or
   // run(). Raises es::arg when the packet does not fit in a frame.
   virtual void send(const packet& p);
   // Queues bytes as they are (fault injection and tests).

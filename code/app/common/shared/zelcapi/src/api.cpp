@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <exception>
 #include <new>
 
 #include "connection_impl.h"
@@ -257,13 +258,20 @@ void connection::erase(zelbase::file& f, zelnet::ioctrl::hdlr&, unsigned) {
   if (link_ && !link_->failure().empty()) {
     zelcore::ds::print("zelcapi::connection:error", "link dropped: %s", link_->failure().c_str());
   }
-  if (manual_) {
-    manual_ = false;
-    _status(manual_disconnection, "", false);
-  } else {
-    _status(connection_closed, "", false);
+  // What the handler raises passes on once the link is gone and its file closed: a connection
+  // never stays half connected.
+  std::exception_ptr raised;
+  try {
+    if (manual_) {
+      manual_ = false;
+      _status(manual_disconnection, "", false);
+    } else {
+      _status(connection_closed, "", false);
+    }
+    if (handler_ != nullptr) handler_->disconnected(reason_, reconnecting_);
+  } catch (...) {
+    raised = std::current_exception();
   }
-  if (handler_ != nullptr) handler_->disconnected(reason_, reconnecting_);
   reason_ = default_reason;
   reconnecting_ = false;
   if (link_) {
@@ -273,6 +281,7 @@ void connection::erase(zelbase::file& f, zelnet::ioctrl::hdlr&, unsigned) {
   f.close();
   if (link_) _destroy_link();
   _link_lost();
+  if (raised) std::rethrow_exception(raised);
 }
 
 void connection::_destroy_link() {

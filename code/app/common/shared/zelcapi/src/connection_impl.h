@@ -49,13 +49,24 @@ struct connection_operations {
     connection::connect_callback done;
     zelnet::ioctrl::timer_id timer;
   };
+  // Where a login stands (login.cpp lists the transitions).
+  enum class login_phase : std::uint8_t {
+    awaiting_reply,   // the request is sent; the reply or the time-out comes next
+    reply_arrived,    // the reply is in the slot (or the link is gone), to be acted on
+    not_ready_pause,  // the node was not ready: two seconds before connecting again
+    reconnecting,     // connecting to the same node again
+    redirecting,      // connecting to the master that the node named
+  };
   struct login_op {
     std::uint64_t id;
     zelnet::zelp::packet request;
-    unsigned timeout;
+    unsigned timeout;  // seconds, one less after each not-ready retry
     connection::reply_callback done;
-    zelnet::ioctrl::timer_id timer = 0;
-    bool awaiting_reply = false;
+    zelnet::ioctrl::timer_id timer = 0;  // the phase's time-out or pause
+    login_phase at = login_phase::awaiting_reply;
+    // The master of a redirect, for the failure's text.
+    std::string master_host{};
+    std::string master_port{};
   };
   struct request_op {
     std::uint64_t id;

@@ -93,6 +93,40 @@ const packet& connection::get_cluster_status() {
   return login_sync(request, timeout_);
 }
 
+// --- the asynchronous login ---
+//
+// A login is in one phase at a time, and _login_on is the one place where an event moves it:
+//
+//   phase            event                   what happens, and the next phase
+//   ---------------  ----------------------  ------------------------------------------------
+//   (none)           login_async             the request is sent: awaiting_reply (without a
+//                                            link the login ends with "no connection")
+//   awaiting_reply   answered                the reply is in the slot, or the link is gone:
+//                                            reply_arrived, acted on in a callback of its own,
+//                                            after the one that brought it
+//   awaiting_reply   timer (the time-out)    ends with "connection timeout"
+//   reply_arrived    timer (at once)         ends with the reply (the master's answer, a
+//                                            refusal, a give-up written into it), or
+//                                            "disconnected" without a link; a node not ready:
+//                                            not_ready_pause; another node the master:
+//                                            redirecting
+//   not_ready_pause  timer (two seconds)     connects to the same node again: reconnecting
+//   reconnecting     connected (ok)          the time-out one second shorter, the request sent
+//                                            again: awaiting_reply
+//   reconnecting     connected (failed)      ends with the give-up "Login Reconnection failed"
+//   redirecting      connected (ok)          the request sent to the master: awaiting_reply
+//   redirecting      connected (failed)      ends with "Failed to connect to master ..."
+//
+// An event that its phase does not expect changes nothing. The request and its reply share the
+// connection's sync slot (get_sync_packet), as in every synchronous exchange: the request is
+// copied there when sent, and the link puts the reply in its place.
+
+enum class connection::login_event : std::uint8_t {
+  answered,   // the reply was taken into the slot, or the link was lost while awaiting it
+  timer,      // the timer that the phase set has come
+  connected,  // the connect that the phase started has ended
+};
+
 void connection::login_async(const packet& request, unsigned timeout, reply_callback done) {
   if (operations_->login) {
     done(packet(), reported_failure(source_file, __LINE__, 3, "login in progress"));
@@ -101,6 +135,30 @@ void connection::login_async(const packet& request, unsigned timeout, reply_call
   const std::uint64_t id = operations_->next_id++;
   operations_->login = connection_operations::login_op{id, request, timeout, std::move(done)};
   _login_step(id, [this] { _login_send(); });
+}
+
+void connection::_login_on(std::uint64_t id, login_event event, result_code connected) {
+  using phase = connection_operations::login_phase;
+  _login_step(id, [this, event, connected] {
+    switch (operations_->login->at) {
+      case phase::awaiting_reply:
+        if (event == login_event::answered) return _login_answered();
+        if (event == login_event::timer) return _login_timed_out();
+        return;
+      case phase::reply_arrived:
+        if (event == login_event::timer) return _login_handle_reply();
+        return;
+      case phase::not_ready_pause:
+        if (event == login_event::timer) return _login_reconnect();
+        return;
+      case phase::reconnecting:
+        if (event == login_event::connected) return _login_reconnected(connected);
+        return;
+      case phase::redirecting:
+        if (event == login_event::connected) return _login_redirected(connected);
+        return;
+    }
+  });
 }
 
 void connection::_login_step(std::uint64_t id, const std::function<void()>& step) {
@@ -123,6 +181,18 @@ void connection::_login_finish(std::exception_ptr error) {
   done(error ? packet() : sync_packet_, error);
 }
 
+void connection::_login_after(std::chrono::seconds delay) {
+  const std::uint64_t id = operations_->login->id;
+  operations_->login->timer =
+      add_timer(clock::now() + delay, [this, id] { _login_on(id, login_event::timer); });
+}
+
+void connection::_login_connect(std::string host, std::string port) {
+  const std::uint64_t id = operations_->login->id;
+  connect_async(host, port, operations_->login->timeout,
+                [this, id](result_code result) { _login_on(id, login_event::connected, result); });
+}
+
 void connection::_login_send() {
   connection_operations::login_op& login = *operations_->login;
   if (!link_) {
@@ -131,15 +201,10 @@ void connection::_login_send() {
     _login_finish(failure);
     return;
   }
-  const std::uint64_t id = login.id;
-  login.awaiting_reply = true;
-  login.timer = add_timer(after_seconds(login.timeout), [this, id] {
-    _login_step(id, [this] {
-      // The slot keeps waiting: a late reply is taken there, not given to the handler.
-      operations_->login->awaiting_reply = false;
-      _login_timed_out();
-    });
-  });
+  login.at = connection_operations::login_phase::awaiting_reply;
+  // After the time-out the slot keeps waiting: a late reply is taken there, not given to the
+  // handler.
+  _login_after(std::chrono::seconds(login.timeout));
   link_->set_waiting_sync_reply(true);
   sync_packet_ = login.request;
   link_->send(login.request);
@@ -153,18 +218,16 @@ void connection::_login_timed_out() {
 }
 
 void connection::_exchange_replied() {
-  if (!operations_->login || !operations_->login->awaiting_reply) return;
-  _login_replied(operations_->login->id);
+  if (operations_->login) _login_on(operations_->login->id, login_event::answered);
 }
 
-void connection::_login_replied(std::uint64_t id) {
+void connection::_login_answered() {
   // The reply (or the loss of the link) is acted on after the callback that brought it, before
   // the packets that came after it.
   connection_operations::login_op& login = *operations_->login;
-  login.awaiting_reply = false;
+  login.at = connection_operations::login_phase::reply_arrived;
   cancel_timer(login.timer);
-  login.timer =
-      add_timer(clock::now(), [this, id] { _login_step(id, [this] { _login_handle_reply(); }); });
+  _login_after(std::chrono::seconds(0));
 }
 
 void connection::_login_handle_reply() {
@@ -198,9 +261,8 @@ void connection::_login_handle_reply() {
       _login_finish(nullptr);
       return;
     }
-    const std::uint64_t id = login.id;
-    login.timer = add_timer(after_seconds(not_ready_retry_seconds),
-                            [this, id] { _login_step(id, [this] { _login_retry(); }); });
+    login.at = connection_operations::login_phase::not_ready_pause;
+    _login_after(std::chrono::seconds(not_ready_retry_seconds));
     return;
   }
 
@@ -230,21 +292,21 @@ void connection::_login_handle_reply() {
   _login_redirect(master->get_string_value("hostname"), master->get_string_value("client-port"));
 }
 
-void connection::_login_retry() {
-  const std::uint64_t id = operations_->login->id;
-  connect_async(host_, port_, operations_->login->timeout, [this, id](result_code result) {
-    _login_step(id, [this, result] {
-      if (result == connection_ok) {
-        // The time-out shrinks by a second per retry, which bounds the retries.
-        --operations_->login->timeout;
-        _login_send();
-        return;
-      }
-      _status(connection_failed, "", false);
-      _give_up(login_reconnection_failed);
-      _login_finish(nullptr);
-    });
-  });
+void connection::_login_reconnect() {
+  operations_->login->at = connection_operations::login_phase::reconnecting;
+  _login_connect(host_, port_);
+}
+
+void connection::_login_reconnected(result_code result) {
+  if (result == connection_ok) {
+    // The time-out shrinks by a second per retry, which bounds the retries.
+    --operations_->login->timeout;
+    _login_send();
+    return;
+  }
+  _status(connection_failed, "", false);
+  _give_up(login_reconnection_failed);
+  _login_finish(nullptr);
 }
 
 void connection::_login_redirect(const std::string& hostname, const std::string& client_port) {
@@ -254,21 +316,24 @@ void connection::_login_redirect(const std::string& hostname, const std::string&
     _login_finish(nullptr);
     return;
   }
-  const std::uint64_t id = operations_->login->id;
-  connect_async(hostname, client_port, operations_->login->timeout,
-                [this, id, hostname, client_port](result_code result) {
-                  _login_step(id, [this, result, &hostname, &client_port] {
-                    if (result == connection_ok) {
-                      _login_send();
-                      return;
-                    }
-                    _login_finish(reported_failure(
-                        source_file, __LINE__, 4,
-                        zelbase::string_with_format(
-                            "Failed to connect to master '%s:%s' after redirect (%s)",
-                            hostname.c_str(), client_port.c_str(), result_code_c_str(result))));
-                  });
-                });
+  connection_operations::login_op& login = *operations_->login;
+  login.at = connection_operations::login_phase::redirecting;
+  login.master_host = hostname;
+  login.master_port = client_port;
+  _login_connect(login.master_host, login.master_port);
+}
+
+void connection::_login_redirected(result_code result) {
+  if (result == connection_ok) {
+    _login_send();
+    return;
+  }
+  const connection_operations::login_op& login = *operations_->login;
+  _login_finish(reported_failure(
+      source_file, __LINE__, 4,
+      zelbase::string_with_format("Failed to connect to master '%s:%s' after redirect (%s)",
+                                  login.master_host.c_str(), login.master_port.c_str(),
+                                  result_code_c_str(result))));
 }
 
 // --- requests ---
@@ -316,9 +381,7 @@ void connection::_post_connect_end() {
 
 void connection::_link_lost() {
   _post_connect_end();
-  if (operations_->login && operations_->login->awaiting_reply) {
-    _login_replied(operations_->login->id);
-  }
+  if (operations_->login) _login_on(operations_->login->id, login_event::answered);
   // Each request ends in a timer of its own, so that a callback that raises ends no other.
   for (connection_operations::request_op& request : operations_->requests) {
     cancel_timer(request.timer);

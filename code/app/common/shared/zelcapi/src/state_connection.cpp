@@ -3,6 +3,8 @@
 #include "zelcapi/state_connection.h"
 
 #include <limits>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <typeinfo>
 
@@ -50,6 +52,33 @@ bool applied_or_reported(Apply apply) {
   return true;
 }
 
+// Makes a replica change while a handler's exception is on its way out: a library failure of
+// the change is reported as any other, and the handler's exception is the one that passes on.
+template <class Apply>
+void apply_before_rethrow(Apply apply) {
+  applied_or_reported([&] {
+    apply();
+    return true;
+  });
+}
+
+// For the notifications whose handler call comes first: runs `tell` (the handler), then `apply`
+// (the replica's change), and returns what the handler answered. What the handler raises passes
+// on only once the replica has the change, so that a failing handler never leaves the replica
+// behind the cluster.
+template <class Tell, class Apply>
+bool told_then_applied(Tell tell, Apply apply) {
+  bool answer = true;
+  try {
+    answer = tell();
+  } catch (...) {
+    apply_before_rethrow(apply);
+    throw;
+  }
+  apply();
+  return answer;
+}
+
 // The "item-type" field. Every int goes on to the handler and the state, which is the one
 // place that refuses a kind it does not have; a value that is no int at all is refused here,
 // since cutting it to 32 bits could make it name a kind.
@@ -66,6 +95,17 @@ state_item_type item_type_of(const zelcore::properties& fields) {
 
 const std::string& state_id_of(const zelcore::properties& fields) {
   return fields.get_string_value(state_id_key);
+}
+
+// The cluster's text when a reply refuses its request: its "error" as plain text.
+std::optional<std::string> refusal_of(const zelcore::properties& reply) {
+  const zelcore::property_ptr error = reply.get_property("error");
+  if (!error) return std::nullopt;
+  return error->to_string();
+}
+
+std::string state_request_failed(const std::string& refusal) {
+  return zelbase::string_with_format("%s failed ('%s')", state_request_name, refusal.c_str());
 }
 
 state_handler* required_handler(state_handler* h) {
@@ -265,9 +305,10 @@ bool state_connection::_drop_item(const zelcore::properties& fields, drop_operat
                                   drop_callback told) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
-  const bool result = (state_handler_->*told)(type, id);
-  if (state_) (state_.get()->*drop)(type, id);
-  return result;
+  return told_then_applied([&] { return (state_handler_->*told)(type, id); },
+                           [&] {
+                             if (state_) (state_.get()->*drop)(type, id);
+                           });
 }
 
 bool state_connection::_update_item(const zelcore::properties& fields) {
@@ -286,9 +327,11 @@ bool state_connection::_erase_property_ref(const zelcore::properties& fields) {
   const state_item_type type = item_type_of(fields);
   const std::string& id = state_id_of(fields);
   const std::string& ref = fields.get_string_value("property-ref");
-  const bool result = state_handler_->state_item_erased_property_ref(type, id, ref);
-  if (state_) state_->item_erase_property_ref(type, id, ref);
-  return result;
+  return told_then_applied(
+      [&] { return state_handler_->state_item_erased_property_ref(type, id, ref); },
+      [&] {
+        if (state_) state_->item_erase_property_ref(type, id, ref);
+      });
 }
 
 bool state_connection::_historize_item(const zelcore::properties& fields) {
@@ -304,9 +347,10 @@ bool state_connection::_update_workflow_result(const zelcore::properties& fields
 
 bool state_connection::_remove_workflow_result(const zelcore::properties& fields) {
   const std::string& id = state_id_of(fields);
-  const bool result = state_handler_->state_workflow_result_removed(id);
-  if (state_) state_->workflow_result_remove(id);
-  return result;
+  return told_then_applied([&] { return state_handler_->state_workflow_result_removed(id); },
+                           [&] {
+                             if (state_) state_->workflow_result_remove(id);
+                           });
 }
 
 bool state_connection::_add_workflow(const zelcore::properties& fields) {
@@ -320,8 +364,20 @@ bool state_connection::_remove_workflow(const zelcore::properties& fields) {
 
 bool state_connection::_update_workflow(const zelcore::properties& fields) {
   const zelcore::properties& command = fields.get_properties_value("command");
-  if (!state_handler_->state_pre_workflow_update(command)) return false;
-  if (state_) state_->update_workflow(command);
+  const auto apply = [&] {
+    if (state_) state_->update_workflow(command);
+  };
+  bool go_on = true;
+  try {
+    go_on = state_handler_->state_pre_workflow_update(command);
+  } catch (...) {
+    // Raising is no veto: the command is applied, state_workflow_updated is skipped (the
+    // handler is failing), and what the call raised passes on.
+    apply_before_rethrow(apply);
+    throw;
+  }
+  if (!go_on) return false;
+  apply();
   return state_handler_->state_workflow_updated(command);
 }
 
@@ -337,6 +393,10 @@ bool state_connection::handle_reply(const packet& in, packet& out) {
 }
 
 bool state_connection::_state_reply(const zelcore::properties& fields) {
+  if (const std::optional<std::string> refusal = refusal_of(fields)) {
+    report_failure(__LINE__, state_request_failed(*refusal));
+    return true;
+  }
   const zelcore::properties* snapshot = fields.get_properties_value_ptr(state_key);
   if (snapshot == nullptr) return true;
   if (state_) state_->set_state(*snapshot);
@@ -367,6 +427,10 @@ void state_connection::request_new_state_sync() {
   const packet reply = send_sync(packet(packet::type_request, state_request_name));
   packet out;
   sc_handle(reply, out);
+  // The refusal was reported; the caller, who waited for a snapshot, hears of it as well.
+  if (const std::optional<std::string> refusal = refusal_of(reply.get_properties())) {
+    zelbase::es::uspec::raise(source_file, __LINE__, state_request_failed(*refusal));
+  }
 }
 
 void state_connection::_request_history(const char* key, const std::string& id,

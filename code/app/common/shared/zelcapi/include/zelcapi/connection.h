@@ -59,7 +59,8 @@ class ZELCAPI_EXPORT handler {
   // A status change. The result is consulted only during a login, where false stops the
   // login from retrying or redirecting. Default: true.
   virtual bool status(result_code code, const std::string& text, bool flag);
-  // The link has gone. Default: a debug print in "zelcapi::handler:error".
+  // The link has gone. Default: a debug print in "zelcapi::handler:error". What this (or the
+  // status call before it) raises passes on once the link is destroyed and its socket closed.
   virtual void disconnected(const std::string& reason, bool reconnecting);
   // A packet that is not the reply of a pending synchronous request; a packet left in `out`
   // with a name is sent back. Default: ignores it and returns true.
@@ -165,7 +166,7 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   // Sends `p` and lets the I/O run once (1 ms). A reply still awaited by send_sync becomes an
   // unsolicited packet. Raises es::uspec "No connection".
   void send(const zelnet::zelp::packet& p);
-  // Sends `p` only (bytes the socket does not take at once leave at the next wait or run).
+  // Sends `p` only (bytes the socket does not take at once leave at the next wait, run or step).
   void send_no_wait(const zelnet::zelp::packet& p);
   // Sends `p` and waits up to `timeout` seconds for the reply of the same name. Raises
   // es::uspec "No connection", "Connection timeout" (the connection stays; a late reply is
@@ -191,9 +192,9 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
  private:
   friend class connection_impl;
 
-  // Called inside wait() or run() before a packet goes to the handler, when the packet after it
-  // has arrived whole and been decoded too: a hint for a subclass to start early on what that
-  // packet will touch (fetching it into cache). It must change nothing that the packet handled
+  // Called inside wait(), run() or step() before a packet goes to the handler, when the packet
+  // after it has arrived whole and been decoded too: a hint for a subclass to start early on what
+  // that packet will touch (fetching it into cache). It must change nothing that the packet handled
   // first could see. The default does nothing.
   virtual void packet_ahead(const zelnet::zelp::packet& next) noexcept;
 
@@ -204,18 +205,29 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   void _post_connect_end();
   void _connect_ended(std::uint64_t id);
   void _finish_connect(result_code result);
-  // The steps of login_async; each one that raises ends the login with what it raised.
+  // The asynchronous login: its phases and their transitions are listed in login.cpp, and
+  // _login_on is where an event moves the login `id` on (if it is still the current one).
+  enum class login_event : std::uint8_t;
+  void _login_on(std::uint64_t id, login_event event, result_code connected = connection_ok);
+  // Runs `step` for the login `id` if it is still the current one; a step that raises ends the
+  // login with what it raised.
+  void _login_step(std::uint64_t id, const std::function<void()>& step);
+  // The steps, each run by _login_on in its phase.
   void _login_send();
-  void _exchange_replied();
-  void _login_replied(std::uint64_t id);
+  void _login_answered();
   void _login_handle_reply();
-  void _login_retry();
+  void _login_reconnect();
+  void _login_reconnected(result_code result);
   void _login_redirect(const std::string& hostname, const std::string& client_port);
-  void _login_finish(std::exception_ptr error);
+  void _login_redirected(result_code result);
   // The reply did not come in time, or the retries used the time-out up.
   void _login_timed_out();
-  // Runs `step` for the login `id` if it is still the current one.
-  void _login_step(std::uint64_t id, const std::function<void()>& step);
+  void _login_finish(std::exception_ptr error);
+  // The login's timer: the event `timer` after `delay`; a connect that ends in `connected`.
+  void _login_after(std::chrono::seconds delay);
+  void _login_connect(std::string host, std::string port);
+  // The sync slot took a reply: the login awaiting it goes on.
+  void _exchange_replied();
   // A reply for a request of send_async: ends it and returns true.
   bool _take_reply(const zelnet::zelp::packet& in);
   // The link ended: the operations that needed it end after the current callback.

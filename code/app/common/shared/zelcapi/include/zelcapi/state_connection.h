@@ -3,8 +3,9 @@
 // application of every change through a state_handler.
 //
 // Threads: like every connection it starts no thread. The state_handler is called, and the
-// replica changed, on the thread that is inside run, wait or one of the synchronous calls
-// (connect, login_sync, send_sync, request_new_state_sync). Use it from one thread at a time.
+// replica changed, on the thread that is inside run, wait, step (an event loop's) or one of the
+// synchronous calls (connect, login_sync, send_sync, request_new_state_sync). Use it from one
+// thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -26,6 +27,12 @@ namespace zelcapi {
 // are valid only during the call. Each bool operation returns whether processing goes on: only
 // state_pre_workflow_update is consulted so (false vetoes the update); the others' answer
 // becomes the result of the packet's handling. Every default returns true.
+//
+// A callback that raises never leaves the replica behind the cluster: the notification's
+// change to the replica is made first, also where the handler is called before it, and then
+// the exception passes on (out of run, wait or step; an es::base of the library's own is
+// reported instead). A raising state_pre_workflow_update is no veto: the command is applied
+// and state_workflow_updated is not called.
 class ZELCAPI_EXPORT state_handler {
  public:
   virtual ~state_handler();
@@ -109,16 +116,20 @@ class ZELCAPI_EXPORT state_connection : public connection {
   // to a state_db, cleaning its history. Use it on the connection's thread only.
   state* get_state_non_const();
 
-  // Sends "cluster.api.state.request"; the snapshot arrives later (inside run or wait), goes
-  // into the replica and to state_new_state. Raises es::uspec "No connection".
+  // Sends "cluster.api.state.request"; the snapshot arrives later (inside run, wait or step),
+  // goes into the replica and to state_new_state. Raises es::uspec "No connection". A reply
+  // that refuses the request (its "error", such as "Not logged in" before a login) is reported
+  // as "cluster.api.state.request failed ('<error>')" and changes nothing.
   void request_new_state();
   // Sends "cluster.api.state.request" and waits up to the connection's time-out for the
   // snapshot, which goes into the replica and to state_new_state before this returns. Raises
-  // es::uspec "No connection", "Connection timeout" or "Connection error".
+  // es::uspec "No connection", "Connection timeout" or "Connection error", and for a reply that
+  // refuses the request "cluster.api.state.request failed ('<error>')" (also reported; the
+  // replica is unchanged).
   void request_new_state_sync();
   // Ask for the history items of a kind (all of them, or those of one state id, client id or
-  // submission id). The answer arrives later, inside run or wait, at history_request_reply with
-  // `request_id`. Raise es::uspec "No connection".
+  // submission id). The answer arrives later, inside run, wait or step, at history_request_reply
+  // with `request_id`. Raise es::uspec "No connection".
   void request_history_items_by_client_id(state_item_type type, const std::string& client_id,
                                           std::uint32_t request_id);
   void request_history_items_by_state_id(state_item_type type, const std::string& state_id,
