@@ -239,10 +239,14 @@ bool connection::transaction_failed() const noexcept {
   return PQtransactionStatus(conn_.get()) == PQTRANS_INERROR;
 }
 
-void connection::fail(const std::string& why) const {
+std::string connection::error_text(const std::string& why) const {
   std::string message = "PostgreSQL store '" + server_ + "': " + why;
   replace_all(message, password_, "***");
-  zelbase::es::uspec::raise(source_file, __LINE__, message);
+  return message;
+}
+
+void connection::fail(const std::string& why) const {
+  zelbase::es::uspec::raise(source_file, __LINE__, error_text(why));
 }
 
 void connection::fail_last() const {

@@ -76,6 +76,9 @@ class connection {
   bool transaction_failed() const noexcept;
 
   [[noreturn]] void fail(const std::string& why) const;
+  // The text of an error of this server: "PostgreSQL store '<server>': <why>", without the
+  // password.
+  std::string error_text(const std::string& why) const;
   // Raises libpq's last error (the server's text or the connection's failure).
   [[noreturn]] void fail_last() const;
   // The server as error texts name it (see postgres_state_db::server).

@@ -1,11 +1,11 @@
 // The PostgreSQL history_db: one table of historized records with their kind, id and time.
 #include <mutex>
 
+#include "history_rows.h"
 #include "json_record.h"
 #include "postgres_connection.h"
 #include "postgres_schema.h"
 #include "zelbase/time.h"
-#include "zelcapi/memory_db.h"
 #include "zelcapi/postgres_db.h"
 
 namespace zelcapi {
@@ -13,6 +13,7 @@ namespace zelcapi {
 using postgres_detail::connection;
 using postgres_detail::encode_id;
 using postgres_detail::result;
+using store_detail::has_string;
 
 namespace {
 
@@ -30,17 +31,7 @@ bool selectable(const std::string& key, const std::string& value) {
          store_detail::is_utf8(value);
 }
 
-bool has_string(const zelcore::properties& record, const std::string& key,
-                const std::string& value) {
-  const zelcore::property_ptr field = record.get_property(key);
-  return field && field->kind() == zelcore::property::kind_string &&
-         static_cast<const zelcore::property_string&>(*field).value() == value;
-}
-
-std::string kind_name(db_item_type type) {
-  db_item_index(type, "history_db");
-  return db_item_type_c_str(static_cast<int>(type));
-}
+std::string kind_name(db_item_type type) { return std::string(store_detail::history_kind(type)); }
 
 }  // namespace
 
