@@ -177,4 +177,24 @@ bool state_store::has_saved_state() {
   });
 }
 
+void state_store::begin_load() {
+  std::lock_guard<std::mutex> hold(read_lock_);
+  if (load_depth_ == 0) {
+    open_reader();
+    try {
+      begin_snapshot();
+    } catch (...) {
+      if (!reader_lost()) throw;
+      open_reader();
+      begin_snapshot();
+    }
+  }
+  ++load_depth_;
+}
+
+void state_store::end_load() noexcept {
+  std::lock_guard<std::mutex> hold(read_lock_);
+  if (load_depth_ > 0 && --load_depth_ == 0) end_snapshot();
+}
+
 }  // namespace zelcapi::store_detail

@@ -1,7 +1,7 @@
 // What the SQLite and the PostgreSQL state stores share: the state_db operations written once
 // over a store's own rows. A store is a writing connection, where each save is one transaction,
 // and a reading connection for loads; this class keeps the phases of a save, the digests of what
-// was committed and the locks of both connections, and calls the
+// was committed, the locks of both connections and the snapshot of a load, and calls the
 // store's hooks for what only its database knows (statements, COPY, reconnecting).
 //
 // Threading: the write hooks run under the write lock, the read hooks under the read lock; a
@@ -54,6 +54,11 @@ class state_store {
   properties_cptr load_workflow_results();
   std::uint64_t load_workflow_sequence_number();
   bool has_saved_state();
+  // The outermost begin_load begins the reading connection's read transaction, whose snapshot
+  // every read sees until the matching end_load ends it; within it a lost connection is not
+  // opened again (the load raises). Reads of other threads meanwhile share the snapshot.
+  void begin_load();
+  void end_load() noexcept;
 
   save_counts last_save_counts() const;
   std::size_t digest_memory_bytes() const;
@@ -94,6 +99,9 @@ class state_store {
   virtual void open_reader() {}
   // Whether the reading connection turned out to be lost, so that a read may run again.
   virtual bool reader_lost() const noexcept { return false; }
+  // Begins the load's read transaction, and ends it (ignoring errors).
+  virtual void begin_snapshot() = 0;
+  virtual void end_snapshot() noexcept = 0;
   virtual void read_records(std::size_t kind, const record_visitor& visit) = 0;
   // Calls `visit` with the record's JSON text; false when there is none.
   virtual bool read_record(std::size_t kind, std::string_view id,
@@ -145,11 +153,12 @@ class state_store {
   void _remove_unseen(std::size_t kind);
   bool _saving() const noexcept { return phase_ == phase::saving; }
 
-  // A read under the read lock, tried again once on a connection opened again when the old one
-  // turns out to be lost.
+  // A read under the read lock; outside a load, tried again once on a connection opened again
+  // when the old one turns out to be lost.
   template <class F>
   auto _read(F&& body) {
     std::lock_guard<std::mutex> hold(read_lock_);
+    if (load_depth_ > 0) return body();
     open_reader();
     try {
       return body();
@@ -165,6 +174,7 @@ class state_store {
   store_digests digests_;  // of what the tables hold, and the counts of the save
 
   std::mutex read_lock_;
+  int load_depth_ = 0;  // begin_load calls not yet ended
 };
 
 }  // namespace zelcapi::store_detail

@@ -90,15 +90,9 @@ struct postgres_history_db::impl {
 postgres_history_db::postgres_history_db(const std::string& conninfo)
     : impl_(std::make_unique<impl>(conninfo)) {}
 
-postgres_history_db::~postgres_history_db() {
-  if (impl_->batch_depth > 0 && !impl_->batch_failed && !impl_->db.lost()) {
-    try {
-      impl_->db.exec("COMMIT");
-    } catch (...) {
-      impl_->db.rollback_quietly();
-    }
-  }
-}
+// A batch left open was not ended by its writer, which may have failed in its middle: none of
+// it is kept.
+postgres_history_db::~postgres_history_db() { impl_->db.rollback_quietly(); }
 
 const std::string& postgres_history_db::server() const noexcept { return impl_->db.server(); }
 

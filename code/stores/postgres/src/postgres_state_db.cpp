@@ -162,6 +162,9 @@ struct postgres_state_db::impl final : store_detail::state_store {
   void open_reader() override { reader.ensure_open(); }
   bool reader_lost() const noexcept override { return reader.lost(); }
 
+  void begin_snapshot() override { reader.exec("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"); }
+  void end_snapshot() noexcept override { reader.rollback_quietly(); }
+
   void read_records(std::size_t kind, const record_visitor& visit) override {
     const result r = reader.exec(for_table("SELECT id, record::text FROM @", record_tables[kind]));
     std::string id;
@@ -283,6 +286,10 @@ bool postgres_state_db::load_item(db_item_type type, const std::string& id,
 bool postgres_state_db::has_saved_state() { return impl_->has_saved_state(); }
 
 void postgres_state_db::begin_save() { impl_->begin_save(); }
+
+void postgres_state_db::begin_load() { impl_->begin_load(); }
+
+void postgres_state_db::end_load() noexcept { impl_->end_load(); }
 
 save_counts postgres_state_db::last_save_counts() const { return impl_->last_save_counts(); }
 

@@ -100,11 +100,9 @@ struct sqlite_history_db::impl {
 sqlite_history_db::sqlite_history_db(const std::string& path, const sqlite_options& options)
     : impl_(std::make_unique<impl>(path, options)) {}
 
-sqlite_history_db::~sqlite_history_db() {
-  if (impl_->batch_depth > 0 &&
-      sqlite3_exec(impl_->db.handle(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
-    impl_->db.rollback_quietly();
-}
+// A batch left open was not ended by its writer, which may have failed in its middle: none of
+// it is kept.
+sqlite_history_db::~sqlite_history_db() { impl_->db.rollback_quietly(); }
 
 const std::string& sqlite_history_db::path() const noexcept { return impl_->db.path(); }
 

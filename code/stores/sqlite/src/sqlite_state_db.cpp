@@ -131,6 +131,11 @@ struct sqlite_state_db::impl final : store_detail::state_store {
     sequence_insert.run();
   }
 
+  // Deferred: the snapshot is taken by the load's first read (write-ahead logging lets the
+  // writer commit meanwhile).
+  void begin_snapshot() override { reader.exec("BEGIN"); }
+  void end_snapshot() noexcept override { reader.rollback_quietly(); }
+
   void read_records(std::size_t kind, const record_visitor& visit) override {
     statement& all = reads[kind].all;
     reset_on_exit done(all);
@@ -213,6 +218,10 @@ bool sqlite_state_db::load_item(db_item_type type, const std::string& id,
 bool sqlite_state_db::has_saved_state() { return impl_->has_saved_state(); }
 
 void sqlite_state_db::begin_save() { impl_->begin_save(); }
+
+void sqlite_state_db::begin_load() { impl_->begin_load(); }
+
+void sqlite_state_db::end_load() noexcept { impl_->end_load(); }
 
 save_counts sqlite_state_db::last_save_counts() const { return impl_->last_save_counts(); }
 

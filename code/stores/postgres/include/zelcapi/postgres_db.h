@@ -54,6 +54,8 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
   bool has_saved_state() override;
   void begin_save() override;
+  void begin_load() override;
+  void end_load() noexcept override;
 
   save_counts last_save_counts() const;
   // Heap bytes that the digests of the committed records take.
@@ -74,7 +76,7 @@ class ZELCAPI_POSTGRES_EXPORT postgres_history_db final : public history_db {
  public:
   // As postgres_state_db's constructor (one connection); the database may be a state store's.
   explicit postgres_history_db(const std::string& conninfo);
-  // Commits a batch left open.
+  // Rolls back a batch left open (begin_batch without its end_batch): none of it is kept.
   ~postgres_history_db() override;
   postgres_history_db(const postgres_history_db&) = delete;
   postgres_history_db& operator=(const postgres_history_db&) = delete;

@@ -65,6 +65,8 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
   bool has_saved_state() override;
   void begin_save() override;
+  void begin_load() override;
+  void end_load() noexcept override;
 
   save_counts last_save_counts() const;
   // Heap bytes that the digests of the committed records take.
@@ -83,7 +85,7 @@ class ZELCAPI_SQLITE_EXPORT sqlite_history_db final : public history_db {
  public:
   // As sqlite_state_db's constructor; the file may be the same as a state store's.
   explicit sqlite_history_db(const std::string& path, const sqlite_options& options = {});
-  // Commits a batch left open.
+  // Rolls back a batch left open (begin_batch without its end_batch): none of it is kept.
   ~sqlite_history_db() override;
   sqlite_history_db(const sqlite_history_db&) = delete;
   sqlite_history_db& operator=(const sqlite_history_db&) = delete;

@@ -13,7 +13,9 @@
 // - Outside a save, store_item and remove_item write one record each, in their own transaction;
 //   clear deletes everything in one.
 // - Loads read through a second connection, so that a saver thread may write meanwhile, and see
-//   the last committed save, never one in progress.
+//   the last committed save, never one in progress. The reads between begin_load and end_load
+//   (a load of set_and_update_from_state_db) are one read transaction: they see one save whole
+//   even when another connection commits the next one in their middle.
 // - Errors raise zelbase::es::uspec with the database's own text; a stored record whose JSON
 //   cannot be read raises it naming its table and id; a kind outside 0 to 7 raises es::arg.
 #pragma once
