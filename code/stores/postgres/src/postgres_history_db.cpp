@@ -40,44 +40,56 @@ struct postgres_history_db::impl {
     postgres_detail::ensure_schema(db, layout, std::size(layout));
   }
 
-  // Runs a statement with the lock held. Outside a batch a lost connection is opened again, and
-  // a statement that found it lost runs again once (every statement here is idempotent); inside
-  // a batch it is not, so that the batch's writes stay one transaction.
-  result run(const char* sql, const std::vector<std::string>& params) {
+  // Runs `body` (statements) with the lock held. Outside a batch a lost connection is opened
+  // again, and a body that found it lost runs again once (every statement here is idempotent);
+  // inside a batch it is not, so that the batch's writes stay one transaction, and a failed
+  // statement rolls the batch back.
+  template <class F>
+  auto attempt(F&& body) {
     if (batch_depth > 0) {
       if (batch_failed) db.fail("the batch was rolled back after an error; end_batch ends it");
       try {
-        return db.exec(sql, params);
+        return body();
       } catch (...) {
-        batch_failed = true;
-        db.rollback_quietly();
+        // A record that could not be read leaves the batch's transaction as it was.
+        if (db.lost() || db.transaction_failed()) {
+          batch_failed = true;
+          db.rollback_quietly();
+        }
         throw;
       }
     }
     db.ensure_open();
     try {
-      return db.exec(sql, params);
+      return body();
     } catch (...) {
       if (!db.lost()) throw;
     }
     db.ensure_open();
-    return db.exec(sql, params);
+    return body();
   }
 
-  // The records that `r` holds (id, record), those for which `keep` holds.
+  result run(const char* sql, const std::vector<std::string>& params) {
+    return attempt([&] { return db.exec(sql, params); });
+  }
+
+  // The records that `sql` selects (id, record) as they arrive, those for which `keep` holds.
   template <class F>
-  properties_cptr collect(const result& r, F&& keep) {
-    zelcore::properties::container children;
-    std::string id;
-    for (int row = 0; row < r.rows(); ++row) {
-      if (!postgres_detail::decode_id(r.text(row, 0), id)) db.fail("malformed id in table history");
-      zelcore::properties record =
-          postgres_detail::decode_record(db, "history", id, r.text(row, 1));
-      if (keep(record))
-        children.emplace_back(id,
-                              zelcore::property_ptr(new zelcore::properties(std::move(record))));
-    }
-    return properties_cptr(new zelcore::properties(std::move(children)));
+  properties_cptr collect(const char* sql, const std::vector<std::string>& params, F&& keep) {
+    return attempt([&] {
+      zelcore::properties::container children;
+      std::string id;
+      db.stream(sql, params, [&](const result& r, int row) {
+        if (!postgres_detail::decode_id(r.text(row, 0), id))
+          db.fail("malformed id in table history");
+        zelcore::properties record =
+            postgres_detail::decode_record(db, "history", id, r.text(row, 1));
+        if (keep(record))
+          children.emplace_back(id,
+                                zelcore::property_ptr(new zelcore::properties(std::move(record))));
+      });
+      return properties_cptr(new zelcore::properties(std::move(children)));
+    });
   }
 
   std::mutex lock;
@@ -99,7 +111,7 @@ const std::string& postgres_history_db::server() const noexcept { return impl_->
 properties_cptr postgres_history_db::load_items(db_item_type type) {
   const std::string kind = kind_name(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
-  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}),
+  return impl_->collect("SELECT id, record::text FROM history WHERE kind = $1", {kind},
                         [](const zelcore::properties&) { return true; });
 }
 
@@ -177,13 +189,12 @@ properties_cptr postgres_history_db::load_items_where(db_item_type type, const s
   };
   std::lock_guard<std::mutex> hold(impl_->lock);
   if (!selectable(key, value))
-    return impl_->collect(
-        impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}), matches);
+    return impl_->collect("SELECT id, record::text FROM history WHERE kind = $1", {kind}, matches);
   // A record in the {"~o": ...} form hides its keys from ->>: it is read and checked.
-  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1 AND"
-                                   " (record->>$2 = $3 OR record ? '~o')",
-                                   {kind, key, value}),
-                        matches);
+  return impl_->collect(
+      "SELECT id, record::text FROM history WHERE kind = $1 AND (record->>$2 = $3 OR record ? "
+      "'~o')",
+      {kind, key, value}, matches);
 }
 
 void postgres_history_db::clear() {

@@ -93,17 +93,14 @@ struct postgres_state_db::impl final : store_detail::state_store {
   // spacing, which the digest of the record's tree does not see).
   void scan_records(std::size_t kind, const record_visitor& visit) override {
     end_copy();
-    const result r = writer.exec(for_table("SELECT id, record::text FROM @", record_tables[kind]));
-    std::string id;
-    for (int row = 0; row < r.rows(); ++row)
-      visit(decoded_id(kind, r.text(row, 0), id), r.text(row, 1));
+    stream_records(writer, kind, visit);
   }
 
   void scan_ids(std::size_t kind, const id_visitor& visit) override {
     end_copy();
-    const result r = writer.exec(for_table("SELECT id FROM @", record_tables[kind]));
     std::string id;
-    for (int row = 0; row < r.rows(); ++row) visit(decoded_id(kind, r.text(row, 0), id));
+    writer.stream(for_table("SELECT id FROM @", record_tables[kind]).c_str(), {},
+                  [&](const result& r, int row) { visit(decoded_id(kind, r.text(row, 0), id)); });
   }
 
   // In a save, the record joins the COPY of its kind; outside one it is upserted.
@@ -166,10 +163,7 @@ struct postgres_state_db::impl final : store_detail::state_store {
   void end_snapshot() noexcept override { reader.rollback_quietly(); }
 
   void read_records(std::size_t kind, const record_visitor& visit) override {
-    const result r = reader.exec(for_table("SELECT id, record::text FROM @", record_tables[kind]));
-    std::string id;
-    for (int row = 0; row < r.rows(); ++row)
-      visit(decoded_id(kind, r.text(row, 0), id), r.text(row, 1));
+    stream_records(reader, kind, visit);
   }
 
   bool read_record(std::size_t kind, std::string_view id,
@@ -183,13 +177,12 @@ struct postgres_state_db::impl final : store_detail::state_store {
   }
 
   void read_results(const result_visitor& visit) override {
-    const result r = reader.exec("SELECT id, status, ht FROM workflow_results");
     std::string id;
-    for (int row = 0; row < r.rows(); ++row) {
+    reader.stream("SELECT id, status, ht FROM workflow_results", {}, [&](const result& r, int row) {
       if (!postgres_detail::decode_id(r.text(row, 0), id))
         fail("malformed id in table workflow_results");
       visit(id, r.integer(row, 1), r.integer(row, 2));
-    }
+    });
   }
 
   bool read_sequence_number(std::uint64_t& out) override {
@@ -197,6 +190,15 @@ struct postgres_state_db::impl final : store_detail::state_store {
     if (r.rows() == 0) return false;
     out = static_cast<std::uint64_t>(r.integer(0, 0));
     return true;
+  }
+
+  // Each row of a kind's table, read as it arrives.
+  void stream_records(connection& db, std::size_t kind, const record_visitor& visit) {
+    std::string id;
+    db.stream(for_table("SELECT id, record::text FROM @", record_tables[kind]).c_str(), {},
+              [&](const result& r, int row) {
+                visit(decoded_id(kind, r.text(row, 0), id), r.text(row, 1));
+              });
   }
 
   // The id of a row's text; raises for text that no store writes.
