@@ -395,6 +395,12 @@ TEST(PostgresConnection, MalformedConnectionStringsAreOneClearLine) {
   const std::string with_password = uspec_of([] { postgres_state_db db("password=s3cret hots"); });
   EXPECT_EQ(with_password.find("s3cret"), std::string::npos) << with_password;
   EXPECT_EQ(with_password.rfind("PostgreSQL store '(malformed connection string)': ", 0), 0u);
+  // A keyword that libpq refuses is named even beside a password; a value never is.
+  EXPECT_EQ(uspec_of([] { postgres_state_db db("hots=x dbname=y password=s3cret"); }),
+            "PostgreSQL store '(malformed connection string)': invalid connection option \"hots\"");
+  const std::string in_uri =
+      uspec_of([] { postgres_state_db db("postgresql://someone:s3cret@[::1/cluster"); });
+  EXPECT_EQ(in_uri.find("s3cret"), std::string::npos) << in_uri;
 }
 
 TEST(PostgresConnection, UnreachableServerIsOneClearLine) {

@@ -3,6 +3,7 @@
 #include "postgres_connection.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -36,25 +37,46 @@ void replace_all(std::string& text, const std::string& what, const std::string& 
     text.replace(at, what.size(), with);
 }
 
-// A malformed string may quote a fragment of itself that holds the password: such fragments are
-// left out whenever the string could hold one.
-std::string without_quoted(const std::string& text) {
-  std::string out;
-  bool quoted = false;
-  for (const char c : text) {
-    if (c == '"') {
-      out += quoted ? "\"" : "\"...";
-      quoted = !quoted;
-    } else if (!quoted) {
-      out += c;
-    }
+// Whether `fragment` stands in `conninfo` as a keyword: at its start or after a space, and
+// followed by "=" (spaces allowed), so that it is no value and no part of one.
+bool is_keyword_of(const std::string& conninfo, const std::string& fragment) {
+  if (fragment.empty()) return false;
+  for (std::size_t at = conninfo.find(fragment); at != std::string::npos;
+       at = conninfo.find(fragment, at + 1)) {
+    if (at > 0 && !std::isspace(static_cast<unsigned char>(conninfo[at - 1]))) continue;
+    std::size_t after = at + fragment.size();
+    while (after < conninfo.size() && std::isspace(static_cast<unsigned char>(conninfo[after])))
+      ++after;
+    if (after < conninfo.size() && conninfo[after] == '=') return true;
   }
-  return out;
+  return false;
 }
 
 bool may_hold_password(const std::string& conninfo) {
   return conninfo.find("password") != std::string::npos ||
          (conninfo.find("://") != std::string::npos && conninfo.find('@') != std::string::npos);
+}
+
+// libpq's text of a string that it cannot read quotes a fragment of the string; when the string
+// could hold a password, only fragments that are its keywords ("hots" of an invalid option) are
+// kept, any other becomes "...".
+std::string malformed_text(const std::string& conninfo, const std::string& why) {
+  if (!may_hold_password(conninfo)) return why;
+  std::string out;
+  for (std::size_t at = 0; at < why.size();) {
+    const std::size_t open = why.find('"', at);
+    const std::size_t close = open == std::string::npos ? open : why.find('"', open + 1);
+    if (close == std::string::npos) {
+      out += why.substr(at);
+      break;
+    }
+    const std::string fragment = why.substr(open + 1, close - open - 1);
+    out += why.substr(at, open - at + 1);
+    out += is_keyword_of(conninfo, fragment) ? fragment : "...";
+    out += '"';
+    at = close + 1;
+  }
+  return out;
 }
 
 int hex_digit(char c) {
@@ -153,7 +175,7 @@ connection::connection(const std::string& conninfo) {
     std::string why = one_line(error ? error : "out of memory");
     PQfreemem(error);
     server_ = "(malformed connection string)";
-    fail(may_hold_password(conninfo) ? without_quoted(why) : why);
+    fail(malformed_text(conninfo, why));
   }
   for (const char* shown : {"service", "host", "hostaddr", "port", "dbname", "user"}) {
     for (const PQconninfoOption* o = options; o->keyword; ++o) {
