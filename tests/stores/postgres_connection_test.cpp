@@ -4,16 +4,12 @@
 // answers gives up after the time-out.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
 
 #include "postgres_connection.h"
 #include "stores/store_test_support.h"
 #include "support/postgres_server.h"
 #include "support/raised_message.h"
+#include "support/silent_socket.h"
 #include "zelbase/exceptions.h"
 
 using zelcapi::postgres_detail::connection;
@@ -55,20 +51,13 @@ TEST(PostgresConnection, TimeOutOfTheEnvironmentComesBeforeTheDefault) {
 }
 
 TEST(PostgresConnection, ServerThatNeverAnswersIsGivenUpAfterTheTimeOut) {
-  // A socket where a server would be, which takes connections and never answers them.
   zeltest::scratch_dir dir;
-  const std::string socket_path = dir.file(".s.PGSQL.5432");
-  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_GE(listener, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket_path.c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 8), 0);
-  const std::string silent = dir.file("");
+  const std::string socket_dir = dir.file("");
+  zeltest::silent_socket hung(dir.file(".s.PGSQL.5432"));
   const std::string message = zeltest::raised_message<zelbase::es::uspec>([&] {
-    connection c("host=" + silent.substr(0, silent.size() - 1) + " dbname=x connect_timeout=2");
+    connection c("host=" + socket_dir.substr(0, socket_dir.size() - 1) +
+                 " dbname=x connect_timeout=2");
   });
-  ::close(listener);
   EXPECT_NE(message.find("timeout expired"), std::string::npos) << message;
+  EXPECT_EQ(hung.connections(), 1u);
 }
