@@ -1,9 +1,10 @@
 // The typed state_db and history_db suites on the stores inside the process: in memory, SQLite,
-// and SQLite behind a forwarding_state_db.
+// and SQLite behind a forwarding_state_db; the database stores' own suites on SQLite.
 #include <gtest/gtest.h>
 
 #include <memory>
 
+#include "stores/database_store_suite.h"
 #include "stores/history_db_suite.h"
 #include "stores/incremental_save_suite.h"
 #include "stores/state_db_suite.h"
@@ -48,6 +49,9 @@ struct counting_sqlite_store {
   using db = zelcapi::sqlite_state_db;
   static std::string location(const zeltest::scratch_dir& dir) { return dir.file("state.db"); }
   static std::unique_ptr<db> open(const std::string& path) { return std::make_unique<db>(path); }
+  static std::unique_ptr<history_db> open_history(const std::string& path) {
+    return std::make_unique<zelcapi::sqlite_history_db>(path);
+  }
 };
 
 struct memory_history {
@@ -85,3 +89,4 @@ TEST(SqliteHistoryDb, SharesAFileWithTheStateStoreAndKeepsRecordsOnReopen) {
   EXPECT_EQ(zelcapi::sqlite_state_db(path).load_workflow_sequence_number(), 3u);
 }
 INSTANTIATE_TYPED_TEST_SUITE_P(SqliteIncrementalSave, IncrementalSaveTest, counting_sqlite_store);
+INSTANTIATE_TYPED_TEST_SUITE_P(SqliteDatabaseStore, DatabaseStoreTest, counting_sqlite_store);

@@ -20,6 +20,7 @@
 #include "stores/store_test_support.h"
 #include "support/postgres_server.h"
 #include "support/raised_message.h"
+#include "support/resident_memory.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/postgres_db.h"
 
@@ -147,6 +148,26 @@ TEST_F(PostgresStateDbTest, ReadersOfOtherConnectionsSeeThePreviousSaveWholeUnti
   db.store_workflow_sequence_number(2);
   EXPECT_EQ(count("SELECT count(*) FROM jobs WHERE (record->>'status')::int = 99"), 1000);
   EXPECT_EQ(reader.load_workflow_sequence_number(), 2u);
+}
+
+TEST_F(PostgresStateDbTest, LoadHoldsARowAtATimeNotTheWholeTable) {
+  if (zeltest::sanitized_allocator()) GTEST_SKIP() << "resident sizes mean nothing here";
+  // 2,000 records of 16 KiB: a table of 32 MiB, whose rows libpq would hold whole at once.
+  save_jobs(db, jobs(2000, 1, 16 * 1024), 1);
+  const std::int64_t row_bytes = count("SELECT sum(length(id) + length(record::text)) FROM jobs");
+  const std::size_t before = zeltest::resident_bytes();
+  ASSERT_TRUE(zeltest::reset_resident_peak());
+  zelcapi::properties_cptr loaded = db.load_items(db_item_job);
+  const std::size_t peak = zeltest::resident_peak_bytes();
+  const std::size_t held = zeltest::resident_bytes();  // the loaded records
+  ASSERT_EQ(loaded->size(), 2000u);
+  // Beyond the records it returns, a load holds a few rows at most, not the table.
+  const auto signed_bytes = [](std::size_t n) { return static_cast<std::int64_t>(n); };
+  const std::int64_t passing = signed_bytes(peak) - signed_bytes(held);
+  std::cout << "rows " << row_bytes << " bytes; load held "
+            << signed_bytes(held) - signed_bytes(before) << " bytes after, " << passing
+            << " bytes more at its peak\n";
+  EXPECT_LT(passing, row_bytes / 8);
 }
 
 namespace {
@@ -374,6 +395,12 @@ TEST(PostgresConnection, MalformedConnectionStringsAreOneClearLine) {
   const std::string with_password = uspec_of([] { postgres_state_db db("password=s3cret hots"); });
   EXPECT_EQ(with_password.find("s3cret"), std::string::npos) << with_password;
   EXPECT_EQ(with_password.rfind("PostgreSQL store '(malformed connection string)': ", 0), 0u);
+  // A keyword that libpq refuses is named even beside a password; a value never is.
+  EXPECT_EQ(uspec_of([] { postgres_state_db db("hots=x dbname=y password=s3cret"); }),
+            "PostgreSQL store '(malformed connection string)': invalid connection option \"hots\"");
+  const std::string in_uri =
+      uspec_of([] { postgres_state_db db("postgresql://someone:s3cret@[::1/cluster"); });
+  EXPECT_EQ(in_uri.find("s3cret"), std::string::npos) << in_uri;
 }
 
 TEST(PostgresConnection, UnreachableServerIsOneClearLine) {

@@ -1,9 +1,10 @@
-// The typed state_db and history_db suites on the PostgreSQL stores, each test on a fresh
-// database of the binary's private server.
+// The typed state_db, history_db and database store suites on the PostgreSQL stores, each test
+// on a fresh database of the binary's private server.
 #include <gtest/gtest.h>
 
 #include <memory>
 
+#include "stores/database_store_suite.h"
 #include "stores/history_db_suite.h"
 #include "stores/incremental_save_suite.h"
 #include "stores/state_db_suite.h"
@@ -36,6 +37,9 @@ struct counting_postgres_store {
   static std::unique_ptr<db> open(const std::string& conninfo) {
     return std::make_unique<db>(conninfo);
   }
+  static std::unique_ptr<zelcapi::history_db> open_history(const std::string& conninfo) {
+    return std::make_unique<zelcapi::postgres_history_db>(conninfo);
+  }
 };
 
 }  // namespace
@@ -44,3 +48,4 @@ INSTANTIATE_TYPED_TEST_SUITE_P(PostgresStateDb, StateDbTest, postgres_store);
 INSTANTIATE_TYPED_TEST_SUITE_P(PostgresHistoryDb, HistoryDbTest, postgres_history);
 INSTANTIATE_TYPED_TEST_SUITE_P(PostgresIncrementalSave, IncrementalSaveTest,
                                counting_postgres_store);
+INSTANTIATE_TYPED_TEST_SUITE_P(PostgresDatabaseStore, DatabaseStoreTest, counting_postgres_store);

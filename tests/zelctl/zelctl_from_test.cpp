@@ -129,3 +129,55 @@ TEST(ZelctlFromErrors, MirrorWithoutASaveYetIsSaidSo) {
   EXPECT_EQ(r.err,
             "zelctl: the mirror at --from '" + dir.file("empty.db") + "' holds no save yet\n");
 }
+
+namespace {
+
+// That nothing the run wrote holds `secret`.
+void expect_never_said(const result& r, const std::string& secret) {
+  EXPECT_EQ(r.out.find(secret), std::string::npos) << r.out;
+  EXPECT_EQ(r.err.find(secret), std::string::npos) << r.err;
+}
+
+}  // namespace
+
+TEST(ZelctlFromErrors, MalformedConnectionStringIsLibpqsMessageAndExitOneWithoutThePassword) {
+  const std::string db = "hots=db.example dbname=cluster password=Hunter2xyzzy";
+  for (const auto& args : {std::vector<std::string>{"state", "--count", "--from", db},
+                           std::vector<std::string>{"history", "--kind", "jobs", "--from", db}}) {
+    const result r = run(args);
+    EXPECT_EQ(r.code, 1) << r.err;
+    expect_one_line(r.err);
+    EXPECT_NE(r.err.find("invalid connection option \"hots\""), std::string::npos) << r.err;
+    expect_never_said(r, "Hunter2xyzzy");
+  }
+}
+
+TEST(ZelctlFromErrors, MalformedUriWithAPasswordIsNotRepeated) {
+  const result r = run({"state", "--from", "postgresql://someone:Hunter2xyzzy@[::1/cluster"});
+  EXPECT_EQ(r.code, 1) << r.err;
+  expect_one_line(r.err);
+  EXPECT_NE(r.err.find("IPv6"), std::string::npos) << r.err;
+  expect_never_said(r, "Hunter2xyzzy");
+}
+
+TEST(ZelctlFromErrors, MalformedConnectionStringMakesNoFileOfItsName) {
+  temp_dir dir;
+  const std::string db = "dbname=cluster hots=db.example";
+  const result r = run_in(dir.path, {"--simulate", "mirror", "--db", db, "--duration", "1"});
+  EXPECT_EQ(r.code, 1) << r.out << r.err;
+  expect_one_line(r.err);
+  EXPECT_NE(r.err.find("invalid connection option \"hots\""), std::string::npos) << r.err;
+  EXPECT_FALSE(std::ifstream(dir.file(db)).good()) << "an SQLite file named after the string";
+}
+
+TEST(ZelctlFromErrors, PathThatDoesNotBeginWithAKeywordIsAFile) {
+  temp_dir dir;
+  // "./" keeps a file name with "=" from looking like key=value pairs.
+  const result r = run_in(dir.path, {"state", "--from", "./dbname=cluster.sqlite"});
+  EXPECT_EQ(r.code, 3) << r.err;
+  EXPECT_EQ(r.err, "zelctl: no mirror at --from './dbname=cluster.sqlite': no such file\n");
+  const result made = run_in(dir.path, {"--simulate", "mirror", "--db", "./dbname=cluster.sqlite",
+                                        "--duration", "0.5", "--save-interval", "0.2"});
+  EXPECT_EQ(made.code, 0) << made.err;
+  EXPECT_TRUE(std::ifstream(dir.file("dbname=cluster.sqlite")).good());
+}

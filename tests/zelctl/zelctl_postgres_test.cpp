@@ -1,14 +1,15 @@
 // zelctl with a PostgreSQL database as the mirror, on the test binary's private server: the
 // mirror keeps the server's tables current and psql answers a jsonb query while saves go on, a
 // server restart loses no committed save and the mirror's next save succeeds, state and history
-// read the server with --from, and a connection string that holds a password is refused
-// without being echoed.
+// read the server with --from, a connection string that holds a password is refused without
+// being echoed, and a server outage is said once when it begins and once when it ends.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
 
 #include "support/postgres_server.h"
+#include "support/silent_socket.h"
 #include "zelctl_test_support.h"
 
 using namespace zelctl_test;
@@ -123,7 +124,52 @@ TEST(ZelctlPostgres, ServerThatCannotBeReachedIsOneLineAndExitThree) {
   const result r = run({"state", "--from", "host=/nonexistent-dir dbname=mirror"});
   EXPECT_EQ(r.code, 3);
   EXPECT_EQ(lines_of(r.err).size(), 1u) << r.err;
-  EXPECT_EQ(r.err.rfind("zelctl: cannot open --from 'host=/nonexistent-dir dbname=mirror': ", 0),
+  EXPECT_EQ(r.err.rfind("zelctl: cannot open --from: PostgreSQL store 'host=/nonexistent-dir "
+                        "dbname=mirror': connection to server on socket",
+                        0),
             0u)
       << r.err;
+}
+
+TEST(ZelctlPostgres, ServerOutageIsSaidOnceWhenItGoesAndOnceWhenItIsBack) {
+  const std::string db = server().fresh_database() + " connect_timeout=2";
+  process mirror({"--simulate", "--rate", "400", "mirror", "--db", db, "--save-interval", "0.2"});
+  ASSERT_TRUE(mirror.wait_for_output("saved ")) << mirror.err();
+  server().stop_immediately();
+  {
+    // While the server is down, a socket in its place takes the mirror's connections and never
+    // answers, as a hung server would: each save waits for its connect time-out, and the saves
+    // asked for meanwhile find the previous one still running.
+    zeltest::silent_socket hung(server().socket_dir() + "/.s.PGSQL.5432");
+    ASSERT_TRUE(hung.wait_for_connections(4, std::chrono::seconds(60)))
+        << hung.connections() << " connections\n"
+        << mirror.out() << mirror.err();
+  }
+  server().start();
+  ASSERT_TRUE(mirror.wait_for_output(" is back after ", std::chrono::seconds(60)))
+      << mirror.out() << mirror.err();
+  const std::size_t saves_back = lines_with(mirror.out(), "saved ");
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (lines_with(mirror.out(), "saved ") < saves_back + 2 &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  mirror.signal(SIGTERM);
+  ASSERT_EQ(mirror.wait(), 0) << mirror.err();
+
+  // One line when the server went, one when it came back; nothing between. (A save slower than
+  // the interval, as the first after the restart may be, is said once it ends: not a failure.)
+  const std::string out = mirror.out(), err = mirror.err();
+  EXPECT_EQ(lines_with(err, "the mirror's store is failing: "), 1u) << err;
+  EXPECT_EQ(lines_of(err).size(),
+            1u + lines_with(err, " skipped while the one before was still writing"))
+      << err;
+  EXPECT_EQ(err.find(db), std::string::npos) << err;
+  ASSERT_EQ(lines_with(out, " is back after "), 1u) << out;
+  // "... is back after 9.1 s: 41 saves failed or skipped, 12 history writes held ..."
+  const std::string back = out.substr(out.find(" is back after "));
+  const std::size_t saves_at = back.find(": ") + 2;
+  EXPECT_GE(std::stoul(back.substr(saves_at)), 4u) << back;
+  EXPECT_NE(back.find(" saves failed or skipped"), std::string::npos) << back;
+  EXPECT_NE(back.find(" history writes held"), std::string::npos) << back;
+  EXPECT_GE(lines_with(out, "saved "), saves_back + 2) << out;
 }

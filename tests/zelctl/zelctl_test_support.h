@@ -31,6 +31,14 @@ inline result run(const std::vector<std::string>& args, const std::string& input
   return zeltest::run_program(ZELCTL_PROGRAM, args, input);
 }
 
+// Runs the program to its end in the directory `dir`, where relative file names land.
+inline result run_in(const std::string& dir, const std::vector<std::string>& args) {
+  std::vector<std::string> shell{"-c", "cd \"$1\" && shift && exec \"$@\"", "sh", dir,
+                                 ZELCTL_PROGRAM};
+  shell.insert(shell.end(), args.begin(), args.end());
+  return zeltest::run_program("/bin/sh", shell);
+}
+
 // A simulated cluster: three nodes on free ports, master node 1, user demo/demo and admin
 // root/rootpw, the workload paused until a test lets it run.
 inline zelsim::options cluster_options(std::uint16_t port = 0, std::uint64_t seed = 1) {

@@ -2,7 +2,11 @@
 // login, never with the password), statements, COPY streams, and the text forms of ids.
 #include "postgres_connection.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "zelbase/exceptions.h"
 
@@ -33,25 +37,46 @@ void replace_all(std::string& text, const std::string& what, const std::string& 
     text.replace(at, what.size(), with);
 }
 
-// A malformed string may quote a fragment of itself that holds the password: such fragments are
-// left out whenever the string could hold one.
-std::string without_quoted(const std::string& text) {
-  std::string out;
-  bool quoted = false;
-  for (const char c : text) {
-    if (c == '"') {
-      out += quoted ? "\"" : "\"...";
-      quoted = !quoted;
-    } else if (!quoted) {
-      out += c;
-    }
+// Whether `fragment` stands in `conninfo` as a keyword: at its start or after a space, and
+// followed by "=" (spaces allowed), so that it is no value and no part of one.
+bool is_keyword_of(const std::string& conninfo, const std::string& fragment) {
+  if (fragment.empty()) return false;
+  for (std::size_t at = conninfo.find(fragment); at != std::string::npos;
+       at = conninfo.find(fragment, at + 1)) {
+    if (at > 0 && !std::isspace(static_cast<unsigned char>(conninfo[at - 1]))) continue;
+    std::size_t after = at + fragment.size();
+    while (after < conninfo.size() && std::isspace(static_cast<unsigned char>(conninfo[after])))
+      ++after;
+    if (after < conninfo.size() && conninfo[after] == '=') return true;
   }
-  return out;
+  return false;
 }
 
 bool may_hold_password(const std::string& conninfo) {
   return conninfo.find("password") != std::string::npos ||
          (conninfo.find("://") != std::string::npos && conninfo.find('@') != std::string::npos);
+}
+
+// libpq's text of a string that it cannot read quotes a fragment of the string; when the string
+// could hold a password, only fragments that are its keywords ("hots" of an invalid option) are
+// kept, any other becomes "...".
+std::string malformed_text(const std::string& conninfo, const std::string& why) {
+  if (!may_hold_password(conninfo)) return why;
+  std::string out;
+  for (std::size_t at = 0; at < why.size();) {
+    const std::size_t open = why.find('"', at);
+    const std::size_t close = open == std::string::npos ? open : why.find('"', open + 1);
+    if (close == std::string::npos) {
+      out += why.substr(at);
+      break;
+    }
+    const std::string fragment = why.substr(open + 1, close - open - 1);
+    out += why.substr(at, open - at + 1);
+    out += is_keyword_of(conninfo, fragment) ? fragment : "...";
+    out += '"';
+    at = close + 1;
+  }
+  return out;
 }
 
 int hex_digit(char c) {
@@ -61,6 +86,14 @@ int hex_digit(char c) {
 }
 
 void ignore_notice(void*, const char*) {}
+
+// The settings that a connection string (or, for the time-out, PGCONNECT_TIMEOUT) does not give
+// are these: a connection attempt gives up after 10 s, and an idle connection whose server stops
+// answering is found dead after about a minute (30 s idle, then 3 probes 10 s apart).
+constexpr std::pair<const char*, const char*> default_settings[] = {
+    {"connect_timeout", "10"},     {"keepalives", "1"},       {"keepalives_idle", "30"},
+    {"keepalives_interval", "10"}, {"keepalives_count", "3"},
+};
 
 }  // namespace
 
@@ -135,14 +168,14 @@ zelcore::properties decode_record(const connection& db, const char* table, std::
   return store_detail::read_stored_record(db, table, id, json, strings);
 }
 
-connection::connection(const std::string& conninfo) : conninfo_(conninfo) {
+connection::connection(const std::string& conninfo) {
   char* error = nullptr;
   PQconninfoOption* options = PQconninfoParse(conninfo.c_str(), &error);
   if (!options) {
     std::string why = one_line(error ? error : "out of memory");
     PQfreemem(error);
     server_ = "(malformed connection string)";
-    fail(may_hold_password(conninfo) ? without_quoted(why) : why);
+    fail(malformed_text(conninfo, why));
   }
   for (const char* shown : {"service", "host", "hostaddr", "port", "dbname", "user"}) {
     for (const PQconninfoOption* o = options; o->keyword; ++o) {
@@ -153,16 +186,43 @@ connection::connection(const std::string& conninfo) : conninfo_(conninfo) {
   }
   for (const PQconninfoOption* o = options; o->keyword; ++o) {
     if (std::strcmp(o->keyword, "password") == 0 && o->val) password_ = o->val;
+    if (o->val) settings_.emplace_back(o->keyword, o->val);
   }
   PQconninfoFree(options);
   if (server_.empty()) server_ = "(libpq defaults)";
+  // A server that does not answer, or a link that dies without a word (a host gone, a firewall
+  // dropping the session), must not hold a save or a load for the operating system's minutes.
+  for (const auto& [keyword, value] : default_settings) {
+    const bool set = std::any_of(settings_.begin(), settings_.end(),
+                                 [&](const auto& setting) { return setting.first == keyword; });
+    const bool from_environment =
+        std::strcmp(keyword, "connect_timeout") == 0 && std::getenv("PGCONNECT_TIMEOUT");
+    if (!set && !from_environment) settings_.emplace_back(keyword, value);
+  }
   _connect();
+}
+
+std::string connection::setting(const char* keyword) const {
+  std::string value;
+  PQconninfoOption* options = PQconninfo(conn_.get());
+  for (const PQconninfoOption* o = options; o && o->keyword; ++o) {
+    if (std::strcmp(o->keyword, keyword) == 0 && o->val) value = o->val;
+  }
+  PQconninfoFree(options);
+  return value;
 }
 
 void connection::_connect() {
   copying_ = false;
   broken_ = false;
-  conn_.reset(PQconnectdb(conninfo_.c_str()));
+  std::vector<const char*> keywords, values;
+  for (const auto& [keyword, value] : settings_) {
+    keywords.push_back(keyword.c_str());
+    values.push_back(value.c_str());
+  }
+  keywords.push_back(nullptr);
+  values.push_back(nullptr);
+  conn_.reset(PQconnectdbParams(keywords.data(), values.data(), 0));
   if (!conn_) fail("out of memory");
   if (PQstatus(conn_.get()) != CONNECTION_OK) fail_last();
   // Notices ("relation already exists, skipping") are not errors and go nowhere.
@@ -179,14 +239,17 @@ result connection::_checked(PGresult* r, ExecStatusType expected) {
   result out(r);
   if (!r) fail_last();
   const ExecStatusType status = PQresultStatus(r);
-  if (status != expected && !(expected == PGRES_TUPLES_OK && status == PGRES_COMMAND_OK)) {
-    const char* state = PQresultErrorField(r, PG_DIAG_SQLSTATE);
-    if (!state || std::strncmp(state, "08", 2) == 0 || std::strncmp(state, "57P", 3) == 0)
-      broken_ = true;
-    const char* primary = PQresultErrorField(r, PG_DIAG_MESSAGE_PRIMARY);
-    fail(one_line(primary ? primary : PQresultErrorMessage(r)));
-  }
+  if (status != expected && !(expected == PGRES_TUPLES_OK && status == PGRES_COMMAND_OK))
+    _fail_with(out);
   return out;
+}
+
+void connection::_fail_with(const result& r) const {
+  const char* state = r.error_field(PG_DIAG_SQLSTATE);
+  if (!state || std::strncmp(state, "08", 2) == 0 || std::strncmp(state, "57P", 3) == 0)
+    broken_ = true;
+  const char* primary = r.error_field(PG_DIAG_MESSAGE_PRIMARY);
+  fail(one_line(primary ? primary : r.error_message()));
 }
 
 result connection::exec(const std::string& sql) {
@@ -200,6 +263,36 @@ result connection::exec(const char* sql, const std::vector<std::string>& params)
   return _checked(PQexecParams(conn_.get(), sql, static_cast<int>(values.size()), nullptr,
                                values.data(), nullptr, nullptr, 0),
                   PGRES_TUPLES_OK);
+}
+
+void connection::stream(const char* sql, const std::vector<std::string>& params,
+                        const row_visitor& visit) {
+  std::vector<const char*> values;
+  values.reserve(params.size());
+  for (const std::string& p : params) values.push_back(p.c_str());
+  if (!PQsendQueryParams(conn_.get(), sql, static_cast<int>(values.size()), nullptr, values.data(),
+                         nullptr, nullptr, 0))
+    fail_last();
+  // Refused only right after another statement; then the answer comes in one result, which the
+  // loop below reads as well.
+  PQsetSingleRowMode(conn_.get());
+  std::exception_ptr raised;  // by `visit`: the rest of the answer is read and dropped
+  std::unique_ptr<result> error;
+  while (PGresult* next = PQgetResult(conn_.get())) {
+    result answer(next);
+    const ExecStatusType status = PQresultStatus(next);
+    if (status == PGRES_SINGLE_TUPLE || status == PGRES_TUPLES_OK) {
+      try {
+        for (int row = 0; !raised && row < answer.rows(); ++row) visit(answer, row);
+      } catch (...) {
+        raised = std::current_exception();
+      }
+    } else if (!error) {
+      error = std::make_unique<result>(std::move(answer));
+    }
+  }
+  if (raised) std::rethrow_exception(raised);
+  if (error) _fail_with(*error);
 }
 
 void connection::copy_begin(const std::string& copy_sql) {
@@ -239,10 +332,14 @@ bool connection::transaction_failed() const noexcept {
   return PQtransactionStatus(conn_.get()) == PQTRANS_INERROR;
 }
 
-void connection::fail(const std::string& why) const {
+std::string connection::error_text(const std::string& why) const {
   std::string message = "PostgreSQL store '" + server_ + "': " + why;
   replace_all(message, password_, "***");
-  zelbase::es::uspec::raise(source_file, __LINE__, message);
+  return message;
+}
+
+void connection::fail(const std::string& why) const {
+  zelbase::es::uspec::raise(source_file, __LINE__, error_text(why));
 }
 
 void connection::fail_last() const {

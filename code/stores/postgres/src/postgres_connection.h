@@ -6,9 +6,11 @@
 #include <libpq-fe.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "json_record.h"
@@ -36,6 +38,9 @@ class result {
   }
   bool null(int row, int column) const noexcept { return PQgetisnull(r_.get(), row, column); }
   std::int64_t integer(int row, int column) const;
+  // A field of the error it holds (PG_DIAG_SQLSTATE, ...), null when there is none.
+  const char* error_field(int field) const noexcept { return PQresultErrorField(r_.get(), field); }
+  const char* error_message() const noexcept { return PQresultErrorMessage(r_.get()); }
 
  private:
   struct clearer {
@@ -46,14 +51,19 @@ class result {
 
 class connection {
  public:
-  // Connects to the server that `conninfo` names. Raises es::uspec when the string is malformed
-  // or the connection fails, with libpq's text on one line.
+  // Connects to the server that `conninfo` names, with a connect time-out of 10 s and TCP
+  // keepalives (30 s idle, 3 probes 10 s apart) unless the string sets them (or, for the
+  // time-out, PGCONNECT_TIMEOUT does). Raises es::uspec when the string is malformed or the
+  // connection fails, with libpq's text on one line.
   explicit connection(const std::string& conninfo);
   connection(const connection&) = delete;
   connection& operator=(const connection&) = delete;
 
   // Connects again when the connection was lost; raises as the constructor does.
   void ensure_open();
+  // The value of a connection setting (connect_timeout, keepalives_idle, ...) in effect on the
+  // open connection, as libpq reports it; "" when it has none.
+  std::string setting(const char* keyword) const;
   // Whether the connection is lost: libpq knows it, or a statement failed without the server's
   // answer or with an error of the connection (SQLSTATE class 08, 57P: shutdown, crash).
   bool lost() const noexcept { return broken_ || PQstatus(conn_.get()) != CONNECTION_OK; }
@@ -62,6 +72,12 @@ class connection {
   result exec(const std::string& sql);
   // Runs one statement with text parameters $1, $2, ...
   result exec(const char* sql, const std::vector<std::string>& params);
+  // Runs one statement with text parameters and calls `visit` with each row of its answer as it
+  // arrives (libpq's single-row mode: a result of one row each), so that a table of any size
+  // never lies in memory whole. When `visit` raises, the rest of the answer is read and dropped
+  // (the connection stays usable) and the exception passes on.
+  using row_visitor = std::function<void(const result& answer, int row)>;
+  void stream(const char* sql, const std::vector<std::string>& params, const row_visitor& visit);
   // Runs `copy_sql` (a COPY ... FROM STDIN) and streams `rows`' text to it.
   void copy_begin(const std::string& copy_sql);
   void copy_put(const std::string& rows);
@@ -76,6 +92,9 @@ class connection {
   bool transaction_failed() const noexcept;
 
   [[noreturn]] void fail(const std::string& why) const;
+  // The text of an error of this server: "PostgreSQL store '<server>': <why>", without the
+  // password.
+  std::string error_text(const std::string& why) const;
   // Raises libpq's last error (the server's text or the connection's failure).
   [[noreturn]] void fail_last() const;
   // The server as error texts name it (see postgres_state_db::server).
@@ -87,9 +106,12 @@ class connection {
   };
   void _connect();
   result _checked(PGresult* r, ExecStatusType expected);
+  // Raises the error that `r` holds, marking the connection lost when the error says so.
+  [[noreturn]] void _fail_with(const result& r) const;
 
-  std::string conninfo_;
   std::string server_;
+  // The keywords and values to connect with: the string's, then the defaults it leaves out.
+  std::vector<std::pair<std::string, std::string>> settings_;
   std::string password_;  // only to keep it out of error texts
   std::unique_ptr<PGconn, closer> conn_;
   bool copying_ = false;

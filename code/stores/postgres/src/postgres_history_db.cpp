@@ -1,11 +1,11 @@
 // The PostgreSQL history_db: one table of historized records with their kind, id and time.
 #include <mutex>
 
+#include "history_rows.h"
 #include "json_record.h"
 #include "postgres_connection.h"
 #include "postgres_schema.h"
 #include "zelbase/time.h"
-#include "zelcapi/memory_db.h"
 #include "zelcapi/postgres_db.h"
 
 namespace zelcapi {
@@ -13,6 +13,7 @@ namespace zelcapi {
 using postgres_detail::connection;
 using postgres_detail::encode_id;
 using postgres_detail::result;
+using store_detail::has_string;
 
 namespace {
 
@@ -30,17 +31,7 @@ bool selectable(const std::string& key, const std::string& value) {
          store_detail::is_utf8(value);
 }
 
-bool has_string(const zelcore::properties& record, const std::string& key,
-                const std::string& value) {
-  const zelcore::property_ptr field = record.get_property(key);
-  return field && field->kind() == zelcore::property::kind_string &&
-         static_cast<const zelcore::property_string&>(*field).value() == value;
-}
-
-std::string kind_name(db_item_type type) {
-  db_item_index(type, "history_db");
-  return db_item_type_c_str(static_cast<int>(type));
-}
+std::string kind_name(db_item_type type) { return std::string(store_detail::history_kind(type)); }
 
 }  // namespace
 
@@ -49,44 +40,56 @@ struct postgres_history_db::impl {
     postgres_detail::ensure_schema(db, layout, std::size(layout));
   }
 
-  // Runs a statement with the lock held. Outside a batch a lost connection is opened again, and
-  // a statement that found it lost runs again once (every statement here is idempotent); inside
-  // a batch it is not, so that the batch's writes stay one transaction.
-  result run(const char* sql, const std::vector<std::string>& params) {
+  // Runs `body` (statements) with the lock held. Outside a batch a lost connection is opened
+  // again, and a body that found it lost runs again once (every statement here is idempotent);
+  // inside a batch it is not, so that the batch's writes stay one transaction, and a failed
+  // statement rolls the batch back.
+  template <class F>
+  auto attempt(F&& body) {
     if (batch_depth > 0) {
       if (batch_failed) db.fail("the batch was rolled back after an error; end_batch ends it");
       try {
-        return db.exec(sql, params);
+        return body();
       } catch (...) {
-        batch_failed = true;
-        db.rollback_quietly();
+        // A record that could not be read leaves the batch's transaction as it was.
+        if (db.lost() || db.transaction_failed()) {
+          batch_failed = true;
+          db.rollback_quietly();
+        }
         throw;
       }
     }
     db.ensure_open();
     try {
-      return db.exec(sql, params);
+      return body();
     } catch (...) {
       if (!db.lost()) throw;
     }
     db.ensure_open();
-    return db.exec(sql, params);
+    return body();
   }
 
-  // The records that `r` holds (id, record), those for which `keep` holds.
+  result run(const char* sql, const std::vector<std::string>& params) {
+    return attempt([&] { return db.exec(sql, params); });
+  }
+
+  // The records that `sql` selects (id, record) as they arrive, those for which `keep` holds.
   template <class F>
-  properties_cptr collect(const result& r, F&& keep) {
-    zelcore::properties::container children;
-    std::string id;
-    for (int row = 0; row < r.rows(); ++row) {
-      if (!postgres_detail::decode_id(r.text(row, 0), id)) db.fail("malformed id in table history");
-      zelcore::properties record =
-          postgres_detail::decode_record(db, "history", id, r.text(row, 1));
-      if (keep(record))
-        children.emplace_back(id,
-                              zelcore::property_ptr(new zelcore::properties(std::move(record))));
-    }
-    return properties_cptr(new zelcore::properties(std::move(children)));
+  properties_cptr collect(const char* sql, const std::vector<std::string>& params, F&& keep) {
+    return attempt([&] {
+      zelcore::properties::container children;
+      std::string id;
+      db.stream(sql, params, [&](const result& r, int row) {
+        if (!postgres_detail::decode_id(r.text(row, 0), id))
+          db.fail("malformed id in table history");
+        zelcore::properties record =
+            postgres_detail::decode_record(db, "history", id, r.text(row, 1));
+        if (keep(record))
+          children.emplace_back(id,
+                                zelcore::property_ptr(new zelcore::properties(std::move(record))));
+      });
+      return properties_cptr(new zelcore::properties(std::move(children)));
+    });
   }
 
   std::mutex lock;
@@ -99,22 +102,16 @@ struct postgres_history_db::impl {
 postgres_history_db::postgres_history_db(const std::string& conninfo)
     : impl_(std::make_unique<impl>(conninfo)) {}
 
-postgres_history_db::~postgres_history_db() {
-  if (impl_->batch_depth > 0 && !impl_->batch_failed && !impl_->db.lost()) {
-    try {
-      impl_->db.exec("COMMIT");
-    } catch (...) {
-      impl_->db.rollback_quietly();
-    }
-  }
-}
+// A batch left open was not ended by its writer, which may have failed in its middle: none of
+// it is kept.
+postgres_history_db::~postgres_history_db() { impl_->db.rollback_quietly(); }
 
 const std::string& postgres_history_db::server() const noexcept { return impl_->db.server(); }
 
 properties_cptr postgres_history_db::load_items(db_item_type type) {
   const std::string kind = kind_name(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
-  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}),
+  return impl_->collect("SELECT id, record::text FROM history WHERE kind = $1", {kind},
                         [](const zelcore::properties&) { return true; });
 }
 
@@ -192,13 +189,12 @@ properties_cptr postgres_history_db::load_items_where(db_item_type type, const s
   };
   std::lock_guard<std::mutex> hold(impl_->lock);
   if (!selectable(key, value))
-    return impl_->collect(
-        impl_->run("SELECT id, record::text FROM history WHERE kind = $1", {kind}), matches);
+    return impl_->collect("SELECT id, record::text FROM history WHERE kind = $1", {kind}, matches);
   // A record in the {"~o": ...} form hides its keys from ->>: it is read and checked.
-  return impl_->collect(impl_->run("SELECT id, record::text FROM history WHERE kind = $1 AND"
-                                   " (record->>$2 = $3 OR record ? '~o')",
-                                   {kind, key, value}),
-                        matches);
+  return impl_->collect(
+      "SELECT id, record::text FROM history WHERE kind = $1 AND (record->>$2 = $3 OR record ? "
+      "'~o')",
+      {kind, key, value}, matches);
 }
 
 void postgres_history_db::clear() {

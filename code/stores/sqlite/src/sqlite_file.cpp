@@ -11,8 +11,12 @@ namespace {
 
 constexpr const char* source_file = "code\\stores\\sqlite\\src\\sqlite_file";
 
+std::string text_of(const std::string& path, const std::string& why) {
+  return "SQLite store '" + path + "': " + why;
+}
+
 [[noreturn]] void raise(const std::string& path, const std::string& why) {
-  zelbase::es::uspec::raise(source_file, __LINE__, "SQLite store '" + path + "': " + why);
+  zelbase::es::uspec::raise(source_file, __LINE__, text_of(path, why));
 }
 
 }  // namespace
@@ -98,6 +102,8 @@ bool connection::in_transaction() const noexcept { return !sqlite3_get_autocommi
 void connection::fail() const { raise(path_, sqlite3_errmsg(handle())); }
 
 void connection::fail(const std::string& why) const { raise(path_, why); }
+
+std::string connection::error_text(const std::string& why) const { return text_of(path_, why); }
 
 statement::statement(connection& db, const char* sql) : db_(&db) {
   sqlite3_stmt* raw = nullptr;

@@ -40,6 +40,8 @@ class connection {
   bool in_transaction() const noexcept;
   [[noreturn]] void fail() const;
   [[noreturn]] void fail(const std::string& why) const;
+  // The text of an error of this file: "SQLite store '<path>': <why>".
+  std::string error_text(const std::string& why) const;
   sqlite3* handle() const noexcept { return db_.get(); }
   const std::string& path() const noexcept { return path_; }
 

@@ -1,10 +1,10 @@
 // The SQLite history_db: one table of historized records with their kind, id and time.
 #include <mutex>
 
+#include "history_rows.h"
 #include "json_record.h"
 #include "sqlite_file.h"
 #include "zelbase/time.h"
-#include "zelcapi/memory_db.h"
 #include "zelcapi/sqlite_db.h"
 
 namespace zelcapi {
@@ -12,6 +12,7 @@ namespace zelcapi {
 using sqlite_detail::connection;
 using sqlite_detail::reset_on_exit;
 using sqlite_detail::statement;
+using store_detail::has_string;
 
 namespace {
 
@@ -29,13 +30,6 @@ bool selectable(const std::string& key, const std::string& value) {
   for (const char c : key)
     if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') return false;
   return true;
-}
-
-bool has_string(const zelcore::properties& record, const std::string& key,
-                const std::string& value) {
-  const zelcore::property_ptr field = record.get_property(key);
-  return field && field->kind() == zelcore::property::kind_string &&
-         static_cast<const zelcore::property_string&>(*field).value() == value;
 }
 
 }  // namespace
@@ -103,28 +97,17 @@ struct sqlite_history_db::impl {
   zelbase::encoder_network buffer;  // the JSON text of the record being written
 };
 
-namespace {
-
-std::string_view kind_name(db_item_type type) {
-  db_item_index(type, "history_db");
-  return db_item_type_c_str(static_cast<int>(type));
-}
-
-}  // namespace
-
 sqlite_history_db::sqlite_history_db(const std::string& path, const sqlite_options& options)
     : impl_(std::make_unique<impl>(path, options)) {}
 
-sqlite_history_db::~sqlite_history_db() {
-  if (impl_->batch_depth > 0 &&
-      sqlite3_exec(impl_->db.handle(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
-    impl_->db.rollback_quietly();
-}
+// A batch left open was not ended by its writer, which may have failed in its middle: none of
+// it is kept.
+sqlite_history_db::~sqlite_history_db() { impl_->db.rollback_quietly(); }
 
 const std::string& sqlite_history_db::path() const noexcept { return impl_->db.path(); }
 
 properties_cptr sqlite_history_db::load_items(db_item_type type) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   impl_->load_kind.bind(1, kind);
   return impl_->collect(impl_->load_kind, [](const zelcore::properties&) { return true; });
@@ -132,7 +115,7 @@ properties_cptr sqlite_history_db::load_items(db_item_type type) {
 
 bool sqlite_history_db::load_item(db_item_type type, const std::string& id,
                                   zelcore::properties& out) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   statement& one = impl::keyed(impl_->load_one, kind, id);
   reset_on_exit done(one);
@@ -143,7 +126,7 @@ bool sqlite_history_db::load_item(db_item_type type, const std::string& id,
 
 void sqlite_history_db::store_item(db_item_type type, const std::string& id,
                                    const zelcore::properties& record) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   const std::uint32_t now = zelbase::time_in_seconds();
   std::lock_guard<std::mutex> hold(impl_->lock);
   zelbase::encoder_network& json = impl_->buffer;
@@ -158,20 +141,20 @@ void sqlite_history_db::store_item(db_item_type type, const std::string& id,
 }
 
 void sqlite_history_db::remove_item(db_item_type type, const std::string& id) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   impl::keyed(impl_->remove_one, kind, id).run();
 }
 
 void sqlite_history_db::remove_items(db_item_type type) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   impl_->remove_kind.bind(1, kind);
   impl_->remove_kind.run();
 }
 
 void sqlite_history_db::remove_items(db_item_type type, const std::set<std::string>& ids) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   impl_->grouped([&] {
     for (const std::string& id : ids) impl::keyed(impl_->remove_one, kind, id).run();
@@ -179,7 +162,7 @@ void sqlite_history_db::remove_items(db_item_type type, const std::set<std::stri
 }
 
 std::uint64_t sqlite_history_db::count_items(db_item_type type) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   statement& count = impl_->count;
   reset_on_exit done(count);
@@ -188,7 +171,7 @@ std::uint64_t sqlite_history_db::count_items(db_item_type type) {
 }
 
 std::uint32_t sqlite_history_db::get_historize_time(db_item_type type, const std::string& id) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   std::lock_guard<std::mutex> hold(impl_->lock);
   statement& time_of = impl::keyed(impl_->time_of, kind, id);
   reset_on_exit done(time_of);
@@ -203,7 +186,7 @@ void sqlite_history_db::remove_items_historized_until(std::uint32_t time) {
 
 properties_cptr sqlite_history_db::load_items_where(db_item_type type, const std::string& key,
                                                     const std::string& value) {
-  const std::string_view kind = kind_name(type);
+  const std::string_view kind = store_detail::history_kind(type);
   const auto matches = [&](const zelcore::properties& record) {
     return has_string(record, key, value);
   };

@@ -18,6 +18,7 @@
 #include "mirror_location.h"
 #include "mirror_store.h"
 #include "stop_signal.h"
+#include "store_health.h"
 #include "time_text.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/state_connection.h"
@@ -115,8 +116,9 @@ class mirror {
         json_(json),
         target_(t),
         location_(open_mirror(flags.db, "--db", mirror_use::write)),
-        store_(*location_.states, [this] { return location_.last_save_counts().written; }),
-        history_(*location_.histories),
+        store_(
+            *location_.states, [this] { return location_.last_save_counts().written; }, health_),
+        history_(*location_.histories, history_held_at_most),
         connection_(&counter_, flags.history_keep, &plugins_),
         replica_(*connection_.get_state_non_const()),
         on_terminal_(::isatty(STDOUT_FILENO) != 0) {
@@ -128,11 +130,18 @@ class mirror {
     // The library's errors (a failed save) become log lines of the mirror.
     // The final save waits for one still running: that is no error there.
     zelcore::set_report_sink([this](const zelcore::report_record& r) {
-      const bool waited_for = finishing_ && r.message.rfind("Previous save", 0) == 0;
+      const bool still_active = r.message.rfind("Previous save", 0) == 0;
+      const bool waited_for = finishing_ && still_active;
       // Changes that arrive between the login and the snapshot are applied to the replica that
       // the snapshot then replaces: their failures (records it lacks) mean nothing.
       const bool replaced = taking_snapshot_ && r.category != "State";
-      if (r.record_severity <= zelbase::severity_error && !waited_for && !replaced) {
+      // A skipped save is counted, and said once the save that ran ends (announce_store); in
+      // an outage of the store, its beginning and end are said instead of each failed save.
+      if (still_active && !finishing_) health_.save_skipped();
+      const bool said_by_health =
+          still_active || (r.message.rfind("Failed to update state", 0) == 0 && health_.failing());
+      if (r.record_severity <= zelbase::severity_error && !waited_for && !replaced &&
+          !said_by_health) {
         std::fprintf(stderr, "zelctl: mirror: %s\n", r.message.c_str());
       }
     });
@@ -150,8 +159,15 @@ class mirror {
     }
     end_status_line();
     finishing_ = true;
-    write_history();
     replica_.save_state_to_db(true);
+    write_history();
+    announce_store();
+    if (health_.failing()) {
+      std::fprintf(stderr,
+                   "zelctl: mirror: %s was still failing at the end: the last save and %zu "
+                   "history writes were not written\n",
+                   location_.name.c_str(), history_.held());
+    }
     print_summary();
     return exit_ok;
   }
@@ -159,6 +175,8 @@ class mirror {
  private:
   static constexpr double initial_backoff = 0.5;
   static constexpr double max_backoff = 10;
+  // History writes held while the store fails, at most (the oldest go first).
+  static constexpr std::size_t history_held_at_most = 100000;
 
   double elapsed() const { return std::chrono::duration<double>(steady::now() - start_).count(); }
   bool finished() const {
@@ -176,14 +194,52 @@ class mirror {
     }
   }
 
-  // Writes the history that the replica gathered since the last call; a failure is logged and
-  // the mirror goes on (the replica keeps its own history).
+  // Writes the history that the replica gathered since the last call. While the store fails,
+  // the writes are held and tried only after a save committed again; a failure begins or
+  // continues an outage (said by announce_store), and the mirror goes on.
   void write_history() {
+    health_.history_held(history_.held());
+    if (!health_.may_write_history()) return;
     try {
       history_.flush();
+      health_.history_written();
     } catch (const zelbase::es::base& e) {
+      health_.history_failed(e.message());
+    }
+  }
+
+  // Says an outage of the store that began, once, and one that ended, with what it cost; and
+  // the saves skipped while a slow one was still writing.
+  void announce_store() {
+    if (const auto skipped = health_.take_skipped()) {
       end_status_line();
-      std::fprintf(stderr, "zelctl: mirror: cannot write history: %s\n", e.message().c_str());
+      std::fprintf(stderr,
+                   "zelctl: mirror: %llu save(s) skipped while the one before was still "
+                   "writing; consider a longer --save-interval or a shorter --history-keep\n",
+                   static_cast<unsigned long long>(*skipped));
+    }
+    if (const auto began = health_.take_began()) {
+      end_status_line();
+      std::fprintf(stderr,
+                   "zelctl: mirror: the mirror's store is failing: %s; saves go on trying, "
+                   "history is held until one succeeds, and its return will be said\n",
+                   began->error.c_str());
+    }
+    if (const auto ended = health_.take_ended()) {
+      end_status_line();
+      char seconds[32];
+      std::snprintf(seconds, sizeof seconds, "%.1f", ended->seconds);
+      std::string text = location_.name + " is back after " + seconds +
+                         " s: " + std::to_string(ended->saves_not_written) +
+                         " saves failed or skipped, " + std::to_string(ended->history_writes_held) +
+                         " history writes held meanwhile and written now";
+      if (history_.dropped() > dropped_said_) {
+        text += " (" + std::to_string(history_.dropped() - dropped_said_) +
+                " older ones dropped: more than " + std::to_string(history_held_at_most) +
+                " were held)";
+        dropped_said_ = history_.dropped();
+      }
+      log(text);
     }
   }
 
@@ -238,6 +294,7 @@ class mirror {
     while (connection_.is_connected() && !finished()) {
       connection_.wait(100);
       write_history();
+      announce_store();
       const auto now = steady::now();
       if (now >= next_save) {
         replica_.save_state_to_db(false);
@@ -317,6 +374,7 @@ class mirror {
   const mirror_flags& flags_;
   bool json_;
   target& target_;
+  store_health health_;  // before the stores that tell it
   mirror_location location_;
   timed_state_db store_;
   queued_history_db history_;
@@ -327,6 +385,7 @@ class mirror {
   bool on_terminal_;
   steady::time_point start_{};
   std::uint64_t connects_ = 0;
+  std::uint64_t dropped_said_ = 0;  // history writes dropped that a line has told of
   bool status_shown_ = false;
   // Read by the report sink, which the saver's thread calls too.
   std::atomic<bool> finishing_{false};

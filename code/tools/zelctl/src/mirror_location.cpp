@@ -3,6 +3,8 @@
 #include <libpq-fe.h>
 #include <sys/stat.h>
 
+#include <cctype>
+
 #include "options.h"
 #include "zelbase/exceptions.h"
 #include "zelcapi/postgres_db.h"
@@ -11,24 +13,39 @@
 namespace zelctl {
 namespace {
 
-// What libpq reads from a connection string: the keywords it sets. Empty when `where` is not
-// one (a path such as "mirror.sqlite" is not: it has no "keyword=value").
-struct conninfo_keywords {
-  bool parsed = false;
+// Whether `where` names a PostgreSQL server rather than an SQLite file: a "postgresql://" or
+// "postgres://" URI, or key=value pairs, i.e. it begins (after spaces) with a keyword of
+// letters, digits and underscores followed by "=" (spaces allowed around it). Anything else is
+// a file: "mirror.sqlite", "/var/lib/zel/mirror.db", "./a=b.db".
+bool names_server(const std::string& where) {
+  if (where.rfind("postgresql://", 0) == 0 || where.rfind("postgres://", 0) == 0) return true;
+  std::size_t at = where.find_first_not_of(" \t\n\r\f\v");
+  const std::size_t keyword = at;
+  while (at < where.size() &&
+         (std::isalnum(static_cast<unsigned char>(where[at])) || where[at] == '_'))
+    ++at;
+  if (at == keyword || at == std::string::npos) return false;
+  at = where.find_first_not_of(" \t\n\r\f\v", at);
+  return at != std::string::npos && where[at] == '=';
+}
+
+// What libpq reads in a connection string: whether it can, and whether the string sets a
+// password (or a client key's passphrase).
+struct conninfo_facts {
+  bool readable = false;
   bool has_password = false;
 };
 
-conninfo_keywords parse_conninfo(const std::string& where) {
-  conninfo_keywords out;
-  const bool uri = where.rfind("postgresql://", 0) == 0 || where.rfind("postgres://", 0) == 0;
-  if (!uri && where.find('=') == std::string::npos) return out;
+conninfo_facts read_conninfo(const std::string& where) {
   char* error = nullptr;
   PQconninfoOption* options = PQconninfoParse(where.c_str(), &error);
   if (error) PQfreemem(error);
-  if (!options) return out;
-  out.parsed = true;
-  for (const PQconninfoOption* o = options; o->keyword; ++o) {
-    if (std::string(o->keyword) == "password" && o->val && *o->val) out.has_password = true;
+  conninfo_facts out;
+  out.readable = options != nullptr;
+  for (const PQconninfoOption* o = options; o && o->keyword; ++o) {
+    const std::string keyword = o->keyword;
+    if ((keyword == "password" || keyword == "sslpassword") && o->val && *o->val)
+      out.has_password = true;
   }
   PQconninfoFree(options);
   return out;
@@ -70,20 +87,30 @@ mirror_location open_file(const std::string& where, mirror_use use) {
 }  // namespace
 
 mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use) {
-  const conninfo_keywords server = parse_conninfo(where);
-  if (server.has_password) {
-    // Said without the string: it holds the password.
-    throw failure(exit_usage, std::string(flag) +
-                                  " holds a password, which every user of this machine can read "
-                                  "in the process list: put it in a password file (PGPASSFILE "
-                                  "or ~/.pgpass) or a service file instead");
+  if (names_server(where)) {
+    // The string is never repeated: it may hold a password. The store's errors name the server
+    // by host, port, database and user only.
+    const conninfo_facts server = read_conninfo(where);
+    if (server.has_password) {
+      throw failure(exit_usage, std::string(flag) +
+                                    " holds a password, which every user of this machine can "
+                                    "read in the process list: put it in a password file "
+                                    "(PGPASSFILE or ~/.pgpass) or a service file instead");
+    }
+    try {
+      return open_server(where, use);
+    } catch (const zelbase::es::base& e) {
+      // A string that libpq cannot read is a usage error, with libpq's own text.
+      throw failure(server.readable ? exit_failure : exit_usage,
+                    "cannot open " + std::string(flag) + ": " + e.message());
+    }
   }
   const std::string named = std::string(flag) + " '" + where + "'";
   struct stat file {};
-  if (!server.parsed && use != mirror_use::write && ::stat(where.c_str(), &file) != 0)
+  if (use != mirror_use::write && ::stat(where.c_str(), &file) != 0)
     throw failure(exit_failure, "no mirror at " + named + ": no such file");
   try {
-    return server.parsed ? open_server(where, use) : open_file(where, use);
+    return open_file(where, use);
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot open " + named + ": " + e.message());
   }

@@ -8,20 +8,35 @@ save_figures timed_state_db::figures() const {
   return figures_;
 }
 
+template <class F>
+void timed_state_db::_save_call(F&& call) {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    health_.save_failed(e.what());
+    throw;
+  }
+}
+
 void timed_state_db::begin_save() {
   save_start_ = std::chrono::steady_clock::now();
   save_records_ = 0;
-  forwarding_state_db::begin_save();
+  _save_call([&] { forwarding_state_db::begin_save(); });
 }
 
 void timed_state_db::store_item(zelcapi::db_item_type type, const std::string& id,
                                 const zelcore::properties& record) {
-  forwarding_state_db::store_item(type, id, record);
+  _save_call([&] { forwarding_state_db::store_item(type, id, record); });
   ++save_records_;
 }
 
+void timed_state_db::store_workflow_results(const zelcapi::workflow_result_map& results) {
+  _save_call([&] { forwarding_state_db::store_workflow_results(results); });
+}
+
 void timed_state_db::store_workflow_sequence_number(std::uint64_t sequence_number) {
-  forwarding_state_db::store_workflow_sequence_number(sequence_number);
+  _save_call([&] { forwarding_state_db::store_workflow_sequence_number(sequence_number); });
+  health_.save_committed();
   const auto end = std::chrono::steady_clock::now();
   std::lock_guard<std::mutex> guard(lock_);
   ++figures_.saves;
@@ -33,11 +48,9 @@ void timed_state_db::store_workflow_sequence_number(std::uint64_t sequence_numbe
 
 void queued_history_db::flush() {
   if (held_.empty()) return;
-  std::vector<std::function<void(zelcapi::history_db&)>> writes;
-  writes.swap(held_);
   store_.begin_batch();
   try {
-    for (const auto& write : writes) write(store_);
+    for (const auto& write : held_) write(store_);
   } catch (...) {
     try {
       store_.end_batch();
@@ -46,6 +59,15 @@ void queued_history_db::flush() {
     throw;
   }
   store_.end_batch();
+  held_.clear();
+}
+
+void queued_history_db::_hold(std::function<void(zelcapi::history_db&)> write) {
+  if (held_.size() >= limit_) {
+    held_.pop_front();
+    ++dropped_;
+  }
+  held_.push_back(std::move(write));
 }
 
 zelcapi::properties_cptr queued_history_db::load_items(zelcapi::db_item_type type) {
@@ -59,20 +81,19 @@ bool queued_history_db::load_item(zelcapi::db_item_type type, const std::string&
 
 void queued_history_db::store_item(zelcapi::db_item_type type, const std::string& id,
                                    const zelcore::properties& record) {
-  held_.emplace_back(
-      [type, id, record](zelcapi::history_db& db) { db.store_item(type, id, record); });
+  _hold([type, id, record](zelcapi::history_db& db) { db.store_item(type, id, record); });
 }
 
 void queued_history_db::remove_item(zelcapi::db_item_type type, const std::string& id) {
-  held_.emplace_back([type, id](zelcapi::history_db& db) { db.remove_item(type, id); });
+  _hold([type, id](zelcapi::history_db& db) { db.remove_item(type, id); });
 }
 
 void queued_history_db::remove_items(zelcapi::db_item_type type) {
-  held_.emplace_back([type](zelcapi::history_db& db) { db.remove_items(type); });
+  _hold([type](zelcapi::history_db& db) { db.remove_items(type); });
 }
 
 void queued_history_db::remove_items(zelcapi::db_item_type type, const std::set<std::string>& ids) {
-  held_.emplace_back([type, ids](zelcapi::history_db& db) { db.remove_items(type, ids); });
+  _hold([type, ids](zelcapi::history_db& db) { db.remove_items(type, ids); });
 }
 
 std::uint64_t queued_history_db::count_items(zelcapi::db_item_type type) {
@@ -85,7 +106,7 @@ std::uint32_t queued_history_db::get_historize_time(zelcapi::db_item_type type,
 }
 
 void queued_history_db::remove_items_historized_until(std::uint32_t time) {
-  held_.emplace_back([time](zelcapi::history_db& db) { db.remove_items_historized_until(time); });
+  _hold([time](zelcapi::history_db& db) { db.remove_items_historized_until(time); });
 }
 
 zelcapi::properties_cptr queued_history_db::load_items_where(zelcapi::db_item_type type,

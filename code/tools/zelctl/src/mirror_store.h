@@ -1,17 +1,19 @@
-// The mirror's stores: a state_db that passes every call to the mirror's store and measures each
-// complete save (when it ended, how long it took, how many records), for the status line and
-// the summary, and a history_db that holds the replica's history writes until the mirror
-// writes them together. The saver thread writes through the first while the main thread reads
-// the figures; the second is the main thread's alone.
+// The mirror's stores: a state_db that passes every call to the mirror's store, measures each
+// complete save (when it ended, how long it took, how many records) for the status line and
+// the summary and tells the store's health how saves go, and a history_db that holds the
+// replica's history writes until the mirror writes them together. The saver thread writes
+// through the first while the main thread reads the figures; the second is the main thread's
+// alone.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <vector>
 
+#include "store_health.h"
 #include "zelcapi/state.h"
 
 namespace zelctl {
@@ -26,9 +28,13 @@ struct save_figures {
 
 class timed_state_db final : public zelcapi::forwarding_state_db {
  public:
-  // `written_by_last_save` tells how many records the store's last save wrote.
-  timed_state_db(zelcapi::state_db& store, std::function<std::uint64_t()> written_by_last_save)
-      : forwarding_state_db(store), written_by_last_save_(std::move(written_by_last_save)) {}
+  // `written_by_last_save` tells how many records the store's last save wrote; `health` hears of
+  // every save that fails or commits.
+  timed_state_db(zelcapi::state_db& store, std::function<std::uint64_t()> written_by_last_save,
+                 store_health& health)
+      : forwarding_state_db(store),
+        written_by_last_save_(std::move(written_by_last_save)),
+        health_(health) {}
 
   // A copy of the figures of the saves completed so far.
   save_figures figures() const;
@@ -36,11 +42,17 @@ class timed_state_db final : public zelcapi::forwarding_state_db {
   void begin_save() override;
   void store_item(zelcapi::db_item_type type, const std::string& id,
                   const zelcore::properties& record) override;
+  void store_workflow_results(const zelcapi::workflow_result_map& results) override;
   // The save's last call: once the store committed it, the save counts.
   void store_workflow_sequence_number(std::uint64_t sequence_number) override;
 
  private:
+  // Runs a call of the save; a failure is told to the health and passes on.
+  template <class F>
+  void _save_call(F&& call);
+
   std::function<std::uint64_t()> written_by_last_save_;
+  store_health& health_;
   mutable std::mutex lock_;
   save_figures figures_;
   // Of the save in progress (saver thread only).
@@ -50,14 +62,18 @@ class timed_state_db final : public zelcapi::forwarding_state_db {
 
 // The replica's history writes, each a transaction of its own in the store, held until flush()
 // writes them as one batch: the replica historizes records while it applies notifications, and
-// one write between waits keeps the store's lock short. Loads pass straight through.
+// one write between waits keeps the store's lock short. Loads pass straight through. While the
+// store fails, the writes stay held, up to `limit`: beyond it the oldest are dropped (counted).
 class queued_history_db final : public zelcapi::history_db {
  public:
-  explicit queued_history_db(zelcapi::history_db& store) : store_(store) {}
+  queued_history_db(zelcapi::history_db& store, std::size_t limit) : store_(store), limit_(limit) {}
 
-  // Writes the held changes in one batch; raises what the store raises (the batch is then lost
-  // as a whole, and the replica's in-memory history still holds the records).
+  // Writes the held changes in one batch; raises what the store raises, and then holds them
+  // still, for the next flush (each is a replacement or a removal: writing one twice is harmless).
   void flush();
+  // How many writes are held, and how many were dropped for the limit so far.
+  std::size_t held() const noexcept { return held_.size(); }
+  std::uint64_t dropped() const noexcept { return dropped_; }
 
   zelcapi::properties_cptr load_items(zelcapi::db_item_type type) override;
   bool load_item(zelcapi::db_item_type type, const std::string& id,
@@ -77,8 +93,12 @@ class queued_history_db final : public zelcapi::history_db {
   void end_batch() override {}
 
  private:
+  void _hold(std::function<void(zelcapi::history_db&)> write);
+
   zelcapi::history_db& store_;
-  std::vector<std::function<void(zelcapi::history_db&)>> held_;
+  std::size_t limit_;
+  std::deque<std::function<void(zelcapi::history_db&)>> held_;
+  std::uint64_t dropped_ = 0;
 };
 
 }  // namespace zelctl

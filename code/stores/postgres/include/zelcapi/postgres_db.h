@@ -10,9 +10,8 @@
 // port, database and user only, never by its password.
 //
 // Threading: each store object takes its own locks, so a saver thread may write while another
-// thread loads. Loads of postgres_state_db read through a second connection and see the last
-// committed save, never one in progress. A connection lost (a server restart, a network
-// failure) fails the operation in progress; the next operation connects again.
+// thread loads. A connection lost (a server restart, a network failure) fails the operation in
+// progress; the next operation connects again.
 #pragma once
 
 #include <cstdint>
@@ -26,19 +25,11 @@
 
 namespace zelcapi {
 
-// A state_db on a PostgreSQL server: one table per kind of record, the workflow results and the
-// sequence number in their own tables. A save is one transaction: begin_save begins it (rolling
-// back one left open by an error), store_workflow_sequence_number commits it; a save abandoned
-// part-way, cut by a lost connection or by a server crash leaves the previous complete save. A
-// save writes only the records that changed since the previous one and deletes those it no
-// longer holds: the store keeps a 16-byte digest a record of what it committed, read from the
-// server by the first save and again after a save that failed. The first save into an empty
-// table streams its records with COPY; within a save each id of a kind is stored once (as the
-// saver does), a second store_item of it fails the save. Outside a save, store_item and
-// remove_item write one record each. Errors of the server or of the connection raise
-// zelbase::es::uspec with the server's text; a write that fails inside a save rolls the save back,
-// and the save's further writes raise until the next begin_save. A kind outside 0 to 7 raises
-// es::arg.
+// A state_db on a PostgreSQL server, a database store as zelcapi/save_counts.h describes: one
+// table per kind of record, the workflow results and the sequence number in their own tables.
+// The first save into an empty table streams its records with COPY; within a save each id of a
+// kind is stored once (as the saver does), a second store_item of it fails the save. A lost
+// connection fails the save in progress; the next begin_save connects again.
 class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
  public:
   // Connects (twice: a writing and a reading connection) and creates the tables that are
@@ -51,11 +42,7 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
   postgres_state_db(const postgres_state_db&) = delete;
   postgres_state_db& operator=(const postgres_state_db&) = delete;
 
-  // Deletes every record, result and the sequence number in one transaction (rolling back a save
-  // left open).
   void clear() override;
-  // The committed records of the kind. A record whose JSON cannot be read raises es::uspec
-  // naming its table and id.
   properties_cptr load_items(db_item_type type) override;
   properties_cptr load_workflow_results() override;
   std::uint64_t load_workflow_sequence_number() override;
@@ -63,15 +50,13 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
                   const zelcore::properties& record) override;
   void remove_item(db_item_type type, const std::string& id) override;
   void store_workflow_results(const workflow_result_map& results) override;
-  // Stores the number, deletes the records that the save did not hold and commits the save.
   void store_workflow_sequence_number(std::uint64_t sequence_number) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
-  // True when the server holds a sequence number, i.e. a complete save.
   bool has_saved_state() override;
-  // Begins the save's transaction, connecting again first if the connection was lost.
   void begin_save() override;
+  void begin_load() override;
+  void end_load() noexcept override;
 
-  // What the last save wrote (counted up to its commit or failure).
   save_counts last_save_counts() const;
   // Heap bytes that the digests of the committed records take.
   std::size_t digest_memory_bytes() const;
@@ -86,36 +71,33 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
 
 // A history_db on a PostgreSQL server: one table of (kind, id, historize time, jsonb record),
 // indexed by time. Each write is its own transaction unless begin_batch ... end_batch groups
-// them. Errors raise as for postgres_state_db; a kind outside 0 to 7 raises es::arg.
+// them. Errors raise as for postgres_state_db.
 class ZELCAPI_POSTGRES_EXPORT postgres_history_db final : public history_db {
  public:
   // As postgres_state_db's constructor (one connection); the database may be a state store's.
   explicit postgres_history_db(const std::string& conninfo);
-  // Commits a batch left open.
+  // Rolls back a batch left open (begin_batch without its end_batch): none of it is kept.
   ~postgres_history_db() override;
   postgres_history_db(const postgres_history_db&) = delete;
   postgres_history_db& operator=(const postgres_history_db&) = delete;
 
   properties_cptr load_items(db_item_type type) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
-  // Replaces a record of the same kind and id; its time becomes zelbase::time_in_seconds().
   void store_item(db_item_type type, const std::string& id,
                   const zelcore::properties& record) override;
   void remove_item(db_item_type type, const std::string& id) override;
   void remove_items(db_item_type type) override;
-  // Removes the ids in one statement.
+  // In one statement.
   void remove_items(db_item_type type, const std::set<std::string>& ids) override;
   std::uint64_t count_items(db_item_type type) override;
   std::uint32_t get_historize_time(db_item_type type, const std::string& id) override;
-  // Deletes every record whose historize time is at or before `time`.
   void remove_items_historized_until(std::uint32_t time) override;
-  // The records of the kind whose top-level key `key` holds the string `value` (selected with
-  // the jsonb operator ->>, then checked on the decoded record).
+  // Selected with the jsonb operator ->>, then checked on the decoded record.
   properties_cptr load_items_where(db_item_type type, const std::string& key,
                                    const std::string& value) override;
   void clear() override;
-  // Begins a transaction that end_batch commits; batches nest (the outermost one commits). A
-  // failure inside a batch rolls it back whole; its further writes raise until end_batch.
+  // Batches nest: the outermost one is the transaction. A failure inside a batch rolls it back
+  // whole; its further writes raise until end_batch.
   void begin_batch() override;
   // Raises es::uspec when the commit fails (the batch is then rolled back).
   void end_batch() override;

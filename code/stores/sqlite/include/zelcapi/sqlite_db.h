@@ -4,8 +4,7 @@
 // the file can be queried from the sqlite3 shell (docs/sqlite-schema.md describes the tables).
 //
 // Threading: each store object takes its own locks, so a saver thread may write while another
-// thread loads. Loads of sqlite_state_db read through a second connection and see the last
-// committed save, never one in progress.
+// thread loads.
 #pragma once
 
 #include <cstdint>
@@ -40,16 +39,9 @@ struct sqlite_options {
   std::uint32_t busy_timeout_ms = 5000;
 };
 
-// A state_db in an SQLite file: one table per kind of record, the workflow results and the
-// sequence number in their own tables. A save is one transaction: begin_save begins it (rolling
-// back one left open by an error), store_workflow_sequence_number commits it; a save abandoned
-// part-way or cut by a crash leaves the previous complete save. A save writes only the records
-// that changed since the previous one and deletes those it no longer holds: the store keeps a
-// 16-byte digest a record of what it committed, read from the file by the first save and again
-// after a save that failed. Outside a save, store_item and
-// remove_item write one record each. Errors of SQLite raise zelbase::es::uspec with SQLite's
-// message and the file's path; a write that fails inside a save rolls the save back, and the
-// save's further writes raise until the next begin_save. A kind outside 0 to 7 raises es::arg.
+// A state_db in an SQLite file, a database store as zelcapi/save_counts.h describes: one table
+// per kind of record, the workflow results and the sequence number in their own tables. Errors
+// name the file's path.
 class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
  public:
   // Opens the file, creating it and its tables when it does not exist. Raises es::uspec when it
@@ -60,11 +52,8 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
   sqlite_state_db(const sqlite_state_db&) = delete;
   sqlite_state_db& operator=(const sqlite_state_db&) = delete;
 
-  // Deletes every record, result and the sequence number in one transaction (rolling back a save
-  // left open).
   void clear() override;
-  // The committed records of the kind, in id order. A record whose JSON cannot be read raises
-  // es::uspec naming its table and id.
+  // In id order.
   properties_cptr load_items(db_item_type type) override;
   properties_cptr load_workflow_results() override;
   std::uint64_t load_workflow_sequence_number() override;
@@ -72,15 +61,13 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
                   const zelcore::properties& record) override;
   void remove_item(db_item_type type, const std::string& id) override;
   void store_workflow_results(const workflow_result_map& results) override;
-  // Stores the number and commits the save in progress.
   void store_workflow_sequence_number(std::uint64_t sequence_number) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
-  // True when the file holds a sequence number, i.e. a complete save.
   bool has_saved_state() override;
-  // Begins the save's transaction.
   void begin_save() override;
+  void begin_load() override;
+  void end_load() noexcept override;
 
-  // What the last save wrote (counted up to its commit or failure).
   save_counts last_save_counts() const;
   // Heap bytes that the digests of the committed records take.
   std::size_t digest_memory_bytes() const;
@@ -93,35 +80,32 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
 
 // A history_db in an SQLite file: one table of (kind, id, historize time, JSON record), indexed
 // by time. Each write is its own transaction unless begin_batch ... end_batch groups them.
-// Errors raise as for sqlite_state_db; a kind outside 0 to 7 raises es::arg.
+// Errors raise as for sqlite_state_db.
 class ZELCAPI_SQLITE_EXPORT sqlite_history_db final : public history_db {
  public:
   // As sqlite_state_db's constructor; the file may be the same as a state store's.
   explicit sqlite_history_db(const std::string& path, const sqlite_options& options = {});
-  // Commits a batch left open.
+  // Rolls back a batch left open (begin_batch without its end_batch): none of it is kept.
   ~sqlite_history_db() override;
   sqlite_history_db(const sqlite_history_db&) = delete;
   sqlite_history_db& operator=(const sqlite_history_db&) = delete;
 
   properties_cptr load_items(db_item_type type) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
-  // Replaces a record of the same kind and id; its time becomes zelbase::time_in_seconds().
   void store_item(db_item_type type, const std::string& id,
                   const zelcore::properties& record) override;
   void remove_item(db_item_type type, const std::string& id) override;
   void remove_items(db_item_type type) override;
-  // Removes the ids in one transaction.
+  // In one transaction.
   void remove_items(db_item_type type, const std::set<std::string>& ids) override;
   std::uint64_t count_items(db_item_type type) override;
   std::uint32_t get_historize_time(db_item_type type, const std::string& id) override;
-  // Deletes every record whose historize time is at or before `time`.
   void remove_items_historized_until(std::uint32_t time) override;
-  // The records of the kind whose top-level key `key` holds the string `value` (selected with
-  // json_extract, then checked on the decoded record).
+  // Selected with json_extract, then checked on the decoded record.
   properties_cptr load_items_where(db_item_type type, const std::string& key,
                                    const std::string& value) override;
   void clear() override;
-  // Begins a transaction that end_batch commits; batches nest (the outermost one commits).
+  // Batches nest: the outermost one is the transaction.
   void begin_batch() override;
   // Raises es::uspec when the commit fails (the batch is then rolled back).
   void end_batch() override;

@@ -208,6 +208,12 @@ void state::set_and_update_from_state_db(state_db* db) {
   replace_current_saver(zelbase::ptr_refcount<state_saver>());
   state_db_ = db;
   if (!db) return;
+  // One snapshot of the store for all the reads below, ended also when one of them raises.
+  struct load_scope {
+    explicit load_scope(state_db& db) : db_(db) { db_.begin_load(); }
+    ~load_scope() { db_.end_load(); }
+    state_db& db_;
+  } scope(*db);
   for (const state_item_type type :
        {state_item_client, state_item_node, state_item_submission, state_item_source,
         state_item_slot, state_item_job, state_item_task})

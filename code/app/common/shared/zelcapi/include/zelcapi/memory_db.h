@@ -34,9 +34,9 @@ class ZELCAPI_EXPORT memory_state_db final : public state_db {
   memory_state_db(const memory_state_db&) = delete;
   memory_state_db& operator=(const memory_state_db&) = delete;
 
-  // Drops the saved records, results and sequence number, and a save in progress.
+  // Also drops a save in progress.
   void clear() override;
-  // A copy (sharing the records) of the last complete save's records of the kind.
+  // Shares the records with the store.
   properties_cptr load_items(db_item_type type) override;
   properties_cptr load_workflow_results() override;
   std::uint64_t load_workflow_sequence_number() override;
@@ -46,12 +46,10 @@ class ZELCAPI_EXPORT memory_state_db final : public state_db {
   // From the save in progress; outside a save, from the last complete save.
   void remove_item(db_item_type type, const std::string& id) override;
   void store_workflow_results(const workflow_result_map& results) override;
-  // Completes the save in progress: it becomes the one that loads see.
   void store_workflow_sequence_number(std::uint64_t sequence_number) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
   // True once a save has completed or a sequence number was stored (until clear).
   bool has_saved_state() override;
-  // Starts a save, discarding one left unfinished.
   void begin_save() override;
 
  private:
@@ -80,7 +78,6 @@ class ZELCAPI_EXPORT memory_history_db final : public history_db {
 
   properties_cptr load_items(db_item_type type) override;
   bool load_item(db_item_type type, const std::string& id, zelcore::properties& out) override;
-  // Replaces a record of the same kind and id; its historize time becomes the current time.
   void store_item(db_item_type type, const std::string& id,
                   const zelcore::properties& record) override;
   void remove_item(db_item_type type, const std::string& id) override;
@@ -88,9 +85,7 @@ class ZELCAPI_EXPORT memory_history_db final : public history_db {
   void remove_items(db_item_type type, const std::set<std::string>& ids) override;
   std::uint64_t count_items(db_item_type type) override;
   std::uint32_t get_historize_time(db_item_type type, const std::string& id) override;
-  // Drops every record whose historize time is at or before `time`.
   void remove_items_historized_until(std::uint32_t time) override;
-  // The records of the kind whose top-level key `key` holds the string `value`.
   properties_cptr load_items_where(db_item_type type, const std::string& key,
                                    const std::string& value) override;
   void clear() override;

@@ -152,6 +152,11 @@ class ZELCAPI_EXPORT state_db {
   virtual bool has_saved_state() = 0;
   // Starts a save: the records that follow replace the previous save whole.
   virtual void begin_save() = 0;
+  // Called by set_and_update_from_state_db around its reads, end_load also when a read raised:
+  // a store that can reads them from one snapshot (a read transaction), so that a save
+  // committed meanwhile is seen whole or not at all. Pairs may nest; the defaults do nothing.
+  virtual void begin_load() {}
+  virtual void end_load() noexcept {}
 };
 
 // A state_db that passes every call to another one: the base of a store that watches or alters
@@ -186,6 +191,8 @@ class ZELCAPI_EXPORT forwarding_state_db : public state_db {
   }
   bool has_saved_state() override { return inner_.has_saved_state(); }
   void begin_save() override { inner_.begin_save(); }
+  void begin_load() override { inner_.begin_load(); }
+  void end_load() noexcept override { inner_.end_load(); }
 
  private:
   state_db& inner_;
@@ -386,7 +393,8 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   // caller that must stay responsive (an interpreter checking for signals) wait in slices.
   static bool wait_for_saves(std::chrono::milliseconds limit);
   // Makes `db` the state_db (null: none) after waiting for a running save, and loads the items,
-  // results, sequence number and workflows from it. Raises what the state_db raises.
+  // results, sequence number and workflows from it, between its begin_load and end_load. Raises
+  // what the state_db raises.
   void set_and_update_from_state_db(state_db* db);
   state_db* get_state_db() const noexcept { return state_db_; }
 
