@@ -17,6 +17,7 @@
 #include "kinds.h"
 #include "mirror_location.h"
 #include "mirror_store.h"
+#include "retry_backoff.h"
 #include "stop_signal.h"
 #include "time_text.h"
 #include "zelbase/exceptions.h"
@@ -138,10 +139,10 @@ class mirror {
     });
     load_file();
     start_ = steady::now();
-    double backoff = initial_backoff;
+    retry_backoff backoff;
     while (!finished()) {
       if (!reach_cluster(backoff)) continue;
-      backoff = initial_backoff;
+      backoff.reset();
       keep_current();
       if (!connection_.is_connected() && !finished()) {
         end_status_line();
@@ -157,9 +158,6 @@ class mirror {
   }
 
  private:
-  static constexpr double initial_backoff = 0.5;
-  static constexpr double max_backoff = 10;
-
   double elapsed() const { return std::chrono::duration<double>(steady::now() - start_).count(); }
   bool finished() const {
     return stop_requested() || (flags_.duration > 0 && elapsed() >= flags_.duration);
@@ -200,10 +198,10 @@ class mirror {
     write_history();
   }
 
-  // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits `backoff`
-  // (doubled for the next time) and returns false. A refused login or a usage error (no
-  // password) ends the mirror.
-  bool reach_cluster(double& backoff) {
+  // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits the
+  // backoff's next wait and returns false. A refused login or a usage error (no password) ends
+  // the mirror.
+  bool reach_cluster(retry_backoff& backoff) {
     try {
       taking_snapshot_ = true;
       const login_result where = load_snapshot(connection_, target_);
@@ -220,12 +218,13 @@ class mirror {
       taking_snapshot_ = false;
       if (e.code() != exit_connection) throw;
       end_status_line();
-      log(std::string(e.what()) + "; retrying in " + std::to_string(backoff).substr(0, 4) + " s");
-      const auto until = steady::now() + std::chrono::duration<double>(backoff);
+      const retry_backoff::duration wait = backoff.next();
+      log(std::string(e.what()) + "; retrying in " +
+          std::to_string(std::chrono::duration<double>(wait).count()).substr(0, 4) + " s");
+      const auto until = steady::now() + wait;
       while (!finished() && steady::now() < until) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
-      backoff = std::min(backoff * 2, max_backoff);
       return false;
     }
   }
