@@ -150,4 +150,30 @@ TEST_F(ZelctlServeLink, ARefusedLoginEndsTheRetriesAndKeepsTheLastState) {
   EXPECT_FALSE(s.child().has_exited());
 }
 
+TEST_F(ZelctlServeLink, AClusterThatSendsNoSnapshotIsTriedAgain) {
+  server s(*first_, dir_);
+  ASSERT_NE(s.port(), 0) << s.child().err();
+  first_->stop();
+  first_.reset();
+  // The cluster that comes back logs serve in but never answers its state request.
+  zelsim::cluster mute(cluster_options(base_, 2));
+  mute.on("cluster.api.state.request", [](zelsim::request_context&, const zelnet::zelp::packet&,
+                                          zelnet::zelp::packet&) { return false; });
+  mute.start();
+  // serve waits its --timeout (5 s) for the snapshot, then drops the link and tries again.
+  nlohmann::json summary = summary_when(
+      s,
+      [](const nlohmann::json& j) {
+        return j.value("last-error", "").find("no snapshot within 5 s") != std::string::npos;
+      },
+      30s);
+  EXPECT_NE(summary["last-error"].get<std::string>().find("no snapshot within 5 s"),
+            std::string::npos)
+      << summary;
+  EXPECT_FALSE(summary["connected"].get<bool>());
+  EXPECT_TRUE(summary["retrying"].get<bool>());
+  EXPECT_EQ(summary["reconnects"], 0);
+  EXPECT_FALSE(s.child().has_exited());
+}
+
 }  // namespace

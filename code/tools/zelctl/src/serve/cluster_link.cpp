@@ -52,7 +52,8 @@ cluster_link::~cluster_link() {
 void cluster_link::lost(const std::string& reason) {
   if (phase_ == phase::loading) {
     snapshot_timer_.cancel();
-    failed(reason.empty() ? "the link went before the snapshot came" : reason);
+    // The link is going already: nothing to drop.
+    failed(reason.empty() ? "the link went before the snapshot came" : reason, false);
     return;
   }
   // Meanwhile the step in progress ends with its own error.
@@ -151,11 +152,11 @@ void cluster_link::snapshot_loaded() {
   changed();
 }
 
-void cluster_link::failed(const std::string& error) {
+void cluster_link::failed(const std::string& error, bool drop_link) {
   phase_ = phase::waiting;
-  // A link left half-way (logged in, no snapshot) goes before the next attempt; its loss is
-  // this failure.
-  if (connection_.is_connected()) connection_.disconnect(error, true);
+  // A link left half-way (connected, the login timed out) goes before the next attempt; its
+  // loss is this failure.
+  if (drop_link && connection_.is_connected()) connection_.disconnect(error, true);
   const retry_backoff::duration wait = backoff_.next();
   ++status_.attempts;
   status_.last_error = error;

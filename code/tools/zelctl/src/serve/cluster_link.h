@@ -41,8 +41,9 @@ class cluster_link final : public replica_source {
   void attempt();
   void log_in();
   void load();
-  // An attempt failed: wait the backoff's next wait and try again.
-  void failed(const std::string& error);
+  // An attempt failed: wait the backoff's next wait and try again (after dropping what is left
+  // of the link, unless it is going already).
+  void failed(const std::string& error, bool drop_link = true);
   // The cluster refused the login: trying again would not help.
   void give_up(const std::string& error);
   void changed();

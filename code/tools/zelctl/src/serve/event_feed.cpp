@@ -77,15 +77,17 @@ outgoing event_feed::snapshot_event(bool full) {
     }
     return bare_snapshot_;
   }
-  if (!full_snapshot_ || full_snapshot_seq_ != seq_) {
-    auto plan = std::make_shared<json_plan>();
-    plan->add_text(head + ",\"state\":");
-    plan->add_state(*replica_);
-    plan->add_text("}\n\n");
-    full_snapshot_ = std::move(plan);
+  std::shared_ptr<const json_plan> plan = full_snapshot_.lock();
+  if (!plan || full_snapshot_seq_ != seq_) {
+    auto fresh = std::make_shared<json_plan>();
+    fresh->add_text(head + ",\"state\":");
+    fresh->add_state(*replica_);
+    fresh->add_text("}\n\n");
+    plan = std::move(fresh);
+    full_snapshot_ = plan;
     full_snapshot_seq_ = seq_;
   }
-  return std::shared_ptr<body_pieces>(std::make_shared<json_pieces>(full_snapshot_));
+  return std::shared_ptr<body_pieces>(std::make_shared<json_pieces>(std::move(plan)));
 }
 
 void event_feed::add(const std::string& kind, const std::string& id, const char* op,

@@ -108,7 +108,8 @@ class event_feed final : public zelcapi::state_handler {
   std::uint64_t laggards_ = 0;
   std::int64_t last_change_ms_ = 0;
   std::chrono::steady_clock::time_point last_write_;
-  std::shared_ptr<const json_plan> full_snapshot_;
+  // Kept while a client still writes it, for the clients that need the same one.
+  std::weak_ptr<const json_plan> full_snapshot_;
   std::shared_ptr<const std::string> bare_snapshot_;
   std::uint64_t full_snapshot_seq_ = 0;
   std::uint64_t bare_snapshot_seq_ = 0;
