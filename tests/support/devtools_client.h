@@ -89,6 +89,15 @@ class devtools_browser {
     return n;
   }
 
+  // The events seen so far of `method`, their whole messages.
+  std::vector<nlohmann::json> events_of(const std::string& method) const {
+    std::vector<nlohmann::json> out;
+    for (const auto& e : events_) {
+      if (e["method"] == method) out.push_back(e);
+    }
+    return out;
+  }
+
   void navigate(const std::string& url) { call("Page.navigate", {{"url", url}}); }
 
   // The value of a script expression (promises awaited); null when it raised.

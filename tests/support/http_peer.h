@@ -20,6 +20,7 @@ struct http_answer {
   int status = 0;                              // 0: no complete answer
   std::map<std::string, std::string> headers;  // names in lower case
   std::string body;
+  std::size_t chunks = 0;  // the chunks of a chunked body
 };
 
 struct sse_event {
@@ -74,6 +75,16 @@ class http_peer {
   }
   bool closed() const { return closed_; }
 
+  // Reads until what arrived holds `text` (kept for the reads after); false at the limit.
+  bool wait_for(const std::string& text, std::chrono::milliseconds limit) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (buffer_.find(text) == std::string::npos) {
+      if (closed_ || std::chrono::steady_clock::now() > until) return false;
+      read_some(std::chrono::milliseconds(50));
+    }
+    return true;
+  }
+
   // Reads until the peer closes or `limit` passes; whether it closed.
   bool wait_closed(std::chrono::milliseconds limit) {
     const auto until = std::chrono::steady_clock::now() + limit;
@@ -83,8 +94,10 @@ class http_peer {
     return closed_;
   }
 
-  // One answer (status line, headers, a body of Content-Length bytes).
-  http_answer read_answer(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  // One answer (status line, headers, a body of Content-Length bytes; none after a HEAD, whose
+  // Content-Length is the GET's).
+  http_answer read_answer(std::chrono::milliseconds limit = std::chrono::seconds(10),
+                          bool head_only = false) {
     const auto until = std::chrono::steady_clock::now() + limit;
     http_answer a;
     std::size_t head_end;
@@ -107,18 +120,53 @@ class http_peer {
         for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         std::string value = line.substr(colon + 1);
         while (!value.empty() && value.front() == ' ') value.erase(0, 1);
-        if (name == "content-length") length = std::stoul(value);
+        if (name == "content-length" && !head_only) length = std::stoul(value);
         a.headers[name] = value;
       }
       line_end = next;
     }
-    while (buffer_.size() < head_end + 4 + length) {
-      if (closed_ || std::chrono::steady_clock::now() > until) return a;
-      read_some(std::chrono::milliseconds(50));
+    const auto header = [&a](const std::string& name) {
+      const auto it = a.headers.find(name);
+      return it == a.headers.end() ? std::string() : it->second;
+    };
+    std::size_t at = head_end + 4;
+    if (!head_only && header("transfer-encoding") == "chunked") {
+      // Chunks up to the empty one: each a hex size line, the bytes and a line end.
+      for (;;) {
+        std::size_t line_end_at;
+        while ((line_end_at = buffer_.find("\r\n", at)) == std::string::npos) {
+          if (closed_ || std::chrono::steady_clock::now() > until) return a;
+          read_some(std::chrono::milliseconds(50));
+        }
+        const std::size_t size = std::stoul(buffer_.substr(at, line_end_at - at), nullptr, 16);
+        while (buffer_.size() < line_end_at + 2 + size + 2) {
+          if (closed_ || std::chrono::steady_clock::now() > until) return a;
+          read_some(std::chrono::milliseconds(50));
+        }
+        a.body.append(buffer_, line_end_at + 2, size);
+        at = line_end_at + 2 + size + 2;
+        if (size == 0) break;
+        ++a.chunks;
+      }
+    } else if (!head_only && a.headers.count("content-length") == 0 &&
+               header("connection") == "close") {
+      // No length: the body ends with the connection.
+      while (!closed_ && std::chrono::steady_clock::now() < until) {
+        read_some(std::chrono::milliseconds(50));
+      }
+      if (!closed_) return a;
+      a.body = buffer_.substr(at);
+      at = buffer_.size();
+    } else {
+      while (buffer_.size() < at + length) {
+        if (closed_ || std::chrono::steady_clock::now() > until) return a;
+        read_some(std::chrono::milliseconds(50));
+      }
+      a.body = buffer_.substr(at, length);
+      at += length;
     }
     a.status = std::stoi(status_line.substr(9, 3));
-    a.body = buffer_.substr(head_end + 4, length);
-    buffer_.erase(0, head_end + 4 + length);
+    buffer_.erase(0, at);
     return a;
   }
 
@@ -170,12 +218,15 @@ class http_peer {
   std::string buffer_;
 };
 
-// The port of the first "http://127.0.0.1:PORT/" in `text`; 0 when there is none.
+// The port of the first "http://HOST:PORT/" in `text` (a server listening on any address
+// answers on loopback too); 0 when there is none.
 inline std::uint16_t loopback_port_in(const std::string& text) {
-  const std::string prefix = "http://127.0.0.1:";
-  const std::size_t at = text.find(prefix);
+  const std::size_t at = text.find("http://");
   if (at == std::string::npos) return 0;
-  return static_cast<std::uint16_t>(std::strtoul(text.c_str() + at + prefix.size(), nullptr, 10));
+  const std::size_t slash = text.find('/', at + 7);
+  const std::size_t colon = text.rfind(':', slash);
+  if (slash == std::string::npos || colon == std::string::npos || colon < at + 7) return 0;
+  return static_cast<std::uint16_t>(std::strtoul(text.c_str() + colon + 1, nullptr, 10));
 }
 
 // One GET on a connection of its own.

@@ -49,12 +49,14 @@ class stream_state {
     for (const auto& change : data["changes"]) apply_change(change);
     if (data.contains("workflow-seq-nr")) state_["workflow-seq-nr"] = data["workflow-seq-nr"];
     changes_ += data["changes"].size();
+    ++batches_;
     return true;
   }
 
   const nlohmann::json& state() const { return state_; }
   std::uint64_t seq() const { return seq_; }
   std::uint64_t changes() const { return changes_; }
+  std::uint64_t batches() const { return batches_; }
 
  private:
   void apply_change(const nlohmann::json& change) {
@@ -80,6 +82,7 @@ class stream_state {
   nlohmann::json state_;
   std::uint64_t seq_ = 0;
   std::uint64_t changes_ = 0;
+  std::uint64_t batches_ = 0;
 };
 
 }  // namespace zelctl_test

@@ -3,10 +3,7 @@
 // leaves a file from which the next mirror loads the last complete save.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "json_output.h"
-#include "zelbase/exceptions.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelctl_test_support.h"
 
@@ -20,23 +17,6 @@ nlohmann::json saved(const std::string& path, zelcapi::db_item_type type) {
   read_only.read_only = true;
   zelcapi::sqlite_state_db file(path, read_only);
   return zelctl::to_json(*file.load_items(type));
-}
-
-// A cluster on three consecutive ports that are free (so that a new cluster can take them
-// again after this one stopped).
-std::unique_ptr<zelsim::cluster> start_on_fixed_ports(std::uint16_t& base, std::uint64_t seed) {
-  std::mt19937 pick(std::random_device{}());
-  for (int attempt = 0; attempt < 50; ++attempt) {
-    if (base == 0) base = static_cast<std::uint16_t>(20000 + pick() % 30000);
-    auto sim = std::make_unique<zelsim::cluster>(cluster_options(base, seed));
-    try {
-      sim->start();
-      return sim;
-    } catch (const zelbase::es::base&) {
-      base = 0;
-    }
-  }
-  return nullptr;
 }
 
 TEST(ZelctlMirror, SimulatedRunSavesTheReplicaAndPrintsASummary) {

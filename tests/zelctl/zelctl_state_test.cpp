@@ -12,22 +12,11 @@ using namespace zelctl_test;
 
 namespace {
 
-class ZelctlState : public ::testing::Test {
+class ZelctlState : public cluster_test {
  protected:
-  void SetUp() override {
-    sim_.start();
-    std::ofstream(dir_.file("pw")) << "demo\n";
-    // Enough changes that records are running, ended and historized.
-    sim_.run_workload(1500);
-    ASSERT_TRUE(sim_.wait_workload_paused(std::chrono::seconds(10)));
-  }
   std::vector<std::string> args(const std::vector<std::string>& command) {
     return at(sim_, dir_.file("pw"), 2) + command;
   }
-  nlohmann::json master() { return zelctl::to_json(sim_.master_snapshot()); }
-
-  temp_dir dir_;
-  zelsim::cluster sim_{cluster_options()};
 };
 
 TEST_F(ZelctlState, StatePrintsTheMastersSnapshot) {

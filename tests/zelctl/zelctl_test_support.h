@@ -2,14 +2,20 @@
 // time, against an in-process simulated cluster on free loopback ports.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "json_output.h"
 #include "support/child_process.h"
+#include "zelbase/exceptions.h"
 #include "zelsim/cluster.h"
 
 namespace zelctl_test {
@@ -52,6 +58,24 @@ inline zelsim::options cluster_options(std::uint16_t port = 0, std::uint64_t see
   return o;
 }
 
+// A cluster on three consecutive ports that are free (so that a new cluster can take them
+// again after this one stopped): the loss of a whole cluster and its return.
+inline std::unique_ptr<zelsim::cluster> start_on_fixed_ports(std::uint16_t& base,
+                                                             std::uint64_t seed) {
+  std::mt19937 pick(std::random_device{}());
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    if (base == 0) base = static_cast<std::uint16_t>(20000 + pick() % 30000);
+    auto sim = std::make_unique<zelsim::cluster>(cluster_options(base, seed));
+    try {
+      sim->start();
+      return sim;
+    } catch (const zelbase::es::base&) {
+      base = 0;
+    }
+  }
+  return nullptr;
+}
+
 // The flags that point zelctl at node `node` of `sim` as user demo with a password file.
 inline std::vector<std::string> at(zelsim::cluster& sim, const std::string& password_file,
                                    std::size_t node = 1) {
@@ -68,5 +92,21 @@ inline std::vector<std::string> operator+(std::vector<std::string> a,
 
 // The stderr of a failed run: exactly one line.
 inline void expect_one_line(const std::string& err) { EXPECT_EQ(lines_of(err).size(), 1u) << err; }
+
+// A simulated cluster whose workload has made 1500 changes (enough that records are running,
+// ended and historized) and is paused, and a password file for zelctl.
+class cluster_test : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sim_.start();
+    std::ofstream(dir_.file("pw")) << "demo\n";
+    sim_.run_workload(1500);
+    ASSERT_TRUE(sim_.wait_workload_paused(std::chrono::seconds(10)));
+  }
+  nlohmann::json master() { return zelctl::to_json(sim_.master_snapshot()); }
+
+  temp_dir dir_;
+  zelsim::cluster sim_{cluster_options()};
+};
 
 }  // namespace zelctl_test

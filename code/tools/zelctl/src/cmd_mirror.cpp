@@ -17,6 +17,7 @@
 #include "kinds.h"
 #include "mirror_location.h"
 #include "mirror_store.h"
+#include "retry_backoff.h"
 #include "stop_signal.h"
 #include "store_health.h"
 #include "time_text.h"
@@ -147,10 +148,10 @@ class mirror {
     });
     load_file();
     start_ = steady::now();
-    double backoff = initial_backoff;
+    retry_backoff backoff;
     while (!finished()) {
       if (!reach_cluster(backoff)) continue;
-      backoff = initial_backoff;
+      backoff.reset();
       keep_current();
       if (!connection_.is_connected() && !finished()) {
         end_status_line();
@@ -173,8 +174,6 @@ class mirror {
   }
 
  private:
-  static constexpr double initial_backoff = 0.5;
-  static constexpr double max_backoff = 10;
   // History writes held while the store fails, at most (the oldest go first).
   static constexpr std::size_t history_held_at_most = 100000;
 
@@ -256,10 +255,10 @@ class mirror {
     write_history();
   }
 
-  // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits `backoff`
-  // (doubled for the next time) and returns false. A refused login or a usage error (no
-  // password) ends the mirror.
-  bool reach_cluster(double& backoff) {
+  // Connects, logs in and loads the snapshot; when the cluster cannot be reached waits the
+  // backoff's next wait and returns false. A refused login or a usage error (no password) ends
+  // the mirror.
+  bool reach_cluster(retry_backoff& backoff) {
     try {
       taking_snapshot_ = true;
       const login_result where = load_snapshot(connection_, target_);
@@ -276,12 +275,13 @@ class mirror {
       taking_snapshot_ = false;
       if (e.code() != exit_connection) throw;
       end_status_line();
-      log(std::string(e.what()) + "; retrying in " + std::to_string(backoff).substr(0, 4) + " s");
-      const auto until = steady::now() + std::chrono::duration<double>(backoff);
+      const retry_backoff::duration wait = backoff.next();
+      log(std::string(e.what()) + "; retrying in " +
+          std::to_string(std::chrono::duration<double>(wait).count()).substr(0, 4) + " s");
+      const auto until = steady::now() + wait;
       while (!finished() && steady::now() < until) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
-      backoff = std::min(backoff * 2, max_backoff);
       return false;
     }
   }

@@ -1,9 +1,11 @@
 // zelctl serve: keeps a replica of the cluster's state and serves it over HTTP (pages, a JSON
 // API and a stream of its changes) on one thread: an io_context runs both the state connection
 // (through the Asio adapter) and the sockets of the HTTP server.
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -13,6 +15,7 @@
 
 #include "commands.h"
 #include "serve/api_routes.h"
+#include "serve/cluster_link.h"
 #include "serve/event_feed.h"
 #include "serve/http_server.h"
 #include "serve/overview.h"
@@ -28,6 +31,7 @@ struct serve_flags {
   std::uint32_t history_keep = 600;
   double duration = 0;
   unsigned batch_ms = 250;
+  unsigned header_ms = 5000;
   unsigned idle_ms = 30000;
   unsigned write_ms = 10000;
   std::size_t max_connections = 256;
@@ -51,8 +55,12 @@ void split_listen(const std::string& text, std::string& host, std::string& port)
 std::string read_token(const std::string& path) {
   if (path.empty()) return "";
   std::ifstream in(path);
+  if (!in) {
+    throw failure(exit_usage, "cannot read --token-file '" + path + "': " + std::strerror(errno));
+  }
   std::string token;
-  if (!in || !std::getline(in, token)) {
+  if (!std::getline(in, token)) {
+    if (in.eof()) throw failure(exit_usage, "--token-file '" + path + "' is empty");
     throw failure(exit_usage, "cannot read --token-file '" + path + "'");
   }
   while (!token.empty() && (token.back() == '\r' || token.back() == ' ')) token.pop_back();
@@ -77,11 +85,12 @@ int run_serve(const serve_flags& f, target& t) {
   feed.attach(replica);
   const login_result where = load_snapshot(replica_link, t);
 
-  serve::overview view(io, replica, feed);
-  view.set_master(where.master_id, where.host + ":" + where.port);
+  serve::cluster_link source(io, replica_link, t, feed, where);
+  serve::overview view(io, replica, feed, source);
   serve::api_routes routes(replica, view);
   serve::limits lim;
   lim.connections = f.max_connections;
+  lim.header = std::chrono::milliseconds(f.header_ms);
   lim.idle = std::chrono::milliseconds(f.idle_ms);
   lim.write = std::chrono::milliseconds(f.write_ms);
   serve::http_server server(
@@ -108,6 +117,13 @@ int run_serve(const serve_flags& f, target& t) {
   const auto at = server.local_endpoint();
   const std::string address =
       at.address().is_v6() ? "[" + at.address().to_string() + "]" : at.address().to_string();
+  if (token.empty() && !at.address().is_loopback()) {
+    std::fprintf(stderr,
+                 "zelctl: serve: warning: listening on %s:%u without --token-file: anyone who can "
+                 "reach this address reads the cluster's state\n",
+                 address.c_str(), static_cast<unsigned>(at.port()));
+    std::fflush(stderr);
+  }
   std::printf("zelctl: serving %s at http://%s:%u/ (master %s at %s:%s; Ctrl-C stops)\n",
               token.empty() ? "without token" : "with token", address.c_str(),
               static_cast<unsigned>(at.port()), where.master_id.c_str(), where.host.c_str(),
@@ -141,7 +157,12 @@ command add_serve_command(CLI::App& app, global_options&) {
   sub->add_option("--batch-ms", f->batch_ms, "milliseconds between two batches of changes")
       ->check(CLI::Range(10u, 10000u))
       ->capture_default_str();
-  sub->add_option("--idle-ms", f->idle_ms, "milliseconds a connection may take to send a request")
+  sub->add_option("--header-ms", f->header_ms,
+                  "milliseconds a new connection may take to send its first request's header")
+      ->check(CLI::Range(100u, 3600000u))
+      ->capture_default_str();
+  sub->add_option("--idle-ms", f->idle_ms,
+                  "milliseconds a kept-alive connection may wait for its next request")
       ->check(CLI::Range(100u, 3600000u))
       ->capture_default_str();
   sub->add_option("--write-ms", f->write_ms,

@@ -129,10 +129,13 @@ login_result log_in(zelcapi::connection& c, target& t) {
       "login as '" + t.user() + "'", [&]() -> auto& {
         return c.login_sync(t.user(), password, "", "", t.timeout(), true);
       });
-  if (reply.get_properties().is_present("error")) {
-    refused("login as '" + t.user() + "'", reply.get_properties());
-  }
-  return where_we_are(c, t, reply.get_properties());
+  return login_answered(c, t, reply.get_properties());
+}
+
+login_result login_answered(const zelcapi::connection& c, const target& t,
+                            const zelcore::properties& reply) {
+  if (reply.is_present("error")) refused("login as '" + t.user() + "'", reply);
+  return where_we_are(c, t, reply);
 }
 
 login_result load_snapshot(zelcapi::state_connection& c, target& t) {

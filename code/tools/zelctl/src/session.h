@@ -64,6 +64,10 @@ class target {
 void connect_to(zelcapi::connection& c, const target& t);
 // Connects and logs in as the target's user, following the cluster to its master.
 login_result log_in(zelcapi::connection& c, target& t);
+// What the reply of a login as the target's user says: where the connection now is, or
+// login_refused with the refusal's text.
+login_result login_answered(const zelcapi::connection& c, const target& t,
+                            const zelcore::properties& reply);
 // Finds the master through a status request, then logs in there as an administrator.
 login_result admin_log_in(zelcapi::connection& c, target& t);
 // Connects, logs in and loads the cluster's snapshot into the state connection's replica (and

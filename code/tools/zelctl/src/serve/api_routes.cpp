@@ -9,6 +9,7 @@
 #include "json_output.h"
 #include "kinds.h"
 #include "replica_json.h"
+#include "serve/json_pieces.h"
 #include "serve/web_assets.h"
 
 namespace zelctl::serve {
@@ -23,6 +24,32 @@ response json_response(const nlohmann::json& value, unsigned status = 200) {
   r.status = status;
   r.body = json_text(value, false);
   return r;
+}
+
+// A large answer: frozen now, written in pieces.
+response pieces_response(json_plan plan) {
+  response r;
+  r.pieces = std::make_shared<json_pieces>(std::make_shared<const json_plan>(std::move(plan)));
+  return r;
+}
+
+response records_response(frozen_records records) {
+  json_plan plan;
+  plan.add_records(std::move(records));
+  return pieces_response(std::move(plan));
+}
+
+// Every record of a snapshot key.
+frozen_records frozen_kind(const zelcapi::state& replica, const std::string& key) {
+  zelcapi::state_item_type type{};
+  if (item_type_of(key, type)) return freeze(replica.get_items(type));
+  zelcore::properties records;
+  if (key == "workflows") {
+    replica.get_workflows(records);
+  } else {
+    replica.get_workflow_results(records);
+  }
+  return freeze_children(records);
 }
 
 response not_found(const std::string& what) {
@@ -116,15 +143,20 @@ response api_routes::operator()(const request& in) const {
 }
 
 response api_routes::state(const request& in, const std::string& rest) const {
-  if (rest.empty() || rest == "/") return json_response(state_json(replica_));
+  if (rest.empty() || rest == "/") {
+    json_plan plan;
+    plan.add_state(replica_);
+    return pieces_response(std::move(plan));
+  }
   const std::size_t slash = rest.find('/', 1);
   const std::string kind = rest.substr(1, slash == std::string::npos ? slash : slash - 1);
   const std::string key = snapshot_key_of(kind);
   if (key.empty()) return not_found("kind '" + kind + "'");
+  zelcapi::state_item_type type{};
+  const bool item_kind = item_type_of(key, type);
   if (slash != std::string::npos) {
     const std::string id = rest.substr(slash + 1);
-    zelcapi::state_item_type type{};
-    if (item_type_of(key, type)) {
+    if (item_kind) {
       if (!replica_.has_item(type, id)) return not_found(key + " record '" + id + "'");
       return json_response(to_json(replica_.get_item(type, id)));
     }
@@ -132,13 +164,9 @@ response api_routes::state(const request& in, const std::string& rest) const {
     if (!records.contains(id)) return not_found(key + " record '" + id + "'");
     return json_response(records[id]);
   }
-  zelcapi::state_item_type type{};
-  if (!has_filter(in) || !item_type_of(key, type)) return json_response(kind_json(replica_, key));
-  nlohmann::json out = nlohmann::json::object();
-  for (const auto& [id, record] : replica_.get_items(type)) {
-    if (passes(record, in)) out[id] = to_json(record);
-  }
-  return json_response(out);
+  if (!has_filter(in) || !item_kind) return records_response(frozen_kind(replica_, key));
+  return records_response(freeze(replica_.get_items(type),
+                                 [&in](const zelcore::properties& r) { return passes(r, in); }));
 }
 
 response api_routes::table(const request& in, const std::string& kind) const {
@@ -207,11 +235,8 @@ response api_routes::history(const request& in, const std::string& kind) const {
     return not_found("kind '" + kind + "'");
   }
   if (!replica_.has_history()) return not_found("history (serve runs with --history-keep 0)");
-  nlohmann::json out = nlohmann::json::object();
-  for (const auto& [id, record] : replica_.get_history_items(type)) {
-    if (passes(record, in)) out[id] = to_json(record);
-  }
-  return json_response(out);
+  return records_response(freeze(replica_.get_history_items(type),
+                                 [&in](const zelcore::properties& r) { return passes(r, in); }));
 }
 
 }  // namespace zelctl::serve

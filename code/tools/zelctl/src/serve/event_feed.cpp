@@ -7,6 +7,7 @@
 #include "json_output.h"
 #include "kinds.h"
 #include "replica_json.h"
+#include "serve/json_pieces.h"
 #include "time_text.h"
 
 namespace zelctl::serve {
@@ -54,19 +55,39 @@ void event_feed::subscribe(const std::shared_ptr<event_subscriber>& out, const r
   flush();
   const bool full = in.target.param("snapshot") != "none";
   out->send(snapshot_event(full));
+  if (link_event_) out->send(link_event_);
   clients_.push_back({out, full});
 }
 
-std::shared_ptr<const std::string> event_feed::snapshot_event(bool full) {
-  auto& cached = snapshot_cache_[full ? 1 : 0];
-  auto& cached_seq = snapshot_cache_seq_[full ? 1 : 0];
-  if (!cached || cached_seq != seq_) {
-    nlohmann::json data{{"seq", seq_}, {"state", nullptr}};
-    if (full && replica_ != nullptr) data["state"] = state_json(*replica_);
-    cached = event_text("snapshot", seq_, data);
-    cached_seq = seq_;
+void event_feed::link_changed(const source_status& status) {
+  flush();
+  nlohmann::json data = status_json(status);
+  data["seq"] = seq_;
+  link_event_ = event_text("cluster", seq_, data);
+  for (const auto& c : clients_) c.out->send(link_event_);
+}
+
+outgoing event_feed::snapshot_event(bool full) {
+  const std::string head =
+      "event: snapshot\nid: " + std::to_string(seq_) + "\ndata: {\"seq\":" + std::to_string(seq_);
+  if (!full || replica_ == nullptr) {
+    if (!bare_snapshot_ || bare_snapshot_seq_ != seq_) {
+      bare_snapshot_ = std::make_shared<const std::string>(head + ",\"state\":null}\n\n");
+      bare_snapshot_seq_ = seq_;
+    }
+    return bare_snapshot_;
   }
-  return cached;
+  std::shared_ptr<const json_plan> plan = full_snapshot_.lock();
+  if (!plan || full_snapshot_seq_ != seq_) {
+    auto fresh = std::make_shared<json_plan>();
+    fresh->add_text(head + ",\"state\":");
+    fresh->add_state(*replica_);
+    fresh->add_text("}\n\n");
+    plan = std::move(fresh);
+    full_snapshot_ = plan;
+    full_snapshot_seq_ = seq_;
+  }
+  return std::shared_ptr<body_pieces>(std::make_shared<json_pieces>(std::move(plan)));
 }
 
 void event_feed::add(const std::string& kind, const std::string& id, const char* op,
@@ -205,14 +226,12 @@ bool event_feed::state_new_state(const zelcore::properties&) {
   resnapshot_ = true;
   workflows_touched_ = false;
   note_sent_workflows();
-  connected_ = true;
-  lost_.clear();
+  if (on_snapshot_) on_snapshot_();
   return true;
 }
 
 void event_feed::disconnected(const std::string& reason, bool) {
-  connected_ = false;
-  lost_ = reason;
+  if (on_lost_) on_lost_(reason);
 }
 
 }  // namespace zelctl::serve

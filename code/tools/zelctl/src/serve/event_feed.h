@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -17,6 +18,8 @@
 #include <nlohmann/json.hpp>
 
 #include "serve/http_server.h"
+#include "serve/json_pieces.h"
+#include "serve/replica_source.h"
 #include "zelcapi/state_connection.h"
 
 namespace zelctl::serve {
@@ -37,8 +40,18 @@ class event_feed final : public zelcapi::state_handler {
   // Starts the batch timer; the replica holds its first snapshot.
   void start();
   // A new event-stream client: it gets a snapshot event at once ("?snapshot=none": one without
-  // the state, for clients that read the API instead), then every batch.
+  // the state, for clients that read the API instead) and a cluster event (the link's status),
+  // then every batch.
   void subscribe(const std::shared_ptr<event_subscriber>& client, const request& in);
+  // The link's status changed: every client gets a cluster event, after the batch of the changes
+  // before it.
+  void link_changed(const source_status& status);
+  // What the replica's source hears through the feed (the connection's only handler): the link
+  // went (with the reason), a snapshot replaced the replica. Empty functions: nobody listens.
+  void on_link(std::function<void(const std::string&)> lost, std::function<void()> snapshot) {
+    on_lost_ = std::move(lost);
+    on_snapshot_ = std::move(snapshot);
+  }
 
   std::uint64_t changes() const noexcept { return changes_; }
   std::uint64_t batches() const noexcept { return seq_; }
@@ -46,8 +59,6 @@ class event_feed final : public zelcapi::state_handler {
   std::uint64_t snapshots_for_laggards() const noexcept { return laggards_; }
   // Wall-clock time of the last change (0: none yet), in milliseconds since 1970.
   std::int64_t last_change_ms() const noexcept { return last_change_ms_; }
-  bool connected() const noexcept { return connected_; }
-  const std::string& lost() const noexcept { return lost_; }
 
   // zelcapi::state_handler
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
@@ -80,8 +91,9 @@ class event_feed final : public zelcapi::state_handler {
   void add_workflow_changes();
   // The workflows as every client has them now (after a snapshot).
   void note_sent_workflows();
-  // The snapshot event (with or without the state) as of the last batch; cached per batch.
-  std::shared_ptr<const std::string> snapshot_event(bool full);
+  // The snapshot event (with or without the state) as of the last batch: the state frozen once
+  // per batch, and written in pieces to each client that needs it.
+  outgoing snapshot_event(bool full);
 
   boost::asio::steady_timer timer_;
   feed_options options_;
@@ -96,10 +108,14 @@ class event_feed final : public zelcapi::state_handler {
   std::uint64_t laggards_ = 0;
   std::int64_t last_change_ms_ = 0;
   std::chrono::steady_clock::time_point last_write_;
-  std::shared_ptr<const std::string> snapshot_cache_[2];
-  std::uint64_t snapshot_cache_seq_[2] = {0, 0};
-  bool connected_ = true;
-  std::string lost_;
+  // Kept while a client still writes it, for the clients that need the same one.
+  std::weak_ptr<const json_plan> full_snapshot_;
+  std::shared_ptr<const std::string> bare_snapshot_;
+  std::uint64_t full_snapshot_seq_ = 0;
+  std::uint64_t bare_snapshot_seq_ = 0;
+  std::shared_ptr<const std::string> link_event_;  // the last cluster event
+  std::function<void(const std::string&)> on_lost_;
+  std::function<void()> on_snapshot_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

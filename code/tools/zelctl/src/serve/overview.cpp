@@ -18,8 +18,8 @@ nlohmann::json count_by_state(const zelcapi::state::item_map& items) {
 }
 
 overview::overview(boost::asio::io_context& io, const zelcapi::state& replica,
-                   const event_feed& feed, std::size_t samples)
-    : timer_(io), replica_(replica), feed_(feed), capacity_(samples) {}
+                   const event_feed& feed, const replica_source& source, std::size_t samples)
+    : timer_(io), replica_(replica), feed_(feed), source_(source), capacity_(samples) {}
 
 overview::~overview() { *alive_ = false; }
 
@@ -69,11 +69,10 @@ nlohmann::json overview::summary() const {
   nlohmann::json history = nlohmann::json::array();
   for (const sample& s : samples_) history.push_back({{"time", s.ms}, {"jobs", s.jobs}});
   const std::int64_t last = feed_.last_change_ms();
-  return {
-      {"master", master_},
-      {"address", where_},
-      {"connected", feed_.connected()},
-      {"lost", feed_.lost()},
+  const source_status& link = source_.status();
+  nlohmann::json out{
+      {"master", link.master},
+      {"address", link.address},
       {"nodes", std::move(nodes)},
       {"counts",
        {{"jobs", count_by_state(replica_.get_items(zelcapi::state_item_job))},
@@ -83,11 +82,11 @@ nlohmann::json overview::summary() const {
       {"batches", feed_.batches()},
       {"stream-clients", feed_.clients()},
       {"rate", rate},
-      {"last-change", last == 0 ? nlohmann::json(nullptr)
-                                : nlohmann::json(iso_time(std::chrono::system_clock::time_point(
-                                      std::chrono::milliseconds(last))))},
+      {"last-change", last == 0 ? nlohmann::json(nullptr) : nlohmann::json(iso_time_of_ms(last))},
       {"samples", std::move(history)},
   };
+  out.update(status_json(link));
+  return out;
 }
 
 }  // namespace zelctl::serve

@@ -14,24 +14,21 @@
 #include <nlohmann/json.hpp>
 
 #include "serve/event_feed.h"
+#include "serve/replica_source.h"
 #include "zelcapi/state.h"
 
 namespace zelctl::serve {
 
 class overview {
  public:
-  // Keeps `samples` seconds of counts.
+  // Keeps `samples` seconds of counts; the master and the link's status come from `source`.
   overview(boost::asio::io_context& io, const zelcapi::state& replica, const event_feed& feed,
-           std::size_t samples = 600);
+           const replica_source& source, std::size_t samples = 600);
   ~overview();
   overview(const overview&) = delete;
   overview& operator=(const overview&) = delete;
 
   void start();
-  void set_master(const std::string& master_id, const std::string& where) {
-    master_ = master_id;
-    where_ = where;
-  }
   // The whole overview as JSON (docs/http-api.md, /api/summary).
   nlohmann::json summary() const;
 
@@ -47,10 +44,9 @@ class overview {
   boost::asio::steady_timer timer_;
   const zelcapi::state& replica_;
   const event_feed& feed_;
+  const replica_source& source_;
   std::size_t capacity_;
   std::deque<sample> samples_;
-  std::string master_;
-  std::string where_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

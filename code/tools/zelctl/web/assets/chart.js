@@ -1,9 +1,10 @@
 // A line chart of counts over time in SVG, hand-written: one chart of a few hundred points
-// needs no library. Lines are built as path data from numbers; labels are text nodes.
+// needs no library. Lines are built as path data from numbers; labels are text nodes. Each
+// series is a state, drawn in that state's colour.
 "use strict";
+import { stateColour } from "./states.js";
 
 const NS = "http://www.w3.org/2000/svg";
-export const palette = ["#2b6cb0", "#1f7a3a", "#b3261e", "#b7791f", "#6b46c1", "#2c7a7b", "#718096"];
 
 function svg(tag, attrs) {
   const e = document.createElementNS(NS, tag);
@@ -37,10 +38,10 @@ export function drawChart(target, series, width = 640, height = 200) {
   const span = svg("text", { x: width - pad.right, y: height - 4, "text-anchor": "end", fill: "#667" });
   span.textContent = `last ${Math.round((t1 - t0) / 1000)} s`;
   root.appendChild(span);
-  series.forEach((s, i) => {
-    if (s.points.length === 0) return;
+  for (const s of series) {
+    if (s.points.length === 0) continue;
     const d = s.points.map(([t, v], j) => `${j ? "L" : "M"}${x(t).toFixed(1)},${y(v).toFixed(1)}`).join("");
-    root.appendChild(svg("path", { d, fill: "none", stroke: palette[i % palette.length], "stroke-width": 1.5 }));
-  });
+    root.appendChild(svg("path", { d, fill: "none", stroke: stateColour(s.name), "stroke-width": 1.5, "data-state": s.name }));
+  }
   target.replaceChildren(root);
 }

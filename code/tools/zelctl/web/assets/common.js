@@ -48,10 +48,57 @@ export function time(seconds) {
   return new Date(seconds * 1000).toLocaleString();
 }
 
+// What the header's status says: the page's last refresh, its change stream, and the link of
+// zelctl serve to its cluster (from the stream's cluster events).
+const page = { error: null, stream: true, cluster: { connected: true } };
+
+function showStatus() {
+  const s = document.getElementById("status");
+  if (!s) return;
+  const lost = !page.cluster.connected;
+  s.textContent = page.error ? "error: " + page.error
+    : !page.stream ? "reconnecting"
+    : lost ? "cluster lost"
+    : "live";
+  s.classList.toggle("lost", lost);
+  showBanner();
+}
+
+function clock(iso) {
+  return iso ? new Date(iso).toLocaleTimeString() : "";
+}
+
+// While the link to the cluster is lost, a banner under the header says since when, why, and
+// what serve does about it; every text from the cluster or the network goes in as text.
+function showBanner() {
+  let banner = document.getElementById("banner");
+  if (!banner) {
+    const header = document.querySelector("header");
+    if (!header) return;
+    banner = el("div", { id: "banner", class: "banner", role: "status" });
+    banner.hidden = true;
+    header.after(banner);
+  }
+  const c = page.cluster;
+  banner.hidden = c.connected;
+  if (c.connected) return;
+  const parts = [`The link to the cluster was lost at ${clock(c["lost-at"])}`,
+                 c.lost ? ` (${c.lost})` : "", ". The pages show the state as it was then. "];
+  if (!c.retrying) {
+    parts.push(`Not reconnecting: ${c["last-error"]}. Restart zelctl serve to reconnect.`);
+  } else if (c.attempts > 0) {
+    parts.push(`Reconnecting: attempt ${c.attempts} failed (${c["last-error"]}); the next at ${clock(c["next-attempt"])}.`);
+  } else {
+    parts.push("Reconnecting.");
+  }
+  fill(banner, parts.join(""));
+}
+
 // Calls `refresh` once now and again after each batch of the change stream that `wants`,
-// at most every `gap` ms. A snapshot event (the page fell behind, or the server reconnected)
-// refreshes at once.
-export function live(refresh, wants = () => true, gap = 250) {
+// at most every `gap` ms, and (with `every`) at least every `every` ms, for what moves without
+// a change (the overview's samples). A snapshot event (the page fell behind, or the server
+// reloaded the cluster's state) refreshes at once.
+export function live(refresh, wants = () => true, gap = 250, every = 0) {
   let due = false;
   let running = false;
   let last = 0;
@@ -65,13 +112,19 @@ export function live(refresh, wants = () => true, gap = 250) {
     last = Date.now();
     try {
       await refresh();
-      setStatus("live");
+      page.error = null;
     } catch (e) {
-      setStatus("error: " + e.message);
+      page.error = e.message;
     }
+    showStatus();
     running = false;
     if (due) schedule();
   };
+  if (every > 0) {
+    setInterval(() => {
+      if (!running && !due && Date.now() - last >= every) run();
+    }, every);
+  }
   const schedule = () => {
     const wait = Math.max(0, gap - (Date.now() - last));
     setTimeout(run, wait);
@@ -88,13 +141,21 @@ export function live(refresh, wants = () => true, gap = 250) {
     }
   });
   source.addEventListener("snapshot", () => run());
-  source.onerror = () => setStatus("reconnecting");
+  source.addEventListener("cluster", (e) => {
+    page.cluster = JSON.parse(e.data);
+    showStatus();
+    // Pages that show the link's state (the overview) show it now.
+    run();
+  });
+  source.onopen = () => {
+    page.stream = true;
+    showStatus();
+  };
+  source.onerror = () => {
+    page.stream = false;
+    showStatus();
+  };
   run();
-}
-
-export function setStatus(text) {
-  const s = document.getElementById("status");
-  if (s) s.textContent = text;
 }
 
 // Whether a batch touches one of `kinds`.

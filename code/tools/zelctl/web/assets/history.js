@@ -1,7 +1,8 @@
 // The history of a kind: the records that the replica has historized since it started (kept
 // for --history-keep seconds), filtered by state and user; a click shows the whole record.
 "use strict";
-import { api, el, fill, cell, time, live, touches, showRecord } from "./common.js";
+import { api, el, fill, cell, time, live, showRecord } from "./common.js";
+import { swatch } from "./states.js";
 
 const $ = (id) => document.getElementById(id);
 
@@ -16,7 +17,7 @@ async function refresh() {
   fill(document.querySelector("#history tbody"), ids.map((id) => {
     const r = records[id];
     return el("tr", { class: "clickable", "data-id": id, onclick: () => showRecord($("record"), id, r) },
-              el("td", {}, id), el("td", {}, cell(r.name)), el("td", {}, cell(r.state)),
+              el("td", {}, id), el("td", {}, cell(r.name)), el("td", {}, swatch(cell(r.state)), cell(r.state)),
               el("td", {}, cell(r.user)), el("td", {}, cell(r.node)), el("td", {}, time(r["end-time"])));
   }));
 }

@@ -3,6 +3,7 @@
 // whole record. The page is fetched again after each batch that changes jobs.
 "use strict";
 import { api, el, fill, cell, time, live, touches, showRecord } from "./common.js";
+import { swatch } from "./states.js";
 
 const columns = ["id", "name", "state", "user", "node", "queue", "priority", "cores", "submit-time", "start-time", "end-time", "exit-code"];
 const times = new Set(["submit-time", "start-time", "end-time"]);
@@ -44,7 +45,8 @@ async function refresh() {
   if (mine !== generation) return;  // a newer request answers instead
   fill(document.querySelector("#jobs tbody"), page.rows.map(({ id, record }) =>
     el("tr", { class: "clickable", "data-id": id, onclick: () => select(id) },
-       columns.map((c) => el("td", {}, times.has(c) ? time(record[c]) : cell(c === "id" ? id : record[c]))))));
+       columns.map((c) => el("td", {}, c === "state" ? swatch(cell(record.state)) : null,
+                             times.has(c) ? time(record[c]) : cell(c === "id" ? id : record[c]))))));
   const last = Math.min(page.offset + page.rows.length, page.matched);
   $("range").textContent = ` ${page.matched ? page.offset + 1 : 0}–${last} of ${page.matched} (${page.total} jobs) `;
   document.body.dataset.rendered = String(mine);

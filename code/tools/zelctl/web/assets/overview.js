@@ -2,7 +2,8 @@
 // change rate and the time of the last change; refreshed after every batch of changes.
 "use strict";
 import { api, el, fill, cell, live } from "./common.js";
-import { drawChart, palette } from "./chart.js";
+import { drawChart } from "./chart.js";
+import { swatch } from "./states.js";
 
 async function refresh() {
   const s = await api("/api/summary");
@@ -13,12 +14,12 @@ async function refresh() {
   const counts = s.counts.jobs;
   const states = Object.keys(counts).sort();
   fill(document.querySelector("#job-counts tbody"),
-       states.map((st) => el("tr", { "data-state": st }, el("td", { class: "state-" + st }, st),
+       states.map((st) => el("tr", { "data-state": st }, el("td", {}, swatch(st), st),
                              el("td", { class: "count" }, counts[st]))));
   fill(document.querySelector("#nodes tbody"),
        s.nodes.map((n) => el("tr", { "data-node": n.id },
                              el("td", {}, n.id),
-                             el("td", { class: "state-" + cell(n.state) }, cell(n.state)),
+                             el("td", {}, swatch(cell(n.state)), cell(n.state)),
                              el("td", {}, n.id === s.master ? "master" : ""),
                              el("td", {}, cell(n.host)),
                              el("td", {}, `${cell(n["cores-used"])} / ${cell(n.cores)}`),
@@ -30,7 +31,8 @@ async function refresh() {
   drawChart(document.getElementById("chart"),
             names.map((name) => ({ name, points: s.samples.map((p) => [p.time, p.jobs[name] || 0]) })));
   fill(document.getElementById("legend"),
-       names.map((name, i) => el("span", {}, el("i", { class: "swatch line" + (i % palette.length) }), name)));
+       names.map((name) => el("span", {}, swatch(name), name)));
 }
 
-live(refresh, () => true, 500);
+// The samples and the rate move once a second, changes or not.
+live(refresh, () => true, 500, 2000);

@@ -3,10 +3,10 @@
 // tasks' in-values and out-values. Redrawn after each batch that changes workflows.
 "use strict";
 import { api, el, fill, cell, live, touches } from "./common.js";
+import { stateColour, swatch } from "./states.js";
 
 const NS = "http://www.w3.org/2000/svg";
 const statuses = ["waiting", "runnable", "running", "finished", "failed", "killed"];
-const colours = ["#cbd5e0", "#90cdf4", "#2b6cb0", "#38a169", "#e53e3e", "#744210"];
 const results = ["created", "running", "finished", "failed", "killed"];
 const $ = (id) => document.getElementById(id);
 let selected = null;
@@ -69,7 +69,7 @@ function drawGraph(workflow) {
     const p = place[id];
     const status = Number(task.status) || 0;
     const g = svg("g", { "data-task": id, "data-status": statuses[status] || String(status) });
-    g.appendChild(svg("rect", { x: p.x, y: p.y, width: w, height: h, rx: 6, fill: colours[status] || "#a0aec0", stroke: "#2d3748" }));
+    g.appendChild(svg("rect", { x: p.x, y: p.y, width: w, height: h, rx: 6, fill: stateColour(statuses[status] || String(status)), stroke: "#2d3748" }));
     const name = svg("text", { x: p.x + 8, y: p.y + 18, fill: status >= 2 ? "#fff" : "#1d2430" });
     name.textContent = id;
     const state = svg("text", { x: p.x + 8, y: p.y + 34, fill: status >= 2 ? "#fff" : "#1d2430" });
@@ -78,7 +78,7 @@ function drawGraph(workflow) {
     root.appendChild(g);
   }
   $("graph").replaceChildren(root);
-  fill($("graph-legend"), statuses.map((s, i) => el("span", {}, el("i", { class: "swatch task" + i }), s)));
+  fill($("graph-legend"), statuses.map((s) => el("span", {}, swatch(s), s)));
 }
 
 function detail(id, workflow, result) {
@@ -86,7 +86,7 @@ function detail(id, workflow, result) {
   for (const [tid, task] of Object.entries(workflow.tasks || {}).sort()) {
     const ins = Object.entries(task["in-nodes"] || {}).map(([n, v]) => `${n} = ${v.value === undefined ? "(none)" : cell(v.value)}`).join(", ");
     const outs = Object.entries(task["out-values"] || {}).map(([n, v]) => `${n}${v.value === undefined ? "" : " = " + cell(v.value)}`).join(", ");
-    rows.push(el("tr", { "data-task": tid }, el("td", {}, tid), el("td", {}, statuses[task.status] || cell(task.status)),
+    rows.push(el("tr", { "data-task": tid }, el("td", {}, tid), el("td", {}, swatch(statuses[task.status] || cell(task.status)), statuses[task.status] || cell(task.status)),
                  el("td", {}, cell(task["status-message"])), el("td", {}, ins), el("td", {}, outs)));
   }
   fill($("workflow-detail"),
