@@ -2,10 +2,12 @@
 // simulated cluster started on free loopback ports for the duration of a test.
 #pragma once
 
+#include <exception>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "zelbase/exceptions.h"
 #include "zelcapi/connection.h"
 #include "zelsim/cluster.h"
 
@@ -33,6 +35,27 @@ class recording_handler : public zelcapi::handler {
   std::vector<zelnet::zelp::packet> received;
   std::function<bool(zelcapi::result_code)> answer;
   std::function<void(const zelnet::zelp::packet&, zelnet::zelp::packet&)> on_packet;
+};
+
+// The outcome of an asynchronous exchange: whether it ended, its reply and the message of its
+// failure.
+struct async_exchange {
+  bool ended = false;
+  zelnet::zelp::packet reply;
+  std::string error;
+
+  zelcapi::connection::reply_callback callback() {
+    return [this](const zelnet::zelp::packet& in, std::exception_ptr failure) {
+      ended = true;
+      reply = in;
+      if (!failure) return;
+      try {
+        std::rethrow_exception(failure);
+      } catch (const zelbase::es::uspec& e) {
+        error = e.message();
+      }
+    };
+  }
 };
 
 // Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".
