@@ -52,15 +52,10 @@ class held_requests {
   std::vector<zelcore::property_ptr> bounces_;
 };
 
-// Waits on the connection until `done` or five seconds passed; false on the time.
+// Waits on the connection until `done` or ten seconds passed; false on the time.
 template <class F>
 bool serve(zelcapi::connection& c, F done) {
-  const auto end = std::chrono::steady_clock::now() + 5s;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    c.wait(10);
-  }
-  return true;
+  return zeltest::serve_until({&c}, done);
 }
 
 struct correlation_fixture {

@@ -2,8 +2,10 @@
 // simulated cluster started on free loopback ports for the duration of a test.
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -57,6 +59,18 @@ struct async_exchange {
     };
   }
 };
+
+// Waits on the connections in turn until `done()` or `limit` has passed; false on the limit.
+template <class F>
+bool serve_until(std::initializer_list<zelcapi::connection*> connections, F done,
+                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    for (zelcapi::connection* c : connections) c->wait(5);
+  }
+  return true;
+}
 
 // Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".
 inline zelsim::options test_cluster_options(std::size_t nodes, std::size_t master) {
