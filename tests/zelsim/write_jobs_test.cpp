@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -374,13 +375,16 @@ TEST(SteerJobs, AHigherPriorityStartsFirst) {
   // The largest node frees first: one job of its size can start then.
   const std::vector<std::string> fill = fill_cores(alice, sim, 10000);
   const std::int64_t largest = master_record(sim, "jobs", fill[0]).get_int_value("cores");
+  // The priorities at both ends of their range.
   properties low = job("low"), high = job("high");
-  low.set_int_value("cores", largest);
-  high.set_int_value("cores", largest);
+  for (properties* j : {&low, &high}) {
+    j->set_int_value("cores", largest);
+    j->set_int_value("priority", std::numeric_limits<std::int64_t>::min());
+  }
   const std::vector<std::string> ids =
       ids_of(alice.request(submit_request, submission({low, high}, "k")));
   properties raise = steering("priority", {ids[1]});
-  raise.set_int_value("priority", 10);
+  raise.set_int_value("priority", std::numeric_limits<std::int64_t>::max());
   alice.request(steer_request, raise);
   alice.request(steer_request, steering("cancel", {fill[0]}));
   EXPECT_EQ(state_of(sim, ids[1]), "running");

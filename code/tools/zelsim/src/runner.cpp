@@ -190,13 +190,13 @@ std::string runner::submit(const std::vector<job_spec>& specs, const std::string
 void runner::enqueue(job& j) {
   j.state = job_state::queued;
   j.order = ++next_order_;
-  queue_.emplace(-j.priority, j.order, j.id);
+  queue_.emplace(j.priority, j.order, j.id);
 }
 
 void runner::reprioritise(job& j, std::int64_t priority) {
   if (j.state == job_state::queued) {
-    queue_.erase(queue_key(-j.priority, j.order, j.id));
-    queue_.emplace(-priority, j.order, j.id);
+    queue_.erase(queue_key(j.priority, j.order, j.id));
+    queue_.emplace(priority, j.order, j.id);
   }
   j.priority = priority;
 }
@@ -289,7 +289,7 @@ void runner::finish(job& j, job_state end, std::int64_t exit_code) {
       break;
     }
   } else if (j.state == job_state::queued) {
-    queue_.erase(queue_key(-j.priority, j.order, j.id));
+    queue_.erase(queue_key(j.priority, j.order, j.id));
   }
   j.state = end;
   properties update;
@@ -387,7 +387,7 @@ verdict runner::steer(const std::string& job_id, const std::string& action, std:
     }
     if (dry_run) return done;
     if (hold) {
-      queue_.erase(queue_key(-j.priority, j.order, j.id));
+      queue_.erase(queue_key(j.priority, j.order, j.id));
       j.state = job_state::held;
     } else {
       enqueue(j);

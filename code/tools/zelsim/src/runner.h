@@ -120,7 +120,15 @@ class runner {
     std::uint64_t jobs_run = 0;
     std::size_t active = 0;
   };
+  // A queued job: its priority, its place in the order of queueing, its id.
   using queue_key = std::tuple<std::int64_t, std::uint64_t, std::string>;
+  // The order in which queued jobs start: higher priority first, then first queued first.
+  struct queue_order {
+    bool operator()(const queue_key& a, const queue_key& b) const {
+      if (std::get<0>(a) != std::get<0>(b)) return std::get<0>(a) > std::get<0>(b);
+      return std::get<1>(a) < std::get<1>(b);
+    }
+  };
 
   std::uint64_t clock_now() const;
   // Makes every event due by `until` at its own time, then sets the clock to `until`.
@@ -173,7 +181,7 @@ class runner {
   std::uint64_t now_ = 0;
 
   std::map<std::string, job> jobs_;
-  std::set<queue_key> queue_;
+  std::set<queue_key, queue_order> queue_;
   std::multimap<std::uint64_t, std::string> ends_;
   std::multimap<std::uint64_t, std::string> retire_;
   std::map<std::string, std::int64_t> submissions_;  // live jobs per submission
