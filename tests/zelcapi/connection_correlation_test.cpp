@@ -66,6 +66,8 @@ struct correlation_fixture {
   correlation_fixture() {
     EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
   }
+  // The nodes' thread, which calls the handlers that use `held`, ends before `held` does.
+  ~correlation_fixture() { sim.stop(); }
 };
 
 TEST(Correlation, ALateReplyGoesToTheHandlerAndNotToTheNextRequestOfTheSameName) {
