@@ -16,31 +16,12 @@
 namespace {
 
 using zelnet::zelp::packet;
+using zeltest::async_exchange;
 using zeltest::poll_loop;
 using zeltest::recording_handler;
 using zeltest::test_cluster;
 using events = std::vector<std::string>;
 using namespace std::chrono_literals;
-
-// The outcome of an asynchronous exchange.
-struct exchange {
-  bool ended = false;
-  packet reply;
-  std::string error;
-
-  zelcapi::connection::reply_callback callback() {
-    return [this](const packet& in, std::exception_ptr failure) {
-      ended = true;
-      reply = in;
-      if (!failure) return;
-      try {
-        std::rethrow_exception(failure);
-      } catch (const zelbase::es::uspec& e) {
-        error = e.message();
-      }
-    };
-  }
-};
 
 // Connects `c` to the node asynchronously inside `loop`; the connect's result.
 zelcapi::result_code connect_in(poll_loop& loop, zelcapi::connection& c, const std::string& port,
@@ -54,7 +35,7 @@ zelcapi::result_code connect_in(poll_loop& loop, zelcapi::connection& c, const s
 // Logs `c` in as alice inside `loop`: a master serves requests other than logins and the
 // cluster status only to a link whose login succeeded.
 void log_in(poll_loop& loop, zelcapi::connection& c) {
-  exchange login;
+  async_exchange login;
   c.login_async(zelcapi::connection::login_request("alice", "secret", {}, "", "", false), 5,
                 login.callback());
   ASSERT_TRUE(loop.run_until([&] { return login.ended; }, 10s));
@@ -71,7 +52,7 @@ TEST(EventLoop, ConnectAndLoginWithRedirectAndNotReadyRetryNeverBlockTheLoop) {
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
   EXPECT_GE(loop.watch_changes, 1);
 
-  exchange login;
+  async_exchange login;
   c.login_async(zelcapi::connection::login_request("alice", "secret", {}, "", "", false), 5,
                 login.callback());
   EXPECT_FALSE(login.ended);
@@ -123,7 +104,7 @@ TEST(EventLoop, RequestsInFlightEndInTheOrderOfTheirReplies) {
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
   ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
-  std::vector<exchange> replies(3);
+  std::vector<async_exchange> replies(3);
   for (int n = 0; n < 3; ++n) {
     packet request(packet::type_request, "test.echo");
     request.get_properties().set_int_value("n", n);
@@ -145,7 +126,7 @@ TEST(EventLoop, ARequestTimesOutFromTheDeadlineAndItsLateReplyGoesToTheHandler) 
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
   ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
-  exchange silent;
+  async_exchange silent;
   c.send_async(packet(packet::type_request, "test.silent"), 1, silent.callback());
   const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(loop.run_until([&] { return silent.ended; }, 10s));
@@ -165,7 +146,7 @@ TEST(EventLoop, ALostLinkEndsEveryRequestWithAConnectionError) {
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
   ASSERT_NO_FATAL_FAILURE(log_in(loop, c));
-  exchange first, second;
+  async_exchange first, second;
   c.send_async(packet(packet::type_request, "test.silent"), 5, first.callback());
   c.send_async(packet(packet::type_request, "test.drop"), 5, second.callback());
   ASSERT_TRUE(loop.run_until([&] { return first.ended && second.ended; }, 10s));
@@ -173,7 +154,7 @@ TEST(EventLoop, ALostLinkEndsEveryRequestWithAConnectionError) {
   EXPECT_EQ(second.error, "Connection error");
   EXPECT_FALSE(c.is_connected());
 
-  exchange none;
+  async_exchange none;
   c.send_async(packet(packet::type_request, "test.other"), 5, none.callback());
   EXPECT_TRUE(none.ended);
   EXPECT_EQ(none.error, "No connection");
@@ -184,14 +165,14 @@ TEST(EventLoop, ALoginWithAWrongPasswordEndsWithTheNodesReply) {
   zelcapi::connection c;
   poll_loop loop(c);
   ASSERT_EQ(connect_in(loop, c, sim.port_text(1), 5), zelcapi::connection_ok);
-  exchange login;
+  async_exchange login;
   c.login_async(zelcapi::connection::login_request("alice", "wrong", {}, "", "", false), 5,
                 login.callback());
   ASSERT_TRUE(loop.run_until([&] { return login.ended; }, 10s));
   EXPECT_EQ(login.error, "");
   EXPECT_TRUE(login.reply.get_properties().is_present("error"));
 
-  exchange again, meanwhile;
+  async_exchange again, meanwhile;
   c.login_async(zelcapi::connection::login_request("alice", "secret", {}, "", "", false), 5,
                 again.callback());
   c.login_async(zelcapi::connection::login_request("alice", "secret", {}, "", "", false), 5,
@@ -263,7 +244,7 @@ TEST(EventLoop, OutputTheSocketDidNotTakeAskedForWritableAndTheLoopFlushesIt) {
   const int changes_before = loop.watch_changes;
   packet request(packet::type_request, "test.big");
   request.get_properties().set_string_value("blob", std::string(32 << 20, 'x'));
-  exchange big;
+  async_exchange big;
   c.send_async(request, 30, big.callback());
   // 32 MiB does not fit in the socket's buffers: the loop is told to wait for writable.
   ASSERT_FALSE(c.watched_files().empty());

@@ -2,10 +2,14 @@
 // simulated cluster started on free loopback ports for the duration of a test.
 #pragma once
 
+#include <chrono>
+#include <exception>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "zelbase/exceptions.h"
 #include "zelcapi/connection.h"
 #include "zelsim/cluster.h"
 
@@ -36,6 +40,39 @@ class recording_handler : public zelcapi::handler {
   std::function<void(const zelnet::zelp::packet&, zelnet::zelp::packet&)> on_packet;
   std::function<void()> on_disconnected;
 };
+
+// The outcome of an asynchronous exchange: whether it ended, its reply and the message of its
+// failure.
+struct async_exchange {
+  bool ended = false;
+  zelnet::zelp::packet reply;
+  std::string error;
+
+  zelcapi::connection::reply_callback callback() {
+    return [this](const zelnet::zelp::packet& in, std::exception_ptr failure) {
+      ended = true;
+      reply = in;
+      if (!failure) return;
+      try {
+        std::rethrow_exception(failure);
+      } catch (const zelbase::es::uspec& e) {
+        error = e.message();
+      }
+    };
+  }
+};
+
+// Waits on the connections in turn until `done()` or `limit` has passed; false on the limit.
+template <class F>
+bool serve_until(std::initializer_list<zelcapi::connection*> connections, F done,
+                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    for (zelcapi::connection* c : connections) c->wait(5);
+  }
+  return true;
+}
 
 // Options of a quiet test cluster with one user "alice"/"secret" and one admin "root"/"toor".
 inline zelsim::options test_cluster_options(std::size_t nodes, std::size_t master) {

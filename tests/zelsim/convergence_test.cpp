@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/seeded_workload.h"
+#include "support/tree_difference.h"
 #include "zelbase/time.h"
 #include "zelcapi/connection.h"
 #include "zelcapi/state.h"
@@ -74,22 +75,6 @@ class replica_handler : public zelcapi::handler {
   zelcapi::state& replica_;
 };
 
-// The first key path at which two trees differ, for the failure message.
-std::string first_difference(const properties& a, const properties& b, const std::string& at) {
-  for (const auto& [key, value] : a) {
-    const zelcore::property_ptr other = b.get_property(key);
-    if (!other) return at + "/" + key + " (missing on the right)";
-    if (*value == *other) continue;
-    if (value->kind() == zelcore::property::kind_properties &&
-        other->kind() == zelcore::property::kind_properties) {
-      return first_difference(static_cast<const properties&>(*value),
-                              static_cast<const properties&>(*other), at + "/" + key);
-    }
-    return at + "/" + key + ": " + value->describe() + " vs " + other->describe();
-  }
-  return at + " (keys missing on the left)";
-}
-
 // A cluster of 300 jobs whose workload runs flat out, seeded, keeping history like the replicas.
 zelsim::options workload_options(std::uint64_t seed) {
   zelsim::options o = zeltest::seeded_workload(seed, 300);
@@ -135,13 +120,14 @@ TEST(Convergence, ReplicaFedByNotificationsEqualsTheMasterAfterTenThousandChange
 
   properties mine, master = sim.master_snapshot();
   replica.get_state(mine);
-  EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+  EXPECT_TRUE(mine == master) << zeltest::first_difference(mine, master, "");
   EXPECT_FALSE(master.get_properties_value("jobs").empty());
   EXPECT_GT(master.get_int_value("workflow-seq-nr"), 0);
 
   properties my_history, master_history = sim.master_history();
   replica.get_history(my_history);
-  EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
+  EXPECT_TRUE(my_history == master_history)
+      << zeltest::first_difference(my_history, master_history, "");
   EXPECT_FALSE(master_history.get_properties_value("jobs").empty());
   EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
 }
@@ -256,7 +242,7 @@ TEST(Convergence, StateConnectionsFromTheStartAndFromMidWorkloadEndEqualToTheMas
   for (const follower* f : {&first, late.get()}) {
     properties mine;
     f->c.get_state()->get_state(mine);
-    EXPECT_TRUE(mine == master) << first_difference(mine, master, "");
+    EXPECT_TRUE(mine == master) << zeltest::first_difference(mine, master, "");
   }
   // The first client was there from the master's first change on: it heard of every change
   // once, in the master's order, and holds the same history.
@@ -267,7 +253,8 @@ TEST(Convergence, StateConnectionsFromTheStartAndFromMidWorkloadEndEqualToTheMas
   }
   properties my_history, master_history = sim.master_history();
   first.c.get_state()->get_history(my_history);
-  EXPECT_TRUE(my_history == master_history) << first_difference(my_history, master_history, "");
+  EXPECT_TRUE(my_history == master_history)
+      << zeltest::first_difference(my_history, master_history, "");
   EXPECT_FALSE(master_history.get_properties_value("workflows").empty());
 }
 

@@ -139,7 +139,7 @@ TEST(Program, HelpNamesTheDefaultUserAndTheWorkloadFlags) {
   std::string output;
   EXPECT_EQ(run_program("--help", output), 0);
   for (const char* text : {"\"demo\" with password \"demo\"", "--rate", "--jobs", "--seed",
-                           "--history-keep", "--idle"}) {
+                           "--history-keep", "--idle", "--run-ms", "--key-keep", "--job-keep"}) {
     EXPECT_NE(output.find(text), std::string::npos) << text << " is not in:\n" << output;
   }
 }
@@ -150,6 +150,9 @@ TEST(Program, BadFlagValuesGiveAClearError) {
                                                        {"--jobs 0", "--jobs"},
                                                        {"--seed abc", "--seed"},
                                                        {"--history-keep -1", "--history-keep"},
+                                                       {"--run-ms 100000000", "--run-ms"},
+                                                       {"--key-keep 0", "--key-keep"},
+                                                       {"--job-keep x", "--job-keep"},
                                                        {"--no-such-flag", "--no-such-flag"}};
   for (const auto& [args, flag] : cases) {
     std::string output;

@@ -9,14 +9,15 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
-#include <fstream>
 #include <future>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "master_state.h"
+#include "node_pool.h"
+#include "runner.h"
 #include "workload.h"
+#include "write_requests.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 #include "zelcore/identifiers.h"
@@ -43,40 +44,24 @@ using steady = std::chrono::steady_clock;
 
 }  // namespace
 
-void read_accounts_file(const std::string& path, options& o) {
-  std::ifstream in(path);
-  if (!in) zelbase::es::arg::raise(source_file, __LINE__, "cannot read '" + path + "'");
-  std::string line;
-  for (unsigned number = 1; std::getline(in, line); ++number) {
-    const std::string text = line.substr(0, line.find('#'));
-    std::istringstream words(text);
-    std::string kind, name, password, extra;
-    if (!(words >> kind)) continue;
-    words >> name >> password;
-    if ((kind != "user" && kind != "admin") || name.empty() || password.empty() ||
-        (words >> extra)) {
-      zelbase::es::arg::raise(
-          source_file, __LINE__,
-          zelbase::string_with_format("%s:%u: expected 'user|admin NAME PASSWORD'", path.c_str(),
-                                      number));
-    }
-    (kind == "user" ? o.users : o.admins)[name] = password;
-  }
-}
-
 struct ZELSIM_NO_EXPORT cluster::impl {
   struct node;
 
   // One client link of a node.
   class session final : public zelnet::zelp::server_link {
    public:
-    session(impl& owner, node& n) : server_link(owner.loop, n.version), owner_(owner), node_(n) {}
+    session(impl& owner, node& n, std::uint64_t serial)
+        : server_link(owner.loop, n.version), serial(serial), owner_(owner), node_(n) {}
     node& get_node() const { return node_; }
+    // Tells the links of one node apart, also when one takes a freed one's address.
+    const std::uint64_t serial;
     // Set when the link completed a login: it gets the master's notifications from then on.
     bool logged_in = false;
     // Set while the link's last login (of a user or an admin) succeeded: only then are its
     // requests served, other than logins and cluster status.
     bool authorized = false;
+    // The login of the link (a user's or an administrator's), for its write requests.
+    identity login;
 
    protected:
     std::size_t handle(std::string_view frame, zelbase::encoder_network& out) override {
@@ -157,7 +142,7 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     void erase_listener(zelbase::file&, hdlr&, unsigned) override {}
     // Serves the sockets and, in between, makes the workload's changes that are due.
     void run(const volatile bool& stop) override {
-      while (!stop) wait(owner_.drive_workload());
+      while (!stop) wait(std::min(owner_.drive_workload(), owner_.submitted->drive()));
     }
 
    private:
@@ -182,7 +167,7 @@ struct ZELSIM_NO_EXPORT cluster::impl {
   }
 
   void add_session(node& n, zelbase::file f) {
-    auto s = std::make_unique<session>(*this, n);
+    auto s = std::make_unique<session>(*this, n, ++sessions_made);
     session* raw = s.get();
     n.sessions.emplace(raw, std::move(s));
     if (!loop.watch(f, *raw, 0, true, true)) {
@@ -245,7 +230,10 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     // and the notifications that an earlier one opened.
     if (current != nullptr && is_login(in.get_name())) {
       current->authorized = !out.get_name().empty() && login_accepted(in, out);
-      if (!current->authorized) current->logged_in = false;
+      if (!current->authorized) {
+        current->logged_in = false;
+        current->login = identity();
+      }
     }
   }
 
@@ -258,15 +246,38 @@ struct ZELSIM_NO_EXPORT cluster::impl {
       out = reply;
       return;
     }
-    request_context context{self, n.number};
+    const identity login = current == nullptr ? identity() : current->login;
+    request_context context{self, n.number, login.user, login.admin, login.client_id};
+    bool answered = true;
     try {
-      if (found->second(context, in, reply)) out = reply;
+      answered = found->second(context, in, reply);
     } catch (const zelbase::es::base& e) {
       // A malformed request gets an error reply; the node goes on.
       reply.get_properties().set_string_value("error", e.message());
       log(n, "request '" + in.get_name() + "' failed: " + e.message());
+    }
+    if (answered && !(write_requests::is_write_request(in.get_name()) && hold_reply(n, reply))) {
       out = reply;
     }
+  }
+
+  // The reply hooks: true when the reply of a write request is dropped or sent later.
+  bool hold_reply(node& n, const packet& reply) {
+    if (drop_left > 0) {
+      --drop_left;
+      log(n, "reply to '" + reply.get_name() + "' dropped");
+      return true;
+    }
+    if (delay_left == 0 || current == nullptr) return false;
+    --delay_left;
+    log(n, zelbase::string_with_format("reply to '%s' delayed by %lld ms", reply.get_name().c_str(),
+                                       static_cast<long long>(delay.count())));
+    loop.add_timer(steady::now() + delay, [&n, serial = current->serial, reply] {
+      for (auto& [raw, s] : n.sessions) {
+        if (s->serial == serial && s->is_established()) s->send(reply);
+      }
+    });
+    return true;
   }
 
   // Links and readiness as a node tells them in its replies.
@@ -324,8 +335,12 @@ struct ZELSIM_NO_EXPORT cluster::impl {
       return true;
     }
     add_cluster_view(n, props);
-    props.set_string_value("client-id", zelcore::string_uuid(false));
-    if (current != nullptr) current->logged_in = true;
+    const std::string client_id = zelcore::string_uuid(false);
+    props.set_string_value("client-id", client_id);
+    if (current != nullptr) {
+      current->logged_in = true;
+      current->login = identity{name, false, client_id};
+    }
     log(n, "login of '" + name + "' accepted");
     return true;
   }
@@ -341,6 +356,7 @@ struct ZELSIM_NO_EXPORT cluster::impl {
     }
     reply.get_properties().set_string_value("node-id", n.id);
     reply.get_properties().set_bool_value("admin", true);
+    if (current != nullptr) current->login = identity{name, true, ""};
     log(n, "admin login of '" + name + "' accepted");
     return true;
   }
@@ -368,6 +384,14 @@ struct ZELSIM_NO_EXPORT cluster::impl {
       cluster_state->answer_history_request(in.get_properties(), reply.get_properties());
       return true;
     };
+    for (const char* name :
+         {write_requests::update_name, write_requests::submit_name, write_requests::steer_name}) {
+      handlers[name] = [this](request_context& c, const packet& in, packet& reply) {
+        writes->answer(in.get_name(), identity{c.user, c.admin, c.client_id}, at(c.node).id,
+                       nodes[master - 1]->id, in.get_properties(), reply.get_properties());
+        return true;
+      };
+    }
     // Answers with the request's own properties: the round trip of the benchmark.
     handlers["echo"] = [](request_context&, const packet& in, packet& reply) {
       reply = packet(packet::type_reply, in.get_name(), in.get_properties());
@@ -512,7 +536,16 @@ struct ZELSIM_NO_EXPORT cluster::impl {
   // The link whose packet is being dispatched.
   session* current = nullptr;
   std::unique_ptr<zelsim::master_state> cluster_state;
+  std::unique_ptr<node_pool> pool;
   std::unique_ptr<workload> work;
+  // The runner of submitted work.
+  std::unique_ptr<runner> submitted;
+  std::unique_ptr<write_requests> writes;
+  // The reply hooks: replies of write requests still to drop, or to delay by `delay`.
+  std::size_t drop_left = 0;
+  std::size_t delay_left = 0;
+  std::chrono::milliseconds delay{0};
+  std::uint64_t sessions_made = 0;
   std::function<void(const packet&)> observer;
   std::uint64_t changes = 0;
   std::uint64_t notifications = 0;
@@ -557,7 +590,10 @@ cluster::cluster(options o) : impl_(std::make_unique<impl>(*this, std::move(o)))
                                                            [&m](const packet& p) { m.notify(p); });
   std::vector<std::string> ids;
   for (const auto& n : m.nodes) ids.push_back(n->id);
-  m.work = std::make_unique<workload>(*m.cluster_state, m.opts, ids);
+  m.pool = std::make_unique<node_pool>(*m.cluster_state);
+  m.work = std::make_unique<workload>(*m.cluster_state, *m.pool, m.opts, ids);
+  m.submitted = std::make_unique<runner>(*m.cluster_state, *m.pool, m.opts);
+  m.writes = std::make_unique<write_requests>(*m.cluster_state, *m.submitted, *m.pool, m.opts);
   // The nodes and templates entered at construction reached no client: they count as no
   // notification sent.
   m.notifications = 0;
@@ -766,6 +802,36 @@ zelcore::properties cluster::master_history() {
     zelcore::properties out;
     m.cluster_state->get_history(out);
     return out;
+  });
+}
+
+}  // namespace zelsim
+
+namespace zelsim {
+
+void cluster::advance_time(std::chrono::milliseconds ms) {
+  impl& m = *impl_;
+  m.call([&m, ms] { m.submitted->advance(static_cast<std::uint64_t>(ms.count())); });
+}
+
+cluster::work_counts cluster::submitted_work() {
+  impl& m = *impl_;
+  return m.call([&m] {
+    return work_counts{m.submitted->queued(), m.submitted->running(),
+                       m.submitted->live_workflows()};
+  });
+}
+
+void cluster::drop_replies(std::size_t count) {
+  impl& m = *impl_;
+  m.call([&m, count] { m.drop_left = count; });
+}
+
+void cluster::delay_replies(std::size_t count, std::chrono::milliseconds delay) {
+  impl& m = *impl_;
+  m.call([&m, count, delay] {
+    m.delay_left = count;
+    m.delay = delay;
   });
 }
 

@@ -1,5 +1,5 @@
 // The zelsim program: a simulated cluster on consecutive loopback ports, its master's state
-// changed by a seeded workload, until SIGINT/SIGTERM.
+// changed by a seeded workload and by the work that clients submit, until SIGINT/SIGTERM.
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -61,7 +61,20 @@ int main(int argc, char** argv) {
   app.add_option("--history-keep", o.history_keep_time,
                  "seconds the master keeps history (0: none)")
       ->capture_default_str();
-  app.add_flag("--idle", idle, "no workload: the state keeps its nodes and templates only");
+  app.add_flag("--idle", idle,
+               "no workload: the state keeps its nodes and templates, and what clients submit");
+  app.add_option("--run-ms", o.run_ms,
+                 "simulated run time in milliseconds of a submitted job or task that names none")
+      ->check(CLI::Range(0u, 86400000u))
+      ->capture_default_str();
+  app.add_option("--key-keep", o.key_keep_time,
+                 "seconds the master remembers client keys and the ids of ended workflows")
+      ->check(CLI::Range(1u, 604800u))
+      ->capture_default_str();
+  app.add_option("--job-keep", o.job_keep_time,
+                 "seconds an ended submitted job stays live before it goes to history")
+      ->check(CLI::Range(0u, 604800u))
+      ->capture_default_str();
   app.add_option("--changes", changes,
                  "the workload makes this many changes, then stops (0: no end)")
       ->excludes("--idle");

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "records.h"
 #include "zelbase/time.h"
 #include "zelcapi/workflow_manager.h"
 
@@ -27,18 +28,12 @@ constexpr std::size_t count_of(const T (&)[N]) {
   return N;
 }
 
-// {"percent": percent, "step": step}
-properties progress_of(std::int64_t percent, std::int64_t step) {
-  properties progress;
-  progress.set_int_value("percent", percent);
-  progress.set_int_value("step", step);
-  return progress;
-}
-
 }  // namespace
 
-workload::workload(master_state& master, const options& o, const std::vector<std::string>& node_ids)
+workload::workload(master_state& master, node_pool& pool, const options& o,
+                   const std::vector<std::string>& node_ids)
     : master_(master),
+      pool_(pool),
       jobs_(o.jobs),
       host_(o.host),
       rng_(o.seed),
@@ -72,13 +67,13 @@ std::string workload::new_workflow_id() {
 }
 
 void workload::add_node(const std::string& id, const std::string& host, bool removable) {
-  node_slot n{id, core_choices[pick(count_of(core_choices))], 0, removable};
+  const std::int64_t cores = core_choices[pick(count_of(core_choices))];
   properties record;
   record.set_string_value("id", id);
   record.set_string_value("host", host);
-  record.set_int_value("cores", n.cores);
+  record.set_int_value("cores", cores);
   record.set_int_value("cores-used", 0);
-  record.set_int_value("memory-mb", n.cores * 4096);
+  record.set_int_value("memory-mb", cores * 4096);
   record.set_int_value("load", 0);
   record.set_string_value("state", "up");
   record.set_string_value("os", "linux");
@@ -87,7 +82,7 @@ void workload::add_node(const std::string& id, const std::string& host, bool rem
   record.set_int_value("heartbeat-time", now());
   record.set_string_value("version", "0.1.0");
   master_.set_item(zelcapi::state_item_node, id, record);
-  nodes_.push_back(std::move(n));
+  pool_.add(id, cores, removable);
 }
 
 void workload::add_template(const std::string& name, const std::vector<std::string>& steps) {
@@ -123,10 +118,6 @@ void workload::add_template(const std::string& name, const std::vector<std::stri
   templates_.emplace_back(id, steps);
 }
 
-std::int64_t workload::node_load(const node_slot& n) const {
-  return n.cores == 0 ? 0 : 100 * n.used / n.cores;
-}
-
 void workload::step() {
   micros_ += step_micros_;
   const std::size_t max_clients = std::min<std::size_t>(50, 3 + jobs_ / 500);
@@ -134,7 +125,7 @@ void workload::step() {
   const std::size_t max_workflows = std::min<std::size_t>(100, 4 + jobs_ / 200);
   const std::size_t live_jobs = queued_.size() + running_.size() + ended_.size();
   std::size_t workers = 0;
-  for (const node_slot& n : nodes_) workers += n.removable ? 1 : 0;
+  for (const node_pool::node& n : pool_.nodes()) workers += n.removable ? 1 : 0;
   // (weight, event) for every event that may happen now.
   std::vector<std::pair<unsigned, bool (workload::*)()>> events;
   const auto add = [&events](bool possible, unsigned weight, bool (workload::*event)()) {
@@ -196,9 +187,10 @@ bool workload::node_join() {
 
 bool workload::node_leave() {
   // Running jobs point at nodes by index: only the last node may leave, and only when idle.
-  if (!nodes_.back().removable || nodes_.back().used != 0) return false;
-  master_.remove_item(zelcapi::state_item_node, nodes_.back().id);
-  nodes_.pop_back();
+  const node_pool::node& last = pool_.nodes().back();
+  if (!last.removable || last.used != 0) return false;
+  master_.remove_item(zelcapi::state_item_node, last.id);
+  pool_.remove_last();
   return true;
 }
 
@@ -273,19 +265,9 @@ bool workload::submit() {
     master_.set_item(zelcapi::state_item_job, run.id, job);
     for (std::int64_t t = 1; t <= run.tasks; ++t) {
       const std::string task_id = run.id + ".t" + std::to_string(t);
-      properties task;
-      task.set_string_value("id", task_id);
-      task.set_string_value("name", name + " part " + std::to_string(t));
-      task.set_string_value("job-id", run.id);
-      task.set_string_value("submission-id", submission);
-      task.set_string_value("client-id", client);
-      task.set_string_value("state", "queued");
-      task.set_string_value("node", "");
-      task.set_properties_value("progress", progress_of(0, 0));
-      task.set_int_value("start-time", 0);
-      task.set_int_value("end-time", 0);
-      task.set_int_value("exit-code", -1);
-      master_.set_item(zelcapi::state_item_task, task_id, task);
+      master_.set_item(zelcapi::state_item_task, task_id,
+                       queued_task_record(task_id, name + " part " + std::to_string(t), run.id,
+                                          submission, client));
     }
     queued_.push_back(std::move(run));
   }
@@ -294,44 +276,38 @@ bool workload::submit() {
 
 bool workload::start_job() {
   job_run& run = queued_.front();
-  const std::size_t first = pick(nodes_.size());
-  for (std::size_t k = 0; k < nodes_.size(); ++k) {
-    const std::size_t i = (first + k) % nodes_.size();
-    node_slot& n = nodes_[i];
-    if (n.cores - n.used < run.cores) continue;
-    run.node = i;
-    run.slot = n.id + "/" + std::to_string(n.used);
-    n.used += run.cores;
-    properties slot;
-    slot.set_string_value("id", run.slot);
-    slot.set_string_value("node", n.id);
-    slot.set_string_value("job-id", run.id);
-    slot.set_int_value("cores", run.cores);
-    slot.set_int_value("since", now());
-    master_.set_item(zelcapi::state_item_slot, run.slot, slot);
-    properties update;
-    update.set_string_value("state", "running");
-    update.set_string_value("node", n.id);
-    update.set_string_value("slot-id", run.slot);
-    update.set_int_value("start-time", now());
-    update.set_int_value("attempts", 1);
-    master_.update_item(zelcapi::state_item_job, run.id, update);
-    for (std::int64_t t = 1; t <= run.tasks; ++t) {
-      properties task;
-      task.set_string_value("state", "running");
-      task.set_string_value("node", n.id);
-      task.set_int_value("start-time", now());
-      master_.update_item(zelcapi::state_item_task, run.id + ".t" + std::to_string(t), task);
-    }
-    properties node;
-    node.set_int_value("cores-used", n.used);
-    node.set_int_value("load", node_load(n));
-    master_.update_item(zelcapi::state_item_node, n.id, node);
-    running_.push_back(std::move(run));
-    queued_.pop_front();
-    return true;
+  const std::optional<std::size_t> found = pool_.free_node(run.cores, pick(pool_.nodes().size()));
+  if (!found) return false;
+  const std::size_t i = *found;
+  const node_pool::node& n = pool_.nodes()[i];
+  run.node = i;
+  run.slot = n.id + "/" + std::to_string(n.used);
+  pool_.take(i, run.cores);
+  properties slot;
+  slot.set_string_value("id", run.slot);
+  slot.set_string_value("node", n.id);
+  slot.set_string_value("job-id", run.id);
+  slot.set_int_value("cores", run.cores);
+  slot.set_int_value("since", now());
+  master_.set_item(zelcapi::state_item_slot, run.slot, slot);
+  properties update;
+  update.set_string_value("state", "running");
+  update.set_string_value("node", n.id);
+  update.set_string_value("slot-id", run.slot);
+  update.set_int_value("start-time", now());
+  update.set_int_value("attempts", 1);
+  master_.update_item(zelcapi::state_item_job, run.id, update);
+  for (std::int64_t t = 1; t <= run.tasks; ++t) {
+    properties task;
+    task.set_string_value("state", "running");
+    task.set_string_value("node", n.id);
+    task.set_int_value("start-time", now());
+    master_.update_item(zelcapi::state_item_task, run.id + ".t" + std::to_string(t), task);
   }
-  return false;
+  pool_.update_record(i);
+  running_.push_back(std::move(run));
+  queued_.pop_front();
+  return true;
 }
 
 bool workload::job_progress() {
@@ -369,12 +345,8 @@ bool workload::end_job() {
   master_.remove_item(zelcapi::state_item_slot, run.slot);
   master_.erase_property_ref(zelcapi::state_item_job, run.id, "/slot-id");
   master_.erase_property_ref(zelcapi::state_item_job, run.id, "/env/SCRATCH");
-  node_slot& n = nodes_[run.node];
-  n.used -= run.cores;
-  properties node;
-  node.set_int_value("cores-used", n.used);
-  node.set_int_value("load", node_load(n));
-  master_.update_item(zelcapi::state_item_node, n.id, node);
+  pool_.give(run.node, run.cores);
+  pool_.update_record(run.node);
   ended_.push_back(std::move(run));
   return true;
 }
@@ -396,11 +368,11 @@ bool workload::historize_job() {
 }
 
 bool workload::node_heartbeat() {
-  const node_slot& n = nodes_[pick(nodes_.size())];
+  const std::size_t i = pick(pool_.nodes().size());
   properties update;
   update.set_int_value("heartbeat-time", now());
-  update.set_int_value("load", node_load(n));
-  master_.update_item(zelcapi::state_item_node, n.id, update);
+  update.set_int_value("load", pool_.load(i));
+  master_.update_item(zelcapi::state_item_node, pool_.nodes()[i].id, update);
   return true;
 }
 
@@ -452,7 +424,7 @@ bool workload::workflow_step() {
       break;
     case 1:
       manager.set_task_status(flow.id, task, zelcore::task::status_running, now(),
-                              nodes_[pick(nodes_.size())].id, "started");
+                              pool_.nodes()[pick(pool_.nodes().size())].id, "started");
       break;
     case 2: manager.update_task_progress(flow.id, task, progress_of(10 + pick(80), 1)); break;
     default: {

@@ -16,33 +16,30 @@
 #include <vector>
 
 #include "master_state.h"
+#include "node_pool.h"
 #include "zelsim/cluster.h"
 
 namespace zelsim {
 
 class workload {
  public:
-  // Enters the cluster's nodes (`node_ids`, listening on `o.host`) and the workflow templates
-  // into `master` (told to nobody yet: no client is logged in). `master` must outlive this.
-  workload(master_state& master, const options& o, const std::vector<std::string>& node_ids);
+  // Enters the cluster's nodes (`node_ids`, listening on `o.host`) into `master` and `pool`, and
+  // the workflow templates into `master` (told to nobody yet: no client is logged in). `master`
+  // and `pool` must outlive this; the workload's jobs take their cores from `pool`.
+  workload(master_state& master, node_pool& pool, const options& o,
+           const std::vector<std::string>& node_ids);
 
   // Makes one change of the master's state (sending one or more notifications).
   void step();
 
  private:
-  struct node_slot {
-    std::string id;
-    std::int64_t cores = 0;
-    std::int64_t used = 0;
-    bool removable = false;
-  };
   struct job_run {
     std::string id;
     std::string submission;
     std::int64_t tasks = 0;
     std::int64_t cores = 0;
     std::int64_t progress = 0;
-    std::size_t node = 0;  // index into nodes_ while running
+    std::size_t node = 0;  // index into the pool's nodes while running
     std::string slot;
   };
   struct submission_run {
@@ -83,9 +80,9 @@ class workload {
   void add_node(const std::string& id, const std::string& host, bool removable);
   void add_template(const std::string& name, const std::vector<std::string>& steps);
   void end_workflow(workflow_run& flow);
-  std::int64_t node_load(const node_slot& n) const;
 
   master_state& master_;
+  node_pool& pool_;
   std::size_t jobs_;
   std::string host_;
   std::mt19937_64 rng_;
@@ -95,7 +92,6 @@ class workload {
   std::uint64_t last_client_ = 0, last_node_ = 0, last_submission_ = 0, last_job_ = 0;
   std::uint64_t last_input_ = 0;
   std::vector<std::string> clients_;
-  std::vector<node_slot> nodes_;
   std::map<std::string, submission_run> submissions_;
   std::deque<job_run> queued_;
   std::vector<job_run> running_;

@@ -5,7 +5,8 @@
 // The master keeps a state (clients, nodes, submissions, sources, slots, jobs, tasks, workflows,
 // workflow results, history) that a seeded workload changes; every change goes to the logged-in
 // clients as a "cluster.api.state." notification, and the master answers state and history
-// requests. docs/zelsim.md describes the workload.
+// requests. It also takes write requests (workflow actions, job submissions and steering) and
+// runs what they submit. docs/zelsim.md describes the workload and the runner.
 //
 // Threads: the nodes run on one thread of their own, started by start(). Every public
 // operation may be called from any thread; the ones that touch nodes run on that thread and
@@ -52,6 +53,15 @@ struct options {
   // How long the master keeps history in memory, in seconds (0: none; history requests then
   // get an error).
   std::uint32_t history_keep_time = 600;
+  // Submitted work (docs/zelsim.md): the simulated run time in milliseconds of a job or task
+  // that names none; whether the runner's clock stands still until advance_time (for tests)
+  // instead of following real time; the seconds for which the master remembers client keys and
+  // the state ids of ended workflows; the seconds for which an ended job stays in the live state
+  // before it goes to history.
+  std::uint32_t run_ms = 1000;
+  bool manual_time = false;
+  std::uint32_t key_keep_time = 3600;
+  std::uint32_t job_keep_time = 300;
 };
 
 // Reads "user NAME PASSWORD" and "admin NAME PASSWORD" lines ('#' starts a comment) into
@@ -64,6 +74,11 @@ class cluster;
 struct request_context {
   cluster& sim;
   std::size_t node;  // node number, 1 to nodes
+  // The login of the link: the user (empty before a login), whether it logged in as an
+  // administrator, and the client id that the login reply gave it.
+  std::string user;
+  bool admin = false;
+  std::string client_id;
 };
 
 // Answers one request: fills `reply` (already a reply of the request's name, carrying the
@@ -136,6 +151,22 @@ class ZELSIM_EXPORT cluster {
   // raises es::uspec when no history is kept.
   zelcore::properties master_snapshot();
   zelcore::properties master_history();
+
+  // Submitted work: the master runs the workflows and jobs that clients send (write requests,
+  // docs/wire-protocol.md), beside the workload or without it.
+  // Moves the runner's clock forward by `ms` when options.manual_time: every job end (and every
+  // other timed event) in between happens at its own time. Raises es::arg for a real clock.
+  void advance_time(std::chrono::milliseconds ms);
+  struct work_counts {
+    std::size_t queued = 0;
+    std::size_t running = 0;
+    std::size_t workflows = 0;  // live workflows that clients sent
+  };
+  work_counts submitted_work();
+  // The next `count` write requests are applied but answered with nothing (drop) or with their
+  // reply `delay` later (delay), so that clients can test their retries.
+  void drop_replies(std::size_t count);
+  void delay_replies(std::size_t count, std::chrono::milliseconds delay);
 
  private:
   struct impl;

@@ -81,15 +81,20 @@ connection_impl::connection_impl(connection& owner, handler* h, std::size_t fram
 connection_impl::~connection_impl() = default;
 
 bool connection_impl::packet_received(const packet& in, packet& out) {
-  if (waiting_sync_reply_ && in.get_type() == packet::type_reply &&
-      in.get_name() == owner_->sync_packet_.get_name()) {
-    waiting_sync_reply_ = false;
-    owner_->sync_packet_ = in;
-    owner_->abort();
-    owner_->_exchange_replied();
-    return true;
+  if (in.get_type() == packet::type_reply) {
+    std::uint64_t id = 0;
+    if (reply_request_id(in, id)) {
+      // The answer to a request of send_async, never the synchronous exchange's: it ends its own
+      // request, or goes to the handler once that one has ended.
+      if (owner_->_take_reply(id, in)) return true;
+    } else if (waiting_sync_reply_ && in.get_name() == owner_->sync_packet_.get_name()) {
+      waiting_sync_reply_ = false;
+      owner_->sync_packet_ = in;
+      owner_->abort();
+      owner_->_exchange_replied();
+      return true;
+    }
   }
-  if (owner_->_take_reply(in)) return true;
   return handler_ == nullptr || handler_->handle(in, out);
 }
 

@@ -71,6 +71,8 @@ struct connection_operations {
   struct request_op {
     std::uint64_t id;
     std::string name;
+    // Whether the caller's request carried a bounce tree of its own.
+    bool had_bounce;
     connection::reply_callback done;
     zelnet::ioctrl::timer_id timer;
   };
@@ -79,6 +81,13 @@ struct connection_operations {
   std::list<request_op> requests;
   std::uint64_t next_id = 1;
 };
+
+// The key of the request id that send_async puts into a request's bounce tree.
+constexpr const char* request_id_key = "async-request-id";
+
+// The request id that a reply carries in its bounce tree (an int under request_id_key); false
+// when it carries none.
+bool reply_request_id(const zelnet::zelp::packet& reply, std::uint64_t& id);
 
 // Reports `text` (kind 3) at `line` of `file` and gives it as the es::uspec that a synchronous
 // call raises.

@@ -1,6 +1,6 @@
 // Login: the request, the not-ready retry and the redirect to the cluster master, as steps that
-// a loop drives (login_async) or that the caller's thread waits for (login_sync); and the
-// requests whose replies end a callback (send_async).
+// a loop drives (login_async) or that the caller's thread waits for (login_sync); and the ends
+// of the asynchronous operations when the link opens or is lost.
 #include "connection_impl.h"
 #include "zelbase/strings.h"
 #include "zelcore/identifiers.h"
@@ -334,43 +334,6 @@ void connection::_login_redirected(result_code result) {
       zelbase::string_with_format("Failed to connect to master '%s:%s' after redirect (%s)",
                                   login.master_host.c_str(), login.master_port.c_str(),
                                   result_code_c_str(result))));
-}
-
-// --- requests ---
-
-void connection::send_async(const packet& p, unsigned timeout, reply_callback done) {
-  if (!link_) {
-    done(packet(), reported_failure(source_file, __LINE__, 3, "No connection"));
-    return;
-  }
-  link_->send(p);
-  const std::uint64_t id = operations_->next_id++;
-  const timer_id timer = add_timer(after_seconds(timeout), [this, id] {
-    auto& requests = operations_->requests;
-    for (auto it = requests.begin(); it != requests.end(); ++it) {
-      if (it->id != id) continue;
-      reply_callback ended = std::move(it->done);
-      requests.erase(it);
-      ended(packet(), reported_failure(source_file, __LINE__, 4, "Connection timeout"));
-      return;
-    }
-  });
-  operations_->requests.push_back(
-      connection_operations::request_op{id, p.get_name(), std::move(done), timer});
-}
-
-bool connection::_take_reply(const packet& in) {
-  if (in.get_type() != packet::type_reply) return false;
-  auto& requests = operations_->requests;
-  for (auto it = requests.begin(); it != requests.end(); ++it) {
-    if (it->name != in.get_name()) continue;
-    reply_callback ended = std::move(it->done);
-    cancel_timer(it->timer);
-    requests.erase(it);
-    ended(in, nullptr);
-    return true;
-  }
-  return false;
 }
 
 void connection::_post_connect_end() {

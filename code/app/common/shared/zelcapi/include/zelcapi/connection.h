@@ -168,15 +168,19 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   void send(const zelnet::zelp::packet& p);
   // Sends `p` only (bytes the socket does not take at once leave at the next wait, run or step).
   void send_no_wait(const zelnet::zelp::packet& p);
-  // Sends `p` and waits up to `timeout` seconds for the reply of the same name. Raises
+  // Sends `p` and waits up to `timeout` seconds for the reply of the same name (one that carries
+  // no request id of send_async). Raises
   // es::uspec "No connection", "Connection timeout" (the connection stays; a late reply is
   // taken at the next wait) or "Connection error" (the link was lost).
   const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p, unsigned timeout);
   const zelnet::zelp::packet& send_sync(const zelnet::zelp::packet& p);
-  // Sends `p` and returns; `done` gets the first reply of the same name that is not awaited by
-  // send_sync, or es::uspec "Connection timeout" after `timeout` seconds (a later reply goes to
-  // the handler), "Connection error" when the link is lost, or "No connection" from this call.
-  // Any number may be in flight; replies of one name end their requests in the order sent.
+  // Sends `p` with a request id of its own in its bounce tree (the key "async-request-id", which
+  // the peer copies into its reply) and returns; `done` gets the reply that carries that id, with
+  // the bounce tree as `p` had it, or es::uspec "Connection timeout" after `timeout` seconds (a
+  // later reply goes to the handler), "Connection error" when the link is lost, or, from this
+  // call, "No connection" or the refusal of a "bounce" that is not a tree. Any number may be in
+  // flight, of any names; each reply ends its own request, whatever the order. send_sync never
+  // takes a reply that carries such an id.
   void send_async(const zelnet::zelp::packet& p, unsigned timeout, reply_callback done);
   // The slot of the synchronous exchange: the last reply (or pending request).
   const zelnet::zelp::packet& get_sync_packet() const;
@@ -228,8 +232,9 @@ class ZELCAPI_EXPORT connection : public zelnet::ioctrl, public zelbase::object_
   void _login_connect(std::string host, std::string port);
   // The sync slot took a reply: the login awaiting it goes on.
   void _exchange_replied();
-  // A reply for a request of send_async: ends it and returns true.
-  bool _take_reply(const zelnet::zelp::packet& in);
+  // The reply carrying request id `id`: ends that request of send_async (if it is still waiting
+  // and has the reply's name) and returns true.
+  bool _take_reply(std::uint64_t id, const zelnet::zelp::packet& in);
   // The link ended: the operations that needed it end after the current callback.
   void _link_lost();
 
