@@ -65,6 +65,9 @@ struct correlation_fixture {
   zelcapi::connection c{&h};
   correlation_fixture() {
     EXPECT_EQ(c.connect("127.0.0.1", sim.port_text(1), 5), zelcapi::connection_ok);
+    // A master serves requests other than logins and the cluster status only after a login.
+    EXPECT_FALSE(
+        c.login_sync("alice", "secret", "", "", 5, false).get_properties().is_present("error"));
   }
   // The nodes' thread, which calls the handlers that use `held`, ends before `held` does.
   ~correlation_fixture() { sim.stop(); }

@@ -231,7 +231,7 @@ TEST(SubmitJobs, RequestsRefusedWholeGetAnErrorAndChangeNothing) {
   EXPECT_EQ(anonymous.send_sync(packet(2, submit_request, submission({job("a")}, "k")), 5)
                 .get_properties()
                 .get_string_value("error", ""),
-            "log in before sending 'cluster.api.jobs.submit'");
+            "Not logged in");
   zelcapi::connection elsewhere;
   ASSERT_EQ(elsewhere.connect("127.0.0.1", std::to_string(sim.port(2)), 5), zelcapi::connection_ok);
   ASSERT_FALSE(elsewhere.admin_login_sync("root", "toor", 5).get_properties().is_present("error"));

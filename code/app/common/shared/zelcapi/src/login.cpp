@@ -22,10 +22,6 @@ void report(unsigned line, zelbase::severity s, const std::string& text) {
   zelcore::report(source_file, line, "zelcapi", 3, s, text);
 }
 
-zelnet::ioctrl::clock::time_point after_seconds(unsigned seconds) {
-  return zelnet::ioctrl::clock::now() + std::chrono::seconds(seconds);
-}
-
 }  // namespace
 
 std::exception_ptr reported_failure(const char* file, unsigned line, zelbase::severity s,
