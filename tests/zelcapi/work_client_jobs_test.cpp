@@ -161,4 +161,37 @@ TEST(WorkClientJobs, ALinkLostBeforeTheReplyRaisesWithTheKeyToSendAgain) {
   EXPECT_THROW(alice.client.steer_jobs(job_action::cancel, {"job-s0000001"}), zelcapi::write_error);
 }
 
+// A master whose steering replies carry the items the test gives (null: no "items" at all).
+TEST(WorkClientJobs, AnUnreadableReplyRaisesNamingWhatIsWrong) {
+  write_cluster sim;
+  plain_work_session alice(sim, "alice", "secret");
+  zelcore::property_ptr items;
+  sim.on(steer_request, [&items](zelsim::request_context&, const packet&, packet& reply) {
+    if (items) reply.get_properties()["items"] = items;
+    return true;
+  });
+  const auto refusal = [&](const zelcore::property_ptr& given) {
+    items = given;
+    try {
+      alice.client.steer_jobs(job_action::hold, {"job-s0000001"});
+    } catch (const zelcapi::write_error& e) {
+      EXPECT_EQ(e.why(), zelcapi::write_error::bad_reply);
+      const std::string prefix =
+          "'cluster.api.jobs.steer' (key '" + e.key() + "'): unreadable reply: ";
+      EXPECT_EQ(e.message().rfind(prefix, 0), 0u) << e.message();
+      return e.message().substr(prefix.size());
+    }
+    return std::string("accepted");
+  };
+  EXPECT_EQ(refusal(nullptr), "property 'items' is missing");
+  EXPECT_EQ(refusal(number(3)), "property 'items' is a int, not a list");
+  EXPECT_EQ(refusal(list_of({})), "the reply holds 0 items for 1 sent");
+  EXPECT_EQ(refusal(list_of({number(1)})), "an item of the reply is not a properties");
+  EXPECT_EQ(refusal(list_of({tree(properties{{"outcome", text("maybe")}})})),
+            "an item of the reply has the unknown outcome 'maybe'");
+  EXPECT_EQ(refusal(list_of({tree(properties{{"outcome", number(1)}})})),
+            "property 'outcome' is a int, not a string");
+  EXPECT_EQ(refusal(list_of({tree(properties{{"outcome", text("done")}})})), "accepted");
+}
+
 }  // namespace

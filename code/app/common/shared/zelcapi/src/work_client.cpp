@@ -103,31 +103,8 @@ std::string unknown_outcome(const std::string& request, const std::string& key,
          "; the master may have applied it: send it again with key '" + key + "'";
 }
 
-}  // namespace
-
-const char* write_outcome_c_str(write_outcome outcome) {
-  for (const outcome_name& o : outcome_names)
-    if (o.outcome == outcome) return o.name;
-  return "unknown";
-}
-
-bool write_result::all_ok() const noexcept {
-  for (const item_result& item : items)
-    if (!item.ok()) return false;
-  return true;
-}
-
-write_error::write_error(const char* file, unsigned line, reason why, std::string request,
-                         std::string key, std::string message)
-    : uspec(file, line, std::move(message)),
-      why_(why),
-      request_(std::move(request)),
-      key_(std::move(key)) {}
-
-write_error::~write_error() = default;
-
 // One request in flight: what is sent again after a time-out, and whom to tell.
-struct work_client::pending {
+struct pending {
   connection* link;
   std::string name;
   packet request;
@@ -136,41 +113,11 @@ struct work_client::pending {
   unsigned timeout;
   unsigned sends_left;
   unsigned sends = 0;
-  write_callback done;
+  work_client::write_callback done;
 };
 
-work_client::work_client(connection& link, const zelcore::plugin_db& plugins)
-    : link_(&link),
-      state_link_(nullptr),
-      actions_(plugins),
-      timeout_(link.get_timeout()),
-      retries_(1) {}
-
-work_client::work_client(state_connection& link, const zelcore::plugin_db& plugins)
-    : link_(&link),
-      state_link_(&link),
-      actions_(plugins, link.get_state()),
-      timeout_(link.get_timeout()),
-      retries_(1) {}
-
-void work_client::_send(const std::string& name, zelcore::properties fields,
-                        const write_options& options, write_callback done) {
-  auto request = std::make_shared<pending>();
-  request->key = options.key.empty() ? "key-" + zelcore::string_uuid(false) : options.key;
-  fields.set_string_value("key", request->key);
-  if (options.dry_run) fields.set_bool_value("dry-run", true);
-  const char* list = name == steer_request ? "ids" : name == submit_request ? "jobs" : "actions";
-  request->items = fields.get_list_value(list).size();
-  request->link = link_;
-  request->name = name;
-  request->request = packet(packet::type_request, name, fields);
-  request->timeout = timeout_;
-  request->sends_left = retries_ + 1;
-  request->done = std::move(done);
-  _attempt(request);
-}
-
-void work_client::_attempt(const std::shared_ptr<pending>& request) {
+// Sends the request once more; a time-out with sends left sends it again.
+void attempt(const std::shared_ptr<pending>& request) {
   --request->sends_left;
   ++request->sends;
   request->link->send_async(
@@ -193,7 +140,7 @@ void work_client::_attempt(const std::shared_ptr<pending>& request) {
             return;
           }
           if (request->sends_left > 0) {
-            _attempt(request);
+            attempt(request);
             return;
           }
           request->done(
@@ -229,6 +176,60 @@ void work_client::_attempt(const std::shared_ptr<pending>& request) {
         result.key = key;
         request->done(result, nullptr);
       });
+}
+
+}  // namespace
+
+const char* write_outcome_c_str(write_outcome outcome) {
+  for (const outcome_name& o : outcome_names)
+    if (o.outcome == outcome) return o.name;
+  return "unknown";
+}
+
+bool write_result::all_ok() const noexcept {
+  for (const item_result& item : items)
+    if (!item.ok()) return false;
+  return true;
+}
+
+write_error::write_error(const char* file, unsigned line, reason why, std::string request,
+                         std::string key, std::string message)
+    : uspec(file, line, std::move(message)),
+      why_(why),
+      request_(std::move(request)),
+      key_(std::move(key)) {}
+
+write_error::~write_error() = default;
+
+work_client::work_client(connection& link, const zelcore::plugin_db& plugins)
+    : link_(&link),
+      state_link_(nullptr),
+      actions_(plugins),
+      timeout_(link.get_timeout()),
+      retries_(1) {}
+
+work_client::work_client(state_connection& link, const zelcore::plugin_db& plugins)
+    : link_(&link),
+      state_link_(&link),
+      actions_(plugins, link.get_state()),
+      timeout_(link.get_timeout()),
+      retries_(1) {}
+
+void work_client::_send(const std::string& name, zelcore::properties fields,
+                        const write_options& options, write_callback done) {
+  auto request = std::make_shared<pending>();
+  request->key = options.key.empty() ? "key-" + zelcore::string_uuid(false) : options.key;
+  fields.set_string_value("key", request->key);
+  if (options.dry_run) fields.set_bool_value("dry-run", true);
+  const char* list = name == steer_request ? "ids" : name == submit_request ? "jobs" : "actions";
+  request->items = fields.get_list_value(list).size();
+  request->link = link_;
+  request->name = name;
+  request->request = packet(packet::type_request, name, fields);
+  request->timeout = timeout_;
+  request->sends_left = retries_ + 1;
+  request->done = std::move(done);
+  attempt(request);
 }
 
 write_result work_client::_wait_for(const std::string& name, zelcore::properties fields,

@@ -18,10 +18,8 @@ constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\wo
 constexpr const char* written_max_attempts = "set-task-max_attempts";
 constexpr const char* applied_max_attempts = "set-task-max-attempts";
 
-}  // namespace
-
 // A workflow manager of its own, over a map of copies, keeping the last action it wrote.
-class workflow_actions::scratch final : public workflow_manager_event_receiver {
+class scratch final : public workflow_manager_event_receiver {
  public:
   scratch() : manager(this, workflows, sequence_number) {}
   void wm_cb_workflow_will_be_updated(const std::string&, const zelcore::properties&) override {}
@@ -50,6 +48,8 @@ class workflow_actions::scratch final : public workflow_manager_event_receiver {
   workflow_manager manager;
   zelcore::properties written;
 };
+
+}  // namespace
 
 workflow_actions::workflow_actions(const zelcore::plugin_db& plugins, const state* replica)
     : plugins_(&plugins), replica_(replica) {}

@@ -187,7 +187,6 @@ class ZELCAPI_EXPORT workflow_actions {
   zelcore::properties retry_task(const std::string& state_id, const std::string& task) const;
 
  private:
-  class scratch;
   const zelcore::plugin_db* plugins_;
   const state* replica_;
 };
@@ -280,10 +279,8 @@ class ZELCAPI_EXPORT work_client {
                            const wait_predicate& until = {});
 
  private:
-  struct pending;
   void _send(const std::string& name, zelcore::properties fields, const write_options& options,
              write_callback done);
-  static void _attempt(const std::shared_ptr<pending>& request);
   write_result _wait_for(const std::string& name, zelcore::properties fields,
                          const write_options& options);
   work_record _wait(work_record::kind type, const std::string& id, unsigned timeout_ms,
