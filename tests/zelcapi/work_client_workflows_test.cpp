@@ -7,6 +7,7 @@
 
 #include "support/tree_difference.h"
 #include "work_client_test_support.h"
+#include "zelcapi/connection_test_support.h"
 
 namespace {
 
@@ -162,11 +163,14 @@ TEST(WorkClientWorkflows, CancellingWhileRunningEndsTheJobsAndTheWaitReturnsTheK
   EXPECT_TRUE(told);
   EXPECT_EQ(outcomes(cancelled), std::vector<std::string>{"done"});
   EXPECT_EQ(end.result.status, zelworkflow::workflow_info::status_killed);
+  // The replica shows the workflow's one job cancelled.
+  std::size_t jobs = 0;
   for (const auto& [job_id, record] : alice.link.get_state()->get_items(zelcapi::state_item_job)) {
-    if (record.get_string_value("workflow-state-id", "") == id) {
-      EXPECT_EQ(record.get_string_value("state"), "cancelled") << job_id;
-    }
+    if (record.get_string_value("workflow-state-id", "") != id) continue;
+    ++jobs;
+    EXPECT_EQ(record.get_string_value("state"), "cancelled") << job_id;
   }
+  EXPECT_EQ(jobs, 1u);
   EXPECT_EQ(sim.submitted_work().running, 0u);
   // Cancelling it again: the workflow has ended.
   EXPECT_EQ(outcomes(alice.client.cancel_workflows({id})),
@@ -219,6 +223,70 @@ TEST(WorkClientWorkflows, AFailedTaskRetriedRunsAgainWhileItsWorkflowLives) {
   const zelcapi::work_record end = alice.client.wait_for_workflow(id, 10000);
   EXPECT_EQ(end.result.status, zelworkflow::workflow_info::status_finished);
   EXPECT_EQ(jobs_of(sim, id).size(), 3u);
+}
+
+TEST(WorkClientWorkflows, AWorkflowInfoIsSubmittedAndActionsOfTwoKindsGoInOneRequest) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  zelworkflow::workflow_info w;
+  w.decode_workflow_info(chain(100000), alice.plugins);
+  ASSERT_EQ(outcomes(alice.client.submit_workflow(w, "WOFL-info")),
+            std::vector<std::string>{"done"});
+  // The same id again makes nothing.
+  EXPECT_EQ(outcomes(alice.client.submit_workflow(w, "WOFL-info")),
+            std::vector<std::string>{"already-done: workflow 'WOFL-info' was made before"});
+  EXPECT_EQ(sim.submitted_work().workflows, 1u);
+
+  const zelcapi::workflow_actions& build = alice.client.actions();
+  const zelcapi::write_result r = alice.client.update_workflows(
+      {build.set_priority("WOFL-info", 4), build.set_task_priority("WOFL-info", "c", 2),
+       build.set_task_priority("WOFL-info", "c", 2)});
+  EXPECT_EQ(outcomes(r),
+            (std::vector<std::string>{
+                "done", "done",
+                "already-done: 'set-task-priority' changes nothing in workflow 'WOFL-info'"}));
+  const properties record = master_record(sim, "workflows", "WOFL-info");
+  EXPECT_EQ(record.get_int_value("priority"), 4);
+  EXPECT_EQ(
+      record.get_properties_value("tasks").get_properties_value("c").get_int_value("priority"), 2);
+  // The replica changed only when the master's notifications came: it holds the same values.
+  properties mine;
+  alice.link.get_state()->get_workflow_manager().encode_workflow("WOFL-info", mine);
+  EXPECT_TRUE(mine == record) << first_difference(mine, record);
+}
+
+TEST(WorkClientWorkflows, AsynchronousRequestsInFlightTogetherEachGetTheirOwnAnswer) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  std::vector<std::string> ids(3);
+  std::size_t ended = 0;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    alice.client.submit_workflow_async(
+        chain(100000), "WOFL-async-" + std::to_string(i), {},
+        [&, i](const zelcapi::write_result& r, std::exception_ptr error) {
+          EXPECT_FALSE(error);
+          ASSERT_EQ(r.items.size(), 1u);
+          ids[i] = r.items[0].id;
+          ++ended;
+        });
+  }
+  ASSERT_TRUE(serve_until({&alice.link}, [&] { return ended == 3; }));
+  EXPECT_EQ(ids, (std::vector<std::string>{"WOFL-async-0", "WOFL-async-1", "WOFL-async-2"}));
+
+  zelcapi::write_result priority, unknown;
+  alice.client.set_workflow_priority_async(
+      {ids[0], ids[1]}, 7, {},
+      [&](const zelcapi::write_result& r, std::exception_ptr) { priority = r; });
+  alice.client.update_workflows_async(
+      {alice.client.actions().remove_workflow("WOFL-none")}, {},
+      [&](const zelcapi::write_result& r, std::exception_ptr) { unknown = r; });
+  ASSERT_TRUE(serve_until({&alice.link},
+                          [&] { return !priority.items.empty() && !unknown.items.empty(); }));
+  EXPECT_EQ(outcomes(priority), (std::vector<std::string>{"done", "done"}));
+  EXPECT_EQ(outcomes(unknown),
+            std::vector<std::string>{"not-found: 'WOFL-none' isn't a valid workflow state id"});
+  EXPECT_EQ(master_record(sim, "workflows", ids[1]).get_int_value("priority"), 7);
+  EXPECT_EQ(master_record(sim, "workflows", ids[2]).get_int_value("priority"), 0);
 }
 
 TEST(WorkClientWorkflows, ADescriptionThatDoesNotDecodeIsRefusedBeforeAnythingIsSent) {
