@@ -16,12 +16,13 @@
 
 namespace zeltest {
 
-// A state connection with a replica, logged in as `user` with the snapshot taken, and a
-// work_client over it.
+// A state connection with a replica (keeping history for `history_keep_time` seconds), logged
+// in as `user` with the snapshot taken, and a work_client over it.
 class work_session {
  public:
-  work_session(zelsim::cluster& sim, const std::string& user, const std::string& password)
-      : link(&quiet, 0, &plugins), client(link, plugins) {
+  work_session(zelsim::cluster& sim, const std::string& user, const std::string& password,
+               std::uint32_t history_keep_time = 0)
+      : link(&quiet, history_keep_time, &plugins), client(link, plugins) {
     EXPECT_EQ(link.connect("127.0.0.1", std::to_string(sim.port(1)), 5), zelcapi::connection_ok);
     EXPECT_FALSE(
         link.login_sync(user, password, "", "", 5, true).get_properties().is_present("error"));

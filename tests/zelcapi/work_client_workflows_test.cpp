@@ -289,6 +289,50 @@ TEST(WorkClientWorkflows, AsynchronousRequestsInFlightTogetherEachGetTheirOwnAns
   EXPECT_EQ(master_record(sim, "workflows", ids[2]).get_int_value("priority"), 0);
 }
 
+// The id of the workload's template named `name`, as the replica holds it.
+std::string template_named(const zelcapi::state& replica, const std::string& name) {
+  for (const auto& [id, w] : replica.get_workflows()) {
+    if (w->get_workflow_meta_data().get_string_value("name", "") == name) return id;
+  }
+  return "";
+}
+
+TEST(WorkClientWorkflows, ASpawnFromATemplateTakesItsValuesAndPassesOutValuesToTheDependants) {
+  write_cluster sim;
+  // History kept: the wait returns the workflow's final form although it is removed at its end.
+  work_session alice(sim, "alice", "secret", 3600);
+  const std::string build = template_named(*alice.link.get_state(), "build");
+  ASSERT_FALSE(build.empty());
+  const zelcapi::write_result spawned =
+      alice.client.spawn_workflow(build, properties{{"fetch>in", text("v1")}});
+  ASSERT_EQ(outcomes(spawned), std::vector<std::string>{"done"});
+  const std::string id = spawned.items[0].id;
+  EXPECT_EQ(id.rfind("WOFL-", 0), 0u) << id;
+  EXPECT_NE(id, build);
+  EXPECT_EQ(spawned.items[0].action, "set-in-values");
+
+  sim.advance_time(10000ms);
+  const zelcapi::work_record end = alice.client.wait_for_workflow(id, 10000);
+  EXPECT_EQ(end.result.status, zelworkflow::workflow_info::status_finished);
+  EXPECT_FALSE(end.live);
+  EXPECT_EQ(end.status, zelworkflow::workflow_info::status_finished);
+  const properties tasks = end.record.get_properties_value("tasks");
+  EXPECT_EQ(tasks.get_properties_value("fetch")
+                .get_properties_value("in-nodes")
+                .get_properties_value("in")
+                .get_string_value("value"),
+            "v1");
+  // fetch's out-value (its id, as the runner produces it) reached compile.
+  EXPECT_EQ(tasks.get_properties_value("compile")
+                .get_properties_value("in-nodes")
+                .get_properties_value("in")
+                .get_string_value("value"),
+            "fetch");
+  // A value for a task the template lacks is refused before anything is sent.
+  EXPECT_THROW(alice.client.spawn_workflow(build, properties{{"nowhere>in", text("v")}}),
+               zelbase::es::arg);
+}
+
 TEST(WorkClientWorkflows, ADescriptionThatDoesNotDecodeIsRefusedBeforeAnythingIsSent) {
   write_cluster sim;
   work_session alice(sim, "alice", "secret");

@@ -328,6 +328,21 @@ write_result work_client::submit_workflows(const std::vector<zelcore::properties
   return update_workflows(actions, options);
 }
 
+write_result work_client::spawn_workflow(const std::string& template_id,
+                                         const zelcore::properties& values,
+                                         const std::string& state_id,
+                                         const write_options& options) {
+  return update_workflows({actions_.set_in_values(template_id, values, state_id)}, options);
+}
+
+void work_client::spawn_workflow_async(const std::string& template_id,
+                                       const zelcore::properties& values,
+                                       const std::string& state_id, const write_options& options,
+                                       write_callback done) {
+  update_workflows_async({actions_.set_in_values(template_id, values, state_id)}, options,
+                         std::move(done));
+}
+
 write_result work_client::remove_workflows(const std::vector<std::string>& state_ids,
                                            const write_options& options) {
   return update_workflows(_for_each(state_ids, &workflow_actions::remove_workflow), options);

@@ -44,13 +44,17 @@ void look(const state& replica, work_record& r) {
     r.live = replica.has_item(state_item_job, r.id);
     if (r.live) r.record = replica.get_item(state_item_job, r.id);
   } else {
-    r.live = replica.has_workflow_in_state(r.id);
-    if (r.live) {
-      const state::workflow_ptr& w = replica.get_workflow_from_state(r.id);
+    // A removed workflow is read from the replica's history when it keeps one: its final form,
+    // which the last look may not have seen when the end and the removal came together.
+    const int where = replica.has_workflow_in_state_or_history(r.id);
+    r.live = where == 1;
+    if (where != 0) {
+      const state::workflow_ptr& w = replica.get_workflow_from_state_or_history(r.id);
       zelcore::properties encoded(false);
       w->encode_workflow_info(encoded);
       r.record = encoded;
       r.status = w->get_status();
+      r.seen = true;
     }
     r.has_result = replica.has_workflow_result(r.id);
     if (r.has_result) r.result = replica.get_workflow_result(r.id);
@@ -61,7 +65,7 @@ void look(const state& replica, work_record& r) {
 }  // namespace
 
 bool work_record::ended() const {
-  if (type == workflow) return has_result || (live && is_ended_status(status));
+  if (type == workflow) return has_result || (seen && is_ended_status(status));
   const std::string state = job_state(*this);
   return state == "finished" || state == "failed" || state == "cancelled";
 }

@@ -106,6 +106,32 @@ zelcore::properties workflow_actions::set_task_priority(
   return std::move(s.written);
 }
 
+zelcore::properties workflow_actions::set_in_values(
+    const std::string& state_id, const zelcore::properties& values, const std::string& spawn_id,
+    const zelcore::properties& workflow_meta) const {
+  scratch s;
+  s.copy(replica_, state_id, true);
+  std::string taken;
+  s.manager.set_in_values(state_id,
+                          workflow_manager::properties_ptr(new zelcore::properties(values)), taken,
+                          spawn_id, workflow_meta, false, "");
+  if (s.written.empty()) {
+    zelbase::es::arg::raise(source_file, __LINE__,
+                            "workflow '" + state_id + "' takes none of the values");
+  }
+  // A spawn got an id of the scratch manager's for the check: the master makes the real one.
+  if (spawn_id.empty() && taken != state_id) s.written.set_string_value("force-state-id", "");
+  return std::move(s.written);
+}
+
+zelcore::properties workflow_actions::add_dependant(const std::string& state_id,
+                                                    const std::string& dependant) const {
+  scratch s;
+  s.copy(replica_, state_id, false);
+  s.manager.add_dependant(state_id, dependant);
+  return std::move(s.written);
+}
+
 zelcore::properties workflow_actions::retry_task(const std::string& state_id,
                                                  const std::string& task) const {
   scratch s;

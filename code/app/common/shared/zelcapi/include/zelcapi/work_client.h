@@ -99,13 +99,14 @@ class ZELCAPI_EXPORT write_error : public zelbase::es::uspec {
   std::string key_;
 };
 
-// What a wait looked at: the job's record or the workflow's encoding as the replica last held it,
-// and a workflow's result once the replica has one.
+// What a wait looked at: the job's record or the workflow's encoding as the replica last held it
+// live (a removed workflow's final form when the replica keeps history), and a workflow's result
+// once the replica has one.
 struct ZELCAPI_EXPORT work_record {
   enum kind { job, workflow };
   kind type = job;
   std::string id;
-  bool seen = false;  // the replica held the record at least once during the wait
+  bool seen = false;  // the replica held the record (or a workflow in its history) in the wait
   bool live = false;  // the replica holds it now
   zelcore::properties record;
   // A workflow's status (derived from its tasks, not part of its encoding), as last seen live.
@@ -182,6 +183,17 @@ class ZELCAPI_EXPORT workflow_actions {
           zelworkflow::workflow_info::priority_absolute,
       std::int64_t min = std::numeric_limits<std::int64_t>::min(),
       std::int64_t max = std::numeric_limits<std::int64_t>::max()) const;
+  // "set-in-values" of `values` (in-node path "task>node" -> value) on workflow `state_id`: on a
+  // template or an init workflow it spawns a workflow under `spawn_id` (empty: the master makes
+  // the id) with `workflow_meta` in its meta data; on another workflow it sets the values. Needs
+  // the workflow in the replica; raises es::arg when the workflow takes none of the values.
+  zelcore::properties set_in_values(
+      const std::string& state_id, const zelcore::properties& values,
+      const std::string& spawn_id = "",
+      const zelcore::properties& workflow_meta = zelcore::properties()) const;
+  // "add-dependant": workflow `dependant` depends on workflow `state_id`.
+  zelcore::properties add_dependant(const std::string& state_id,
+                                    const std::string& dependant) const;
   // "set-task-max-attempts" one above the attempts the task has made, so that a failed task runs
   // again while its workflow lives. Needs the workflow in the replica, as set_task_priority.
   zelcore::properties retry_task(const std::string& state_id, const std::string& task) const;
@@ -233,6 +245,14 @@ class ZELCAPI_EXPORT work_client {
                              const write_options& options, write_callback done);
   write_result submit_workflows(const std::vector<zelcore::properties>& workflows,
                                 const write_options& options = {});
+
+  // Spawns a workflow from template `template_id` with in-values (workflow_actions::set_in_values;
+  // needs the replica); the item's `id` is the spawned workflow's.
+  write_result spawn_workflow(const std::string& template_id, const zelcore::properties& values,
+                              const std::string& state_id = "", const write_options& options = {});
+  void spawn_workflow_async(const std::string& template_id, const zelcore::properties& values,
+                            const std::string& state_id, const write_options& options,
+                            write_callback done);
 
   // Removes workflows (no result is recorded), or cancels them (they end killed, with a result).
   write_result remove_workflows(const std::vector<std::string>& state_ids,
