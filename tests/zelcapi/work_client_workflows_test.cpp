@@ -333,6 +333,22 @@ TEST(WorkClientWorkflows, ASpawnFromATemplateTakesItsValuesAndPassesOutValuesToT
                zelbase::es::arg);
 }
 
+TEST(WorkClientWorkflows, ADependantAddedTwiceIsAlreadyThereTheSecondTime) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const zelcapi::write_result two = alice.client.submit_workflows({chain(100000), chain(100000)});
+  const std::string first = two.items.at(0).id, second = two.items.at(1).id;
+  const properties add = alice.client.actions().add_dependant(first, second);
+  EXPECT_EQ(outcomes(alice.client.update_workflows({add})), std::vector<std::string>{"done"});
+  EXPECT_EQ(outcomes(alice.client.update_workflows({add})),
+            std::vector<std::string>{"already-done: 'add-dependant' changes nothing in workflow '" +
+                                     first + "'"});
+  const properties record = master_record(sim, "workflows", first);
+  const auto& dependants = record.get_list_value("dependants");
+  ASSERT_EQ(dependants.size(), 1u);
+  EXPECT_EQ(static_cast<const zelcore::property_string&>(*dependants.front()).value(), second);
+}
+
 TEST(WorkClientWorkflows, ADescriptionThatDoesNotDecodeIsRefusedBeforeAnythingIsSent) {
   write_cluster sim;
   work_session alice(sim, "alice", "secret");
