@@ -215,8 +215,8 @@ work_client::work_client(state_connection& link, const zelcore::plugin_db& plugi
       timeout_(link.get_timeout()),
       retries_(1) {}
 
-void work_client::_send(const std::string& name, zelcore::properties fields,
-                        const write_options& options, write_callback done) {
+std::string work_client::_send(const std::string& name, zelcore::properties fields,
+                               const write_options& options, write_callback done) {
   auto request = std::make_shared<pending>();
   request->key = options.key.empty() ? "key-" + zelcore::string_uuid(false) : options.key;
   fields.set_string_value("key", request->key);
@@ -230,6 +230,7 @@ void work_client::_send(const std::string& name, zelcore::properties fields,
   request->sends_left = retries_ + 1;
   request->done = std::move(done);
   attempt(request);
+  return request->key;
 }
 
 write_result work_client::_wait_for(const std::string& name, zelcore::properties fields,
@@ -241,14 +242,16 @@ write_result work_client::_wait_for(const std::string& name, zelcore::properties
     std::exception_ptr error;
   };
   auto got = std::make_shared<outcome>();
-  _send(name, std::move(fields), options, [got](const write_result& r, std::exception_ptr e) {
-    got->ended = true;
-    got->result = r;
-    got->error = e;
-  });
+  const std::string key =
+      _send(name, std::move(fields), options, [got](const write_result& r, std::exception_ptr e) {
+        got->ended = true;
+        got->result = r;
+        got->error = e;
+      });
   if (!link_->serve_until(got->ended)) {
-    zelbase::es::uspec::raise(source_file, __LINE__,
-                              "'" + name + "': the connection has nothing left that could reply");
+    throw write_error(
+        source_file, __LINE__, write_error::link_lost, name, key,
+        unknown_outcome(name, key, "the connection has nothing left that could reply"));
   }
   if (got->error) std::rethrow_exception(got->error);
   return std::move(got->result);

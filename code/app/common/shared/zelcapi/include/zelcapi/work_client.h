@@ -299,8 +299,9 @@ class ZELCAPI_EXPORT work_client {
                            const wait_predicate& until = {});
 
  private:
-  void _send(const std::string& name, zelcore::properties fields, const write_options& options,
-             write_callback done);
+  // Sends the request with its key and returns the key.
+  std::string _send(const std::string& name, zelcore::properties fields,
+                    const write_options& options, write_callback done);
   write_result _wait_for(const std::string& name, zelcore::properties fields,
                          const write_options& options);
   work_record _wait(work_record::kind type, const std::string& id, unsigned timeout_ms,
