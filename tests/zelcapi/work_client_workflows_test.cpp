@@ -349,6 +349,33 @@ TEST(WorkClientWorkflows, ADependantAddedTwiceIsAlreadyThereTheSecondTime) {
   EXPECT_EQ(static_cast<const zelcore::property_string&>(*dependants.front()).value(), second);
 }
 
+TEST(WorkClientWorkflows, BuildingActionsLeavesTheReplicaAsItWas) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const zelcapi::state& replica = *alice.link.get_state();
+  const std::string id = alice.client.submit_workflow(chain(100000), "WOFL-kept").items[0].id;
+  const std::string build = template_named(replica, "build");
+  properties before;
+  replica.get_workflows(before);
+
+  const zelcapi::workflow_actions& build_action = alice.client.actions();
+  EXPECT_EQ(build_action.set_task_priority(id, "a", 9).get_int_value("priority"), 9);
+  EXPECT_EQ(build_action.retry_task(id, "a").get_int_value("max-attempts"), 2);
+  EXPECT_EQ(build_action.set_priority(id, 3).get_string_value("action"), "set-priority");
+  EXPECT_EQ(build_action.remove_workflow(id).get_string_value("state-id"), id);
+  EXPECT_TRUE(build_action.cancel_workflow(id)
+                  .get_properties_value("meta-data")
+                  .get_bool_value("kill-requested"));
+  EXPECT_EQ(build_action.set_in_values(build, properties{{"fetch>in", text("v1")}}, "WOFL-spawn")
+                .get_string_value("force-state-id"),
+            "WOFL-spawn");
+
+  properties after;
+  replica.get_workflows(after);
+  EXPECT_TRUE(after == before) << first_difference(after, before);
+  EXPECT_FALSE(replica.has_workflow_in_state("WOFL-spawn"));
+}
+
 TEST(WorkClientWorkflows, ADescriptionThatDoesNotDecodeIsRefusedBeforeAnythingIsSent) {
   write_cluster sim;
   work_session alice(sim, "alice", "secret");
