@@ -225,9 +225,11 @@ class ZELCAPI_EXPORT work_client {
   // The builder of the actions this client sends (on the same replica).
   const workflow_actions& actions() const noexcept { return actions_; }
 
-  // Every operation has a synchronous form, which returns the result and raises write_error
-  // (es::arg for a description that does not decode), and an asynchronous form, which returns at
-  // once and calls `done` with the result or that error.
+  // Every operation has a synchronous form, which returns the result and raises write_error, and
+  // an asynchronous form, which returns at once and calls `done` with the result or that error
+  // (from inside the connection's step, wait or run). Both forms raise es::arg from the call
+  // itself, before sending anything, when the actions cannot be built (a description that does
+  // not decode, a workflow that the replica lacks for an action on its tasks or values).
 
   // "cluster.api.workflow.update" with the given actions, in one request.
   write_result update_workflows(const std::vector<zelcore::properties>& actions,
@@ -290,8 +292,9 @@ class ZELCAPI_EXPORT work_client {
   // Waits on the state connection's replica, running its I/O, until `until` holds for the
   // record of workflow `state_id` (default: it has ended) and returns that record. Raises
   // wait_error with the last record seen: timed_out after `timeout_ms`, removed when the workflow
-  // leaves the live state without a result before the condition held, link_lost when the link
-  // ends; es::arg for a client without a state connection or replica.
+  // leaves the live state before the condition held (with the default condition: when it is
+  // removed without a result), link_lost when the link ends; es::arg for a client without a
+  // state connection or replica.
   work_record wait_for_workflow(const std::string& state_id, unsigned timeout_ms,
                                 const wait_predicate& until = {});
   // The same for job `id` (removed: the job went to history before the condition held).
