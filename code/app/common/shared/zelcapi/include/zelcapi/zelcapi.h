@@ -6,6 +6,7 @@
 #include "zelcapi/memory_db.h"
 #include "zelcapi/state.h"
 #include "zelcapi/state_connection.h"
+#include "zelcapi/work_client.h"
 #include "zelcapi/workflow_manager.h"
 
 // What the client API raises (zelbase::es::base and its kinds), the wall clock that history

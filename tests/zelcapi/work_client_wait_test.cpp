@@ -1,0 +1,81 @@
+// Waiting on the replica: a time-out names the last state seen, a lost link ends the wait
+// differently, and a client without a replica cannot wait.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "work_client_test_support.h"
+
+namespace {
+
+using namespace zeltest;
+using namespace std::chrono_literals;
+
+properties long_workflow() { return workflow_of({{"t", task_of(run_params(100000), {})}}); }
+
+TEST(WorkClientWait, ATimeOutRaisesWithTheLastStateSeen) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const std::string id = alice.client.submit_workflow(long_workflow(), "WOFL-long").items[0].id;
+  try {
+    alice.client.wait_for_workflow(id, 200);
+    ADD_FAILURE() << "the wait ended without an error";
+  } catch (const zelcapi::wait_error& e) {
+    EXPECT_EQ(e.why(), zelcapi::wait_error::timed_out);
+    EXPECT_EQ(e.message(), "waited 200 ms: workflow 'WOFL-long' is running");
+    EXPECT_TRUE(e.last().live);
+    EXPECT_EQ(e.last().status, zelworkflow::workflow_info::status_running);
+    EXPECT_EQ(e.last().record.get_properties_value("tasks").get_properties_value("t").get_int_value(
+                  "status"),
+              zelcore::task::status_running);
+  }
+}
+
+TEST(WorkClientWait, AJobNotYetEndedTimesOutNamingItsState) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const std::string id =
+      alice.client.submit_jobs({properties{{"command", text("/bin/true")}}}).items.at(0).id;
+  try {
+    alice.client.wait_for_job(id, 100);
+    ADD_FAILURE() << "the wait ended without an error";
+  } catch (const zelcapi::wait_error& e) {
+    EXPECT_EQ(e.why(), zelcapi::wait_error::timed_out);
+    EXPECT_EQ(e.message(), "waited 100 ms: job '" + id + "' is running");
+  }
+  try {
+    alice.client.wait_for_job("job-s7777777", 50);
+    ADD_FAILURE() << "the wait ended without an error";
+  } catch (const zelcapi::wait_error& e) {
+    EXPECT_EQ(e.message(), "waited 50 ms: job 'job-s7777777' is not in the replica");
+    EXPECT_FALSE(e.last().seen);
+  }
+}
+
+TEST(WorkClientWait, ALostLinkEndsTheWaitAsSuch) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const std::string id = alice.client.submit_workflow(long_workflow(), "WOFL-cut").items[0].id;
+  sim.close_links(1);
+  try {
+    alice.client.wait_for_workflow(id, 10000);
+    ADD_FAILURE() << "the wait ended without an error";
+  } catch (const zelcapi::wait_error& e) {
+    EXPECT_EQ(e.why(), zelcapi::wait_error::link_lost);
+    EXPECT_EQ(e.message(),
+              "the state connection lost its link while waiting: workflow 'WOFL-cut' is running");
+  }
+}
+
+TEST(WorkClientWait, AClientWithoutAReplicaCannotWait) {
+  write_cluster sim;
+  plain_work_session alice(sim, "alice", "secret");
+  EXPECT_THROW(alice.client.wait_for_workflow("WOFL-any", 10), zelbase::es::arg);
+  zelcapi::state_handler quiet;
+  zelcapi::state_connection without_replica(&quiet);
+  zelcore::plugin_db plugins;
+  zelcapi::work_client client(without_replica, plugins);
+  EXPECT_THROW(client.wait_for_job("job-s0000001", 10), zelbase::es::arg);
+}
+
+}  // namespace
