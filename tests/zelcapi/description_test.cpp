@@ -356,6 +356,14 @@ TEST(WorkDescription, TheKindOfADescriptionIsToldByItsKeys) {
                               "jobs), not both"}}));
 }
 
+TEST(WorkDescription, TasksThatAreNotAListAreOneError) {
+  EXPECT_EQ(
+      paths_and_messages(convert_description(tree(R"({"name": "w", "tasks": {"t": {}}})"))),
+      (expected_errors{{"/tasks", "expected a list of tasks (each with its name), got a map"}}));
+  EXPECT_EQ(paths_and_messages(convert_description(tree(R"({"name": "w", "tasks": []})"))),
+            (expected_errors{{"/tasks", "a workflow has at least one task"}}));
+}
+
 TEST(WorkDescription, ValuesOfEveryWrongKindGiveErrorsNotExceptions) {
   // Every key of a workflow and of a task with a value of each kind that it does not take.
   const std::vector<std::string> kinds{R"(7)", R"(true)", R"("s")", R"([1, "x", []])",

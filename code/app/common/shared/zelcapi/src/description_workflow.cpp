@@ -496,18 +496,18 @@ void convert_workflow(const properties& d, const std::vector<description_setting
                "declare them in /inputs");
   }
   std::vector<task_entry> tasks;
-  if (const property_ptr list = f.tree().get_property("tasks")) {
-    if (list->kind() != property::kind_list) {
-      errors.add(f.path_of("tasks"), description_issue::wrong_kind,
-                 "expected a list of tasks (each with its name), got " + describe_value(*list));
-    } else if (static_cast<const property_list&>(*list).value().empty()) {
+  const property_ptr task_list = f.tree().get_property("tasks");
+  if (task_list && task_list->kind() != property::kind_list) {
+    errors.add(f.path_of("tasks"), description_issue::wrong_kind,
+               "expected a list of tasks (each with its name), got " + describe_value(*task_list));
+  } else if (task_list) {
+    const property_list::list_type& list = static_cast<const property_list&>(*task_list).value();
+    if (list.empty()) {
       errors.add(f.path_of("tasks"), description_issue::out_of_range,
                  "a workflow has at least one task");
     }
-  }
-  if (const property_list* list = f.list("tasks")) {
     std::size_t index = 0;
-    for (const property_ptr& e : list->value()) {
+    for (const property_ptr& e : list) {
       const std::string path = child_path(f.path_of("tasks"), index++);
       if (e->kind() != property::kind_properties) {
         errors.add(path, description_issue::wrong_kind,
