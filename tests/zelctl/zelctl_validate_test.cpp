@@ -1,7 +1,9 @@
 // zelctl validate: a work description file checked offline, every error printed with its line,
 // column and path, the exit code saying whether the file is valid; and the reader under it, which
 // keeps the place of every value and refuses what a description cannot hold without crashing.
+#include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -210,6 +212,33 @@ TEST(ZelctlValidate, AFileThatCannotBeReadIsExitThree) {
   EXPECT_EQ(directory.code, 3);
   EXPECT_EQ(lines_of(directory.err).size(), 1u) << directory.err;
   EXPECT_EQ(missing.out, "");
+}
+
+TEST(ZelctlValidate, TheSampleDescriptionsAreValid) {
+  const std::string examples = EXAMPLES_DIR;
+  const std::vector<std::pair<std::vector<std::string>, std::string>> samples{
+      {{"render.yaml", "--set", "frames=1-100"},
+       "template 'render-shot': 3 tasks, in-values camera=\"main\" frames=\"1-100\" quality=2"},
+      {{"build.json"}, "workflow 'build-and-test': 5 tasks"},
+      {{"nightly-jobs.yaml"}, "jobs 'nightly': 3 jobs"},
+  };
+  std::set<std::string> checked;
+  for (const auto& [args, summary] : samples) {
+    const std::string file = examples + "/" + args[0];
+    checked.insert(args[0]);
+    std::vector<std::string> command{"validate", file};
+    command.insert(command.end(), args.begin() + 1, args.end());
+    const result r = run(command);
+    EXPECT_EQ(r.code, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, file + ": " + summary + "\n");
+  }
+  // Every sample description in examples/ is among them.
+  for (const auto& entry : std::filesystem::directory_iterator(examples)) {
+    const std::string ext = entry.path().extension().string();
+    if (ext == ".yaml" || ext == ".json") {
+      EXPECT_EQ(checked.count(entry.path().filename().string()), 1u) << entry.path();
+    }
+  }
 }
 
 TEST(ZelctlValidateReader, PlacesAreKeptForEveryKeyAndElement) {
