@@ -2,6 +2,7 @@
 // descriptions converted into the records and actions that the workflow manager applies.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <list>
 #include <map>
 #include <ostream>
@@ -294,6 +295,19 @@ TEST(WorkDescription, ASettingIsNameEqualsValue) {
   EXPECT_EQ(*zelcapi::parse_description_setting("empty=").value, *zelcore::make_string(""));
   EXPECT_THROW(zelcapi::parse_description_setting("frames"), zelbase::es::arg);
   EXPECT_THROW(zelcapi::parse_description_setting("=3"), zelbase::es::arg);
+}
+
+TEST(WorkDescription, IntsAreWholeDecimalNumbersWithin64Bits) {
+  std::int64_t v = 7;
+  EXPECT_TRUE(zelcapi::read_description_int("-9223372036854775808", v));
+  EXPECT_EQ(v, std::numeric_limits<std::int64_t>::min());
+  EXPECT_TRUE(zelcapi::read_description_int("+12", v));
+  EXPECT_EQ(v, 12);
+  for (const char* bad :
+       {"", "+", "-", " 1", "1 ", "1.0", "0x10", "1e3", "9223372036854775808", "--1", "12a"}) {
+    EXPECT_FALSE(zelcapi::read_description_int(bad, v)) << bad;
+  }
+  EXPECT_EQ(v, 12);
 }
 
 TEST(WorkDescription, JobsConvertIntoASubmission) {

@@ -2,7 +2,6 @@
 #include "description_file.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -33,21 +32,6 @@ text_place place_of_mark(const YAML::Mark& mark) {
 
 std::string child(const std::string& path, const std::string& key) {
   return path + "/" + zelcore::property_reference_escape(key);
-}
-
-// A whole decimal number with an optional sign, within 64 bits.
-bool read_int(const std::string& text, std::int64_t& out) {
-  const std::size_t from = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
-  if (from == text.size()) return false;
-  for (std::size_t i = from; i < text.size(); ++i) {
-    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
-  }
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text.c_str(), &end, 10);
-  if (errno == ERANGE || end != text.c_str() + text.size()) return false;
-  out = value;
-  return true;
 }
 
 bool read_bool(const std::string& text, bool& out) {
@@ -191,12 +175,12 @@ class reader {
     }
     if (tag == "!" || tag == tag_str) return zelcore::make_string(text);
     if (tag == "?") {
-      if (read_int(text, i)) return zelcore::make_int(i);
+      if (zelcapi::read_description_int(text, i)) return zelcore::make_int(i);
       if (read_bool(text, b)) return zelcore::make_bool(b);
       return zelcore::make_string(text);
     }
     if (tag == tag_int) {
-      if (read_int(text, i)) return zelcore::make_int(i);
+      if (zelcapi::read_description_int(text, i)) return zelcore::make_int(i);
       refuse(n.Mark(), path, "'" + text + "' is not an int");
       return nullptr;
     }

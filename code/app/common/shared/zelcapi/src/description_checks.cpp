@@ -88,22 +88,6 @@ property_ptr make_list(const std::vector<std::string>& texts) {
   return list;
 }
 
-// A whole decimal number with an optional sign, within the 64-bit range.
-bool read_integer(const std::string& text, std::int64_t& out) {
-  if (text.empty()) return false;
-  const std::size_t digits_from = text[0] == '-' || text[0] == '+' ? 1 : 0;
-  if (digits_from == text.size()) return false;
-  for (std::size_t i = digits_from; i < text.size(); ++i) {
-    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
-  }
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text.c_str(), &end, 10);
-  if (errno == ERANGE || end != text.c_str() + text.size()) return false;
-  out = value;
-  return true;
-}
-
 }  // namespace
 
 const char* kind_text(property::property_kind kind) {
@@ -341,7 +325,7 @@ property_ptr value_for_kind(const std::string& accepts, const property_ptr& valu
   switch (wanted) {
     case property::kind_int: {
       std::int64_t v = 0;
-      if (read_integer(text, v)) return zelcore::make_int(v);
+      if (read_description_int(text, v)) return zelcore::make_int(v);
       problem = "'" + text + "' is not an int";
       return nullptr;
     }
@@ -363,4 +347,19 @@ property_ptr value_for_kind(const std::string& accepts, const property_ptr& valu
 }
 
 }  // namespace description_detail
+
+bool read_description_int(const std::string& text, std::int64_t& out) {
+  const std::size_t digits_from = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+  if (digits_from == text.size()) return false;
+  for (std::size_t i = digits_from; i < text.size(); ++i) {
+    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+  }
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (errno == ERANGE || end != text.c_str() + text.size()) return false;
+  out = value;
+  return true;
+}
+
 }  // namespace zelcapi

@@ -61,6 +61,11 @@ struct description_setting {
 // '=' or with nothing before it.
 ZELCAPI_EXPORT description_setting parse_description_setting(const std::string& text);
 
+// Reads `text` as an int of a description: a whole decimal number with an optional sign, within
+// 64 bits (as settings and description files write ints). False, `out` unchanged, for any other
+// text.
+ZELCAPI_EXPORT bool read_description_int(const std::string& text, std::int64_t& out);
+
 enum class description_kind : std::uint8_t {
   invalid,   // neither could be told apart: the errors say why
   workflow,  // a workflow or a template
