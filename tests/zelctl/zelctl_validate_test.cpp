@@ -195,6 +195,10 @@ TEST(ZelctlValidate, AFileThatIsNoDescriptionIsOneError) {
        ":1:7: /name: a quoted string is not closed before the end of the file"},
       {"name: 'it''s\ntasks: []\n",
        ":1:7: /name: a quoted string is not closed before the end of the file"},
+      {"\xef\xbb\xbfname: ok\ntasks:\n  - name: t\n    command: \"c\n    cores: 2\n",
+       ":4:14: /tasks/0/command: a quoted string is not closed before the end of the file"},
+      {std::string("\xff\xfen\0a\0m\0e\0", 10),
+       ":1:1: the file is not UTF-8 text (UTF-16 or UTF-32, or binary)"},
   };
   for (const auto& [text, expected] : cases) {
     const result r = validate(dir, "file.yaml", text);

@@ -216,8 +216,20 @@ text_place description_text::place_of(const std::string& path) const {
   }
 }
 
-description_text read_description_text(const std::string& text) {
+description_text read_description_text(const std::string& file_text) {
   description_text out;
+  // UTF-8 only, without its byte order mark: the places that yaml-cpp gives are then byte
+  // offsets into `text`, which the check of quotes relies on.
+  const std::string utf8_bom = "\xef\xbb\xbf";
+  const std::string text =
+      file_text.compare(0, utf8_bom.size(), utf8_bom) == 0 ? file_text.substr(3) : file_text;
+  const std::string head = text.substr(0, 4);
+  if (head.find('\0') != std::string::npos || head.rfind("\xfe\xff", 0) == 0 ||
+      head.rfind("\xff\xfe", 0) == 0) {
+    out.errors.push_back({{}, "", "the file is not UTF-8 text (UTF-16 or UTF-32, or binary)"});
+    out.refused.insert("");
+    return out;
+  }
   std::vector<YAML::Node> documents;
   try {
     documents = YAML::LoadAll(text);

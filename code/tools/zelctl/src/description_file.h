@@ -56,7 +56,8 @@ struct description_text {
   text_place place_of(const std::string& path) const;
 };
 
-// Reads YAML or JSON text. Never raises for anything the text holds.
+// Reads YAML or JSON text in UTF-8 (a byte order mark is skipped; UTF-16 and UTF-32 are refused).
+// Never raises for anything the text holds.
 description_text read_description_text(const std::string& text);
 
 // Reads the file at `path`; raises failure (exit_failure) when it cannot be read or is larger
