@@ -119,7 +119,10 @@ class reader {
     zelbase::ptr_refcount<properties> tree(new properties());
     std::map<std::string, text_place> seen;
     for (auto it = n.begin(); it != n.end(); ++it) {
-      const YAML::Node& key = it->first;
+      // Copies (handles to the same nodes): the iterator's -> gives a proxy that holds the pair
+      // only until the end of the expression.
+      const YAML::Node key = it->first;
+      const YAML::Node entry = it->second;
       if (key.Type() != YAML::NodeType::Scalar) {
         error(key.Mark(), path, std::string("a key is a string, not ") + node_kind(key));
         continue;
@@ -139,13 +142,13 @@ class reader {
         continue;
       }
       out_.places[at] = place;
-      if (it->second.Type() == YAML::NodeType::Null) {
+      if (entry.Type() == YAML::NodeType::Null) {
         // A null's own mark may be on the next line: the key is where it was left empty.
         refuse(key.Mark(), at, "'" + name + "' has no value");
         ++count_;
         continue;
       }
-      if (property_ptr v = value(it->second, at, depth + 1)) (*tree)[name] = std::move(v);
+      if (property_ptr v = value(entry, at, depth + 1)) (*tree)[name] = std::move(v);
     }
     return tree;
   }
