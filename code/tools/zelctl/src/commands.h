@@ -23,5 +23,6 @@ command add_watch_command(CLI::App& app, global_options& options);
 command add_history_command(CLI::App& app, global_options& options);
 command add_mirror_command(CLI::App& app, global_options& options);
 command add_serve_command(CLI::App& app, global_options& options);
+command add_validate_command(CLI::App& app, global_options& options);
 
 }  // namespace zelctl

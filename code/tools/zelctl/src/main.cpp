@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
   global_options options;
   CLI::App app{
       "zelctl: the command line client of the cluster (status, login, state, watch, "
-      "history, mirror, serve)"};
+      "history, mirror, serve, validate)"};
   app.require_subcommand(1);
   // The global flags may also follow the subcommand: "zelctl mirror --simulate ...".
   app.fallthrough();
@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
       add_status_command(app, options),  add_login_command(app, options),
       add_state_command(app, options),   add_watch_command(app, options),
       add_history_command(app, options), add_mirror_command(app, options),
-      add_serve_command(app, options)};
+      add_serve_command(app, options),   add_validate_command(app, options)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

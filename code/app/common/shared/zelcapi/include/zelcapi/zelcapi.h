@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zelcapi/connection.h"
+#include "zelcapi/description.h"
 #include "zelcapi/memory_db.h"
 #include "zelcapi/state.h"
 #include "zelcapi/state_connection.h"
