@@ -138,7 +138,9 @@ TEST_F(ZelctlSteer, RetryQueuesACancelledJobAgain) {
   const result r = run(as("alice", {"retry", ids[0]}));
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(lines_of(r.out), strings{ids[0] + "  done"});
-  EXPECT_NE(state_of(ids[0]), "cancelled");
+  // Queued again, and started at once on the cores it had.
+  EXPECT_EQ(state_of(ids[0]), "running");
+  EXPECT_EQ(job(ids[0]).get_int_value("attempts"), 1);
 }
 
 TEST_F(ZelctlSteer, PriorityIsSetAndADryRunChangesNothing) {
