@@ -187,6 +187,28 @@ TEST_F(ZelctlSteer, AWorkflowIsReprioritisedAndCancelledBesideAJob) {
   EXPECT_EQ(nlohmann::json::parse(bob.out)["items"][0]["kind"], "workflow") << bob.out;
 }
 
+TEST_F(ZelctlSteer, TheJobsAnswerIsPrintedWhenTheWorkflowsRequestIsRefusedWhole) {
+  const strings ids = submit(1);
+  sim_.on(zeltest::update_request,
+          [](zelsim::request_context&, const zeltest::packet&, zeltest::packet& reply) {
+            reply.get_properties().set_string_value("error", "workflow updates are closed");
+            return true;
+          });
+  const result r = run(as("alice", {"cancel", "wf-steer", ids[0]}));
+  EXPECT_EQ(r.code, 3) << r.err;
+  EXPECT_EQ(lines_of(r.out), strings{ids[0] + "  done"});
+  EXPECT_EQ(r.err,
+            "zelctl: 'cluster.api.workflow.update' refused by the master: workflow updates are "
+            "closed\n");
+  EXPECT_EQ(state_of(ids[0]), "cancelled");
+
+  // Nothing answered: nothing on stdout.
+  const result json = run(as("alice", {"cancel", "--json", "wf-steer"}));
+  EXPECT_EQ(json.code, 3) << json.err;
+  EXPECT_TRUE(json.out.empty()) << json.out;
+  expect_one_line(json.err);
+}
+
 TEST_F(ZelctlSteer, BadArgumentsAreUsageErrorsAndChangeNothing) {
   const strings ids = submit(40);
   for (const strings& args : {strings{"cancel"}, strings{"priority", ids.back()},

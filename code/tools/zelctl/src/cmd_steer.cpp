@@ -151,8 +151,10 @@ int run_steer(const verb& v, const steer_flags& f, const global_options& o, targ
                      : client.set_workflow_priority(workflows, f.priority, options));
     }
   } catch (const zelcapi::write_error& e) {
-    // The jobs' answer came before the workflows' request failed: it is still printed.
-    print_outcomes(all, f.dry_run, o.json);
+    // When the jobs' answer came before the workflows' request failed, it is still printed.
+    if (std::any_of(all.begin(), all.end(), [](const steered& s) { return s.answered; })) {
+      print_outcomes(all, f.dry_run, o.json);
+    }
     throw failure(e.why() == zelcapi::write_error::link_lost ? exit_connection : exit_failure,
                   e.message());
   }
