@@ -79,7 +79,7 @@ TEST_F(ZelctlSteer, CancelOfOwnJobsIsDoneThenAlreadyDone) {
 TEST_F(ZelctlSteer, AnotherUsersJobIsRefusedNamingItsOwnerAndAnAdministratorCancelsIt) {
   const strings ids = submit(1);
   const result refused = run(as("bob", {"cancel", ids[0]}));
-  EXPECT_EQ(refused.code, 4) << refused.err;
+  EXPECT_EQ(refused.code, 5) << refused.err;
   EXPECT_EQ(lines_of(refused.out), strings{ids[0] + "  access denied (owner alice): job '" +
                                            ids[0] + "' belongs to 'alice'"});
   EXPECT_EQ(state_of(ids[0]), "running");
@@ -93,7 +93,7 @@ TEST_F(ZelctlSteer, AnotherUsersJobIsRefusedNamingItsOwnerAndAnAdministratorCanc
 TEST_F(ZelctlSteer, AnUnknownIdIsNotFoundAndTheOtherIdsAreStillApplied) {
   const strings ids = submit(1);
   const result r = run(as("alice", {"cancel", "--json", "job-s9999999", ids[0]}));
-  EXPECT_EQ(r.code, 4) << r.err;
+  EXPECT_EQ(r.code, 5) << r.err;
   const nlohmann::json printed = nlohmann::json::parse(r.out);
   EXPECT_EQ(printed["dry-run"], false);
   ASSERT_EQ(printed["items"].size(), 2u) << r.out;
@@ -121,7 +121,7 @@ TEST_F(ZelctlSteer, HoldThenReleaseAQueuedJobAndARunningOneIsNotHeld) {
   EXPECT_EQ(state_of(last), "held");
 
   const result running = run(as("alice", {"hold", first}));
-  EXPECT_EQ(running.code, 4) << running.err;
+  EXPECT_EQ(running.code, 5) << running.err;
   EXPECT_EQ(lines_of(running.out),
             strings{first + "  not allowed: job '" + first + "' is running"});
   EXPECT_EQ(state_of(first), "running");
@@ -183,7 +183,7 @@ TEST_F(ZelctlSteer, AWorkflowIsReprioritisedAndCancelledBesideAJob) {
       << snapshot["workflow-results"].dump();
 
   const result bob = run(as("bob", {"cancel", "--json", "wf-steer"}));
-  EXPECT_EQ(bob.code, 4) << bob.err;
+  EXPECT_EQ(bob.code, 5) << bob.err;
   EXPECT_EQ(nlohmann::json::parse(bob.out)["items"][0]["kind"], "workflow") << bob.out;
 }
 
@@ -248,7 +248,7 @@ TEST(ZelctlSteerHelp, EachCommandHasHelp) {
 
 TEST(ZelctlSteerSimulate, TheEmbeddedClusterAnswersPerId) {
   const result r = run({"--simulate", "--warm-up", "0", "cancel", "job-s0000001"});
-  EXPECT_EQ(r.code, 4) << r.err;
+  EXPECT_EQ(r.code, 5) << r.err;
   EXPECT_EQ(lines_of(r.out),
             strings{"job-s0000001  not found: job 'job-s0000001' is not in the cluster's live "
                     "state"});
