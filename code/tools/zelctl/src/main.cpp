@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -18,16 +19,17 @@ int main(int argc, char** argv) {
   global_options options;
   CLI::App app{
       "zelctl: the command line client of the cluster (status, login, state, watch, "
-      "history, mirror, serve, validate)"};
+      "history, mirror, serve, validate, cancel, hold, release, retry, priority)"};
   app.require_subcommand(1);
   // The global flags may also follow the subcommand: "zelctl mirror --simulate ...".
   app.fallthrough();
   add_global_options(app, options);
-  const std::vector<command> commands{
+  std::vector<command> commands{
       add_status_command(app, options),  add_login_command(app, options),
       add_state_command(app, options),   add_watch_command(app, options),
       add_history_command(app, options), add_mirror_command(app, options),
       add_serve_command(app, options),   add_validate_command(app, options)};
+  for (command& c : add_steer_commands(app, options)) commands.push_back(std::move(c));
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -12,13 +12,15 @@ namespace zelctl {
 
 // Exit codes: 0 success, 1 usage (bad flags or values), 2 the cluster could not be reached or
 // refused the login, 3 anything else that failed (a request without answer, a file), 4 a work
-// description with errors.
+// description with errors, 5 the master refused some item of a steering command (the others may
+// have been applied).
 enum exit_code : int {
   exit_ok = 0,
   exit_usage = 1,
   exit_connection = 2,
   exit_failure = 3,
   exit_invalid = 4,
+  exit_refused = 5,
 };
 
 // An error that ends the program: its message becomes the one line on stderr.
