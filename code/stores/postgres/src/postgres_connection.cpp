@@ -192,12 +192,13 @@ connection::connection(const std::string& conninfo) {
   if (server_.empty()) server_ = "(libpq defaults)";
   // A server that does not answer, or a link that dies without a word (a host gone, a firewall
   // dropping the session), must not hold a save or a load for the operating system's minutes.
-  for (const auto& [keyword, value] : default_settings) {
+  for (const auto& default_setting : default_settings) {
+    const char* keyword = default_setting.first;
     const bool set = std::any_of(settings_.begin(), settings_.end(),
                                  [&](const auto& setting) { return setting.first == keyword; });
     const bool from_environment =
         std::strcmp(keyword, "connect_timeout") == 0 && std::getenv("PGCONNECT_TIMEOUT");
-    if (!set && !from_environment) settings_.emplace_back(keyword, value);
+    if (!set && !from_environment) settings_.emplace_back(keyword, default_setting.second);
   }
   _connect();
 }

@@ -49,7 +49,7 @@ constexpr std::size_t copy_piece = 256 * 1024;
 
 }  // namespace
 
-struct postgres_state_db::impl final : store_detail::state_store {
+struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::state_store {
   explicit impl(const std::string& conninfo) : writer(conninfo), reader(conninfo) {
     postgres_detail::ensure_schema(writer, layout, std::size(layout));
   }

@@ -38,7 +38,7 @@ std::array<Kind, 8> per_kind(connection& db, std::index_sequence<Index...>) {
 
 }  // namespace
 
-struct sqlite_state_db::impl final : store_detail::state_store {
+struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::state_store {
   // The statements of one kind's table on the writing connection.
   struct kind_writes {
     kind_writes(connection& db, const char* table)

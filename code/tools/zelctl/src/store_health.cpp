@@ -68,7 +68,7 @@ std::optional<store_health::began> store_health::take_began() {
   return std::exchange(began_, std::nullopt);
 }
 
-std::optional<store_health::ended> store_health::take_ended() {
+std::optional<store_health::outage_end> store_health::take_ended() {
   std::lock_guard<std::mutex> hold(lock_);
   return std::exchange(ended_, std::nullopt);
 }

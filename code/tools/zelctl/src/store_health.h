@@ -22,7 +22,7 @@ class store_health {
     std::string error;
   };
   // An outage that ended: how long it lasted and what it cost.
-  struct ended {
+  struct outage_end {
     double seconds = 0;
     std::uint64_t saves_not_written = 0;    // failed, or skipped while one was still running
     std::uint64_t history_writes_held = 0;  // written once it was back
@@ -48,7 +48,7 @@ class store_health {
   // For the main thread: the outage that began, and the one that ended, since the last call
   // (both, when one came and went between two calls).
   std::optional<began> take_began();
-  std::optional<ended> take_ended();
+  std::optional<outage_end> take_ended();
   // The saves skipped while a save that then committed was still running.
   std::optional<std::uint64_t> take_skipped();
 
@@ -61,10 +61,10 @@ class store_health {
   bool failing_ = false;
   bool save_committed_ = false;  // since the last failure of the outage in progress
   clock::time_point since_{};
-  ended counts_;             // of the outage in progress
+  outage_end counts_;        // of the outage in progress
   std::uint64_t skips_ = 0;  // while the save in progress runs
   std::optional<began> began_;
-  std::optional<ended> ended_;
+  std::optional<outage_end> ended_;
   std::optional<std::uint64_t> skipped_;
 };
 
