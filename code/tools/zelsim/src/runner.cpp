@@ -124,34 +124,34 @@ properties runner::job_record(const job& j, const std::string& name) const {
   if (j.plain()) record.set_string_value("submission-id", j.submission);
   record.set_string_value("client-id", j.client_id);
   record.set_string_value("user", j.owner);
-  record.set_string_value("queue", j.spec.queue);
+  record.set_string_value("queue", j.params.queue);
   record.set_int_value("priority", j.priority);
   record.set_properties_value("progress", progress_of(0, 0));
   record.set_int_value("submit-time", seconds());
   record.set_int_value("start-time", 0);
   record.set_int_value("end-time", 0);
   record.set_int_value("exit-code", -1);
-  record.set_int_value("cores", j.spec.cores);
-  record.set_int_value("memory-mb", j.spec.memory_mb);
-  record.set_string_value("command", j.spec.command);
+  record.set_int_value("cores", j.params.cores);
+  record.set_int_value("memory-mb", j.params.memory_mb);
+  record.set_string_value("command", j.params.command);
   record.set_int_value("attempts", 0);
-  record.set_int_value("max-attempts", j.spec.max_attempts);
-  record.set_int_value("task-count", j.spec.tasks);
+  record.set_int_value("max-attempts", j.params.max_attempts);
+  record.set_int_value("task-count", j.params.tasks);
   zelbase::ptr_refcount<zelcore::property_list> tags(new zelcore::property_list());
-  for (const std::string& t : j.spec.tags) tags->push_back(zelcore::make_string(t));
+  for (const std::string& t : j.params.tags) tags->push_back(zelcore::make_string(t));
   record["tags"] = tags;
-  record.set_properties_value("env", j.spec.env);
+  record.set_properties_value("env", j.params.env);
   return record;
 }
 
 // Each task record of a plain job gets `update`.
 void runner::update_tasks(const job& j, const properties& update) {
-  for (std::int64_t t = 1; t <= j.spec.tasks; ++t) {
+  for (std::int64_t t = 1; t <= j.params.tasks; ++t) {
     master_.update_item(zelcapi::state_item_task, j.id + ".t" + std::to_string(t), update);
   }
 }
 
-std::string runner::submit(const std::vector<job_spec>& specs, const std::string& name,
+std::string runner::submit(const std::vector<job_params>& specs, const std::string& name,
                            const identity& who, std::vector<std::string>& ids) {
   if (specs.empty()) return "";
   char submission_id[32];
@@ -166,14 +166,14 @@ std::string runner::submit(const std::vector<job_spec>& specs, const std::string
   sub.set_int_value("job-count", static_cast<std::int64_t>(specs.size()));
   sub.set_int_value("submit-time", seconds());
   master_.set_item(zelcapi::state_item_submission, submission, sub);
-  for (const job_spec& spec : specs) {
+  for (const job_params& params : specs) {
     job j = new_job("job-s", who.user, who.client_id);
     j.submission = submission;
-    j.spec = spec;
-    j.priority = spec.priority;
-    const std::string name = spec.name.empty() ? j.id : spec.name;
+    j.params = params;
+    j.priority = params.priority;
+    const std::string name = params.name.empty() ? j.id : params.name;
     master_.set_item(zelcapi::state_item_job, j.id, job_record(j, name));
-    for (std::int64_t t = 1; t <= spec.tasks; ++t) {
+    for (std::int64_t t = 1; t <= params.tasks; ++t) {
       const std::string task_id = j.id + ".t" + std::to_string(t);
       master_.set_item(zelcapi::state_item_task, task_id,
                        queued_task_record(task_id, name + " part " + std::to_string(t), j.id,
@@ -205,30 +205,30 @@ void runner::dispatch() {
   std::int64_t most = pool_.most_free();
   for (auto it = queue_.begin(); it != queue_.end() && most > 0;) {
     job& j = jobs_.at(std::get<2>(*it));
-    if (j.spec.cores > most) {
+    if (j.params.cores > most) {
       ++it;
       continue;
     }
     it = queue_.erase(it);
-    start(j, *pool_.free_node(j.spec.cores));
+    start(j, *pool_.free_node(j.params.cores));
     most = pool_.most_free();
   }
 }
 
 void runner::start(job& j, std::size_t node) {
   const std::string& node_id = pool_.nodes()[node].id;
-  pool_.take(node, j.spec.cores);
+  pool_.take(node, j.params.cores);
   j.node = node;
   j.slot = node_id + "/" + j.id;
   j.state = job_state::running;
   ++j.attempts;
-  j.ends_at = now_ + static_cast<std::uint64_t>(j.spec.run_ms);
+  j.ends_at = now_ + static_cast<std::uint64_t>(j.params.run_ms);
   ends_.emplace(j.ends_at, j.id);
   properties slot;
   slot.set_string_value("id", j.slot);
   slot.set_string_value("node", node_id);
   slot.set_string_value("job-id", j.id);
-  slot.set_int_value("cores", j.spec.cores);
+  slot.set_int_value("cores", j.params.cores);
   slot.set_int_value("since", seconds());
   master_.set_item(zelcapi::state_item_slot, j.slot, slot);
   properties update;
@@ -252,7 +252,7 @@ void runner::start(job& j, std::size_t node) {
 }
 
 void runner::release_node(job& j) {
-  pool_.give(j.node, j.spec.cores);
+  pool_.give(j.node, j.params.cores);
   master_.remove_item(zelcapi::state_item_slot, j.slot);
   master_.erase_property_ref(zelcapi::state_item_job, j.id, "/slot-id");
   pool_.update_record(j.node);
@@ -260,8 +260,8 @@ void runner::release_node(job& j) {
 }
 
 void runner::end_attempt(job& j, bool ok) {
-  const std::int64_t exit_code = ok ? 0 : j.spec.exit_code;
-  if (j.plain() && !ok && j.attempts < j.spec.max_attempts) {
+  const std::int64_t exit_code = ok ? 0 : j.params.exit_code;
+  if (j.plain() && !ok && j.attempts < j.params.max_attempts) {
     // The next attempt waits in the queue like a new job.
     properties update;
     update.set_string_value("state", "queued");
@@ -325,7 +325,7 @@ void runner::retire(const std::string& id) {
   }
   const job& j = it->second;
   if (j.plain()) {
-    for (std::int64_t t = 1; t <= j.spec.tasks; ++t) {
+    for (std::int64_t t = 1; t <= j.params.tasks; ++t) {
       master_.historize_item(zelcapi::state_item_task, j.id + ".t" + std::to_string(t));
     }
   }

@@ -16,7 +16,7 @@
 #include <tuple>
 #include <vector>
 
-#include "job_spec.h"
+#include "job_params.h"
 #include "master_state.h"
 #include "node_pool.h"
 #include "zelsim/cluster.h"
@@ -68,7 +68,7 @@ class runner {
   // --- plain jobs ---
   // Enters a submission of the given jobs for `who` (no record when `jobs` is empty); returns
   // the submission id and fills the job ids in order. The jobs start as cores allow.
-  std::string submit(const std::vector<job_spec>& jobs, const std::string& name,
+  std::string submit(const std::vector<job_params>& jobs, const std::string& name,
                      const identity& who, std::vector<std::string>& ids);
   // One steering action on one job: "cancel", "hold", "release", "retry", or any other for
   // "priority" (to `priority`); applied unless `dry_run`.
@@ -99,7 +99,7 @@ class runner {
     std::string submission;  // plain jobs
     std::string workflow;    // task jobs: the workflow and the task
     std::string task;
-    job_spec spec;
+    job_params params;
     job_state state = job_state::queued;
     std::int64_t attempts = 0;
     // A task job is one attempt of its task: this one.
@@ -112,7 +112,7 @@ class runner {
     std::uint64_t retire_at = 0;
     bool plain() const { return workflow.empty(); }
     // Whether the attempt now running finishes (the description's first attempts fail).
-    bool succeeds() const { return (plain() ? attempts : task_attempt) > spec.fail_attempts; }
+    bool succeeds() const { return (plain() ? attempts : task_attempt) > params.fail_attempts; }
   };
   struct flow {
     std::string owner;

@@ -145,9 +145,9 @@ void runner::make_task_job(const std::string& workflow, flow& f, const std::stri
   j.task = task;
   // The parameters were checked when the workflow came; a workflow of the workload's templates
   // has none of the runner's, and runs with the defaults.
-  j.spec = read_task_parameters(info->get_parameters(), run_ms_);
-  if (j.spec.command.empty()) j.spec.command = info->get_kind();
-  j.spec.max_attempts = wi.get_task_max_attempts(task);
+  j.params = read_task_parameters(info->get_parameters(), run_ms_);
+  if (j.params.command.empty()) j.params.command = info->get_kind();
+  j.params.max_attempts = wi.get_task_max_attempts(task);
   j.task_attempt = wi.get_task_num_attempts(task) + 1;
   j.priority = saturating_sum(wi.get_priority(), wi.get_task_priority(task));
   manager.set_task_scheduling_state(workflow, task, zelcore::task::scheduling_queued);
@@ -189,7 +189,7 @@ void runner::pass_out_values(const job& j) {
   wi.get_task_info(j.task)->encode_task_info(task);
   properties routed;
   for (const auto& [name, declared] : task.get_properties_value("out-values")) {
-    zelcore::property_ptr value = j.spec.out_values.get_property(name);
+    zelcore::property_ptr value = j.params.out_values.get_property(name);
     if (!value) value = zelcore::make_string(j.task);
     zelbase::ptr_refcount<zelcore::property_list> destinations(new zelcore::property_list());
     for (const zelcore::property_ptr& d :

@@ -222,14 +222,14 @@ void write_requests::_own_meta(properties& tree, const std::string& key, const s
 void write_requests::_check_task(const std::string& id, const properties& task) const {
   const std::string what = "task '" + id + "': ";
   try {
-    const job_spec spec =
+    const job_params params =
         read_task_parameters(task.get_properties_value("parameters", properties()), run_ms_);
-    if (spec.cores > pool_.largest()) {
-      refuse("parameter 'cores' is " + std::to_string(spec.cores) +
+    if (params.cores > pool_.largest()) {
+      refuse("parameter 'cores' is " + std::to_string(params.cores) +
              ", more than the largest node has (" + std::to_string(pool_.largest()) + ")");
     }
     const properties& declared = task.get_properties_value("out-values", properties());
-    for (const auto& [name, value] : spec.out_values) {
+    for (const auto& [name, value] : params.out_values) {
       if (!declared.is_present(name)) {
         refuse("parameter 'out-values' names '" + name + "', which the task does not declare");
       }

@@ -95,7 +95,7 @@ void write_requests::_submit(const identity& who, const properties& request, boo
   if (jobs.empty()) refuse("\"jobs\" is empty");
   const std::string name = request.get_string_value("name", "");
   std::vector<properties> items;
-  std::vector<job_spec> valid;
+  std::vector<job_params> valid;
   for (const zelcore::property_ptr& job : jobs) {
     verdict v{outcome::done, "", ""};
     try {
@@ -103,12 +103,12 @@ void write_requests::_submit(const identity& who, const properties& request, boo
         refuse(std::string("a job is a properties, not a ") +
                zelcore::property_kind_c_str(job->kind()));
       }
-      job_spec spec = read_job(static_cast<const properties&>(*job), run_ms_);
-      if (spec.cores > pool_.largest()) {
-        refuse("'cores' is " + std::to_string(spec.cores) + ", more than the largest node has (" +
+      job_params params = read_job(static_cast<const properties&>(*job), run_ms_);
+      if (params.cores > pool_.largest()) {
+        refuse("'cores' is " + std::to_string(params.cores) + ", more than the largest node has (" +
                std::to_string(pool_.largest()) + ")");
       }
-      valid.push_back(std::move(spec));
+      valid.push_back(std::move(params));
     } catch (const zelbase::es::base& e) {
       v = verdict{outcome::invalid, e.message(), ""};
     }

@@ -115,18 +115,18 @@ std::vector<input_entry> read_inputs(const fields& f) {
   std::vector<input_entry> out;
   const properties* inputs = f.map("inputs");
   if (inputs == nullptr) return out;
-  for (const auto& [name, spec] : *inputs) {
-    if (!spec) continue;
+  for (const auto& [name, declared] : *inputs) {
+    if (!declared) continue;
     input_entry in{name, child_path(f.path_of("inputs"), name), "string", nullptr};
     if (!is_name(name)) {
       f.errors().add(in.path, description_issue::bad_name, name_rule("an in-value name", name));
     }
-    if (spec->kind() != property::kind_properties) {
+    if (declared->kind() != property::kind_properties) {
       f.errors().add(in.path, description_issue::wrong_kind,
-                     "expected a map (kind, default), got " + describe_value(*spec));
+                     "expected a map (kind, default), got " + describe_value(*declared));
       continue;
     }
-    const fields s(f.errors(), static_cast<const properties&>(*spec), in.path, "an in-value",
+    const fields s(f.errors(), static_cast<const properties&>(*declared), in.path, "an in-value",
                    input_keys);
     if (const std::string* kind = s.text("kind")) {
       if (std::find(in_value_kinds.begin(), in_value_kinds.end(), *kind) == in_value_kinds.end()) {

@@ -1,5 +1,5 @@
 // Reading job descriptions and task parameters, with a text naming the field for every refusal.
-#include "job_spec.h"
+#include "job_params.h"
 
 #include <functional>
 #include <limits>
@@ -20,7 +20,7 @@ constexpr std::int64_t min_i64 = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t day_ms = 86400000;
 
 [[noreturn]] void refuse(const std::string& prefix, const std::string& text) {
-  zelbase::es::arg::raise("code\\tools\\zelsim\\src\\job_spec", __LINE__, prefix + text);
+  zelbase::es::arg::raise("code\\tools\\zelsim\\src\\job_params", __LINE__, prefix + text);
 }
 
 // The fields of one tree, read by name and kind; `prefix` begins every refusal.
@@ -99,41 +99,41 @@ class field_reader {
 };
 
 // The fields that a job and a task's parameters share.
-void read_run(const field_reader& r, job_spec& spec, std::int64_t default_run_ms) {
-  spec.command = r.text("command", spec.command);
-  spec.cores = r.integer("cores", 1, 1, 1024);
-  spec.memory_mb = r.integer("memory-mb", 512, 0, std::int64_t{1} << 24);
-  spec.queue = r.text("queue", "default");
-  spec.tags = r.strings("tags");
-  spec.env = r.string_tree("env");
-  spec.run_ms = r.integer("run-ms", default_run_ms, 0, day_ms);
-  spec.fail_attempts = r.integer("fail-attempts", 0, 0, 1000000);
-  spec.exit_code = r.integer("exit-code", 1, 1, 255);
+void read_run(const field_reader& r, job_params& params, std::int64_t default_run_ms) {
+  params.command = r.text("command", params.command);
+  params.cores = r.integer("cores", 1, 1, 1024);
+  params.memory_mb = r.integer("memory-mb", 512, 0, std::int64_t{1} << 24);
+  params.queue = r.text("queue", "default");
+  params.tags = r.strings("tags");
+  params.env = r.string_tree("env");
+  params.run_ms = r.integer("run-ms", default_run_ms, 0, day_ms);
+  params.fail_attempts = r.integer("fail-attempts", 0, 0, 1000000);
+  params.exit_code = r.integer("exit-code", 1, 1, 255);
 }
 
 }  // namespace
 
-job_spec read_job(const properties& job, std::int64_t default_run_ms) {
+job_params read_job(const properties& job, std::int64_t default_run_ms) {
   const field_reader r(job, "");
   r.only({"name", "command", "cores", "memory-mb", "queue", "priority", "tags", "env",
           "max-attempts", "tasks", "run-ms", "fail-attempts", "exit-code"});
-  job_spec spec;
+  job_params params;
   if (!job.is_present("command")) refuse("", "'command' is missing");
-  read_run(r, spec, default_run_ms);
-  if (spec.command.empty()) refuse("", "'command' is empty");
-  spec.name = r.text("name", "");
-  spec.priority = r.integer("priority", 0, min_i64, max_i64);
-  spec.max_attempts = r.integer("max-attempts", 1, 1, 1000);
-  spec.tasks = r.integer("tasks", 1, 1, 1000);
-  return spec;
+  read_run(r, params, default_run_ms);
+  if (params.command.empty()) refuse("", "'command' is empty");
+  params.name = r.text("name", "");
+  params.priority = r.integer("priority", 0, min_i64, max_i64);
+  params.max_attempts = r.integer("max-attempts", 1, 1, 1000);
+  params.tasks = r.integer("tasks", 1, 1, 1000);
+  return params;
 }
 
-job_spec read_task_parameters(const properties& parameters, std::int64_t default_run_ms) {
+job_params read_task_parameters(const properties& parameters, std::int64_t default_run_ms) {
   const field_reader r(parameters, "parameter ");
-  job_spec spec;
-  read_run(r, spec, default_run_ms);
-  spec.out_values = r.tree("out-values");
-  return spec;
+  job_params params;
+  read_run(r, params, default_run_ms);
+  params.out_values = r.tree("out-values");
+  return params;
 }
 
 }  // namespace zelsim

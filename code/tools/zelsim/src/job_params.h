@@ -12,7 +12,7 @@
 
 namespace zelsim {
 
-struct job_spec {
+struct job_params {
   std::string name;
   std::string command;
   std::int64_t cores = 1;
@@ -34,12 +34,12 @@ struct job_spec {
 
 // A job of a submission. Raises zelbase::es::arg with a text naming the field for a missing
 // "command", an unknown key, a value of the wrong kind or out of its range.
-job_spec read_job(const zelcore::properties& job, std::int64_t default_run_ms);
+job_params read_job(const zelcore::properties& job, std::int64_t default_run_ms);
 
 // The runner's parameters of a workflow task ("command", "cores", "memory-mb", "queue", "tags",
 // "env", "run-ms", "fail-attempts", "exit-code", "out-values"); other parameters are the task's
 // own and are not looked at. Raises zelbase::es::arg like read_job, the text beginning
 // "parameter ".
-job_spec read_task_parameters(const zelcore::properties& parameters, std::int64_t default_run_ms);
+job_params read_task_parameters(const zelcore::properties& parameters, std::int64_t default_run_ms);
 
 }  // namespace zelsim
