@@ -416,14 +416,6 @@ properties take_values(error_list& errors, const std::vector<input_entry>& input
   return values;
 }
 
-properties make_destinations(const std::vector<std::string>& texts) {
-  properties out;
-  zelbase::ptr_refcount<property_list> list(new property_list());
-  for (const std::string& t : texts) list->push_back(zelcore::make_string(t));
-  out["destinations"] = list;
-  return out;
-}
-
 // The workflow's tasks with their edges: every out-value of a prerequisite p (its declared
 // outputs, else "done") feeds the in-node "p.<out-value>" of each task that comes after it.
 properties encode_tasks(const std::vector<task_entry>& tasks,
@@ -468,7 +460,9 @@ properties encode_tasks(const std::vector<task_entry>& tasks,
       for (const std::size_t d : dependants[i]) {
         destinations.push_back(tasks[d].name + ">" + t.name + "." + o);
       }
-      out_values.set_properties_value(o, make_destinations(destinations));
+      properties out_value;
+      out_value["destinations"] = zelcore::make_string_list(destinations);
+      out_values.set_properties_value(o, out_value);
     }
     if (!in_nodes.empty()) task.set_properties_value("in-nodes", in_nodes);
     if (!out_values.empty()) task.set_properties_value("out-values", out_values);
