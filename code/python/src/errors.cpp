@@ -131,22 +131,31 @@ void bind_errors(py::module_& m) {
       new_type(m, "NoSuchUser", login_error_type, "A login refused for an unknown user.");
   busy_error_type = new_type(m, "BusyError", error_type,
                              "A connection called from a thread while another thread uses it.");
-  not_found_type = new_type(m, "NotFound", refused_type, "An item naming work that is not there.");
-  not_allowed_type = new_type(m, "NotAllowed", refused_type,
-                              "An item that the work's state does not allow (ended, running).");
-  invalid_item_type =
-      new_type(m, "InvalidItem", refused_type, "An item that the master found wrong in itself.");
-  write_error_type = new_type(m, "WriteError", uspec_error_type,
-                              "A write request without an answer per item: reason (timed-out, "
-                              "link-lost, refused, bad-reply), request, key.");
-  wait_error_type = new_type(m, "WaitError", uspec_error_type,
-                             "A wait that ended without its condition: reason, last (the "
-                             "WorkRecord last seen).");
-  wait_timeout_type = new_type(m, "WaitTimeout", wait_error_type, "A wait whose time-out passed.");
-  work_removed_type = new_type(m, "WorkRemoved", wait_error_type,
-                               "A wait whose work left the live state before its condition held.");
-  link_lost_type =
-      new_type(m, "LinkLost", wait_error_type, "A wait whose state connection lost its link.");
+  // The write side's own exceptions, each after its base.
+  struct declared {
+    PyObject** type;
+    const char* name;
+    PyObject** base;
+    const char* doc;
+  };
+  const declared write_side[] = {
+      {&not_found_type, "NotFound", &refused_type, "An item naming work that is not there."},
+      {&not_allowed_type, "NotAllowed", &refused_type,
+       "An item that the work's state does not allow (ended, running)."},
+      {&invalid_item_type, "InvalidItem", &refused_type,
+       "An item that the master found wrong in itself."},
+      {&write_error_type, "WriteError", &uspec_error_type,
+       "A write request without an answer per item: reason (timed-out, link-lost, refused, "
+       "bad-reply), request, key."},
+      {&wait_error_type, "WaitError", &uspec_error_type,
+       "A wait that ended without its condition: reason, last (the WorkRecord last seen)."},
+      {&wait_timeout_type, "WaitTimeout", &wait_error_type, "A wait whose time-out passed."},
+      {&work_removed_type, "WorkRemoved", &wait_error_type,
+       "A wait whose work left the live state before its condition held."},
+      {&link_lost_type, "LinkLost", &wait_error_type,
+       "A wait whose state connection lost its link."},
+  };
+  for (const declared& d : write_side) *d.type = new_type(m, d.name, *d.base, d.doc);
   description_error_type =
       new_type(m, "DescriptionError", tuple_of(error_type, PyExc_ValueError),
                "A work description with errors, nothing sent: errors (path, message, issue).");
