@@ -330,3 +330,44 @@ def test_a_blocking_wait_sees_ctrl_c_and_refuses_a_second_thread(cluster):
     finally:
         c.disconnect()
         root.disconnect()
+
+
+def test_workflows_are_steered_each_change_reaching_the_replica(cluster):
+    port = cluster(*idle(LONG_MS)).ports[1]
+    c = blocking_connection(port)
+    try:
+        trial = c.submit(chain("trial"), dry_run=True)
+        assert trial.dry_run and trial.items[0].outcome == "done"
+        assert not [w for w in c.state.snapshot()["workflows"].values()
+                    if w["meta-data"].get("name") == "trial"]
+
+        first, second = c.submit_many([chain("first"), chain("second")]).ids
+        c.set_priority([first, second], 7)
+        assert c.wait_for(first, timeout=30, until=lambda r: r.record["priority"] == 7).live
+
+        assert c.add_dependant(first, second).items[0].outcome == "done"
+        c.wait_for(first, timeout=30, until=lambda r: second in r.record["dependants"])
+
+        # A task that failed for good, in a workflow that lives on while another task runs.
+        flaky = c.submit({"name": "flaky", "tasks": [
+            {"name": "a", "command": "x", "run-ms": 0, "fail-attempts": 1},
+            {"name": "b", "command": "y"}]}).ids[0]
+        c.wait_for(flaky, timeout=30,
+                   until=lambda r: r.record["tasks"]["a"]["num-attempts"] == 1)
+        assert c.retry_task(flaky, "a").items[0].outcome == "done"
+        # It runs again, and its second attempt finishes.
+        c.wait_for(flaky, timeout=30,
+                   until=lambda r: r.record["tasks"]["a"]["num-attempts"] == 2
+                   and r.record["tasks"]["a"]["max-attempts"] == 2)
+
+        # A template comes with the workflow its values spawn; values sent to it spawn more.
+        shot = {"name": "shot", "template": True, "inputs": {"frames": {"kind": "string"}},
+                "tasks": [{"name": "render", "command": "render", "run-ms": 0}]}
+        template_id, spawned = c.submit(shot, values={"frames": "1-10"}).ids
+        again = c.pass_values(template_id, {"render>frames": "11-20"}).ids[0]
+        assert len({template_id, spawned, again}) == 3
+        for workflow in (spawned, again):
+            assert c.wait_for(workflow, timeout=30).state == "finished"
+        assert c.state.snapshot()["workflows"][template_id]["type"] == 0
+    finally:
+        c.disconnect()

@@ -14,6 +14,7 @@
 #include "tree.h"
 #include "zelcapi/description.h"
 #include "zelcapi/work_client.h"
+#include "zelcore/identifiers.h"
 
 namespace zelpy {
 
@@ -123,7 +124,15 @@ write_request submit_request(work_client& w, py::object description, const std::
     }
     return r;
   }
-  r.items.push_back(w.actions().add_workflow(d.workflow, id));
+  if (!d.is_template) {
+    r.items.push_back(w.actions().add_workflow(d.workflow, id));
+    return r;
+  }
+  // A template and the workflow that its values spawn, in one request: the spawn names the
+  // template, so the template's id is made here when the caller gives none.
+  const std::string template_id = id.empty() ? "WOFL-" + zelcore::string_uuid(false) : id;
+  r.items.push_back(w.actions().add_workflow(d.workflow, template_id));
+  r.items.push_back(d.spawn_action(template_id, ""));
   return r;
 }
 
@@ -364,6 +373,7 @@ void bind_work(py::module_& m) {
   def_write(cls, "submit", &submit_request,
             "Checks a work description (a workflow or plain jobs, as a dict) and submits it under "
             "id (a workflow; empty: the master names it) with values for its in-values; a "
+            "template is added and a workflow spawned from it with the values (two items). A "
             "description with errors raises DescriptionError naming each, and nothing is sent.",
             py::arg("description"), py::arg("id") = "", py::arg("values") = py::none());
   def_write(cls, "submit_many", &submit_many_request,
