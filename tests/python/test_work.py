@@ -281,6 +281,23 @@ def test_a_retry_with_the_same_key_after_a_dropped_reply_makes_one_workflow(clus
         proxy.close()
 
 
+def test_two_submits_at_once_with_one_key_make_one_workflow(cluster):
+    port = cluster(*idle(LONG_MS)).ports[1]
+
+    async def run():
+        async with await async_connection(port) as c:
+            first, second = await asyncio.gather(c.submit(chain("twice"), key="twice-key"),
+                                                 c.submit(chain("twice"), key="twice-key"))
+            named = [w for w in c.state.snapshot()["workflows"].values()
+                     if w["meta-data"].get("name") == "twice"]
+            return first, second, named
+
+    first, second, named = asyncio.run(run())
+    assert first.ids == second.ids
+    assert sorted([first.repeated, second.repeated]) == [False, True]
+    assert len(named) == 1
+
+
 def test_jobs_are_submitted_and_steered_with_outcomes_per_item(cluster):
     port = cluster(*idle(LONG_MS)).ports[1]
     c = blocking_connection(port)
