@@ -56,7 +56,8 @@ if [ -z "$port" ]; then
   echo "check-readme-main-job: zelsim did not start" >&2
   exit 1
 fi
-awk '/^```python$/ {inside = 1; next} /^```$/ {inside = 0} inside' README.md |
+# The first Python block is the monitor (the second submits).
+awk '/^```python$/ {blocks++; inside = (blocks == 1); next} /^```$/ {inside = 0} inside' README.md |
   sed "s/7000/$port/" >"$work/monitor.py"
 # The monitor runs until stopped: four seconds of it.
 PYTHONPATH=build/tools/python timeout 4 python3 "$work/monitor.py" >"$work/monitor" 2>&1 || true

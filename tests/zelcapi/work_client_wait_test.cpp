@@ -1,5 +1,6 @@
 // Waiting on the replica: a time-out names the last state seen, a lost link ends the wait
-// differently, and a client without a replica cannot wait.
+// differently, a client without a replica cannot wait, and the steps of a wait serve a caller
+// that runs the I/O itself.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -67,6 +68,37 @@ TEST(WorkClientWait, ALostLinkEndsTheWaitAsSuch) {
   }
 }
 
+TEST(WorkClientWait, TheStepsOfAWaitLookAtTheReplicaWhenAsked) {
+  write_cluster sim;
+  work_session alice(sim, "alice", "secret");
+  const std::string id = alice.client.submit_workflow(long_workflow(), "WOFL-steps").items[0].id;
+  zelcapi::work_record r;
+  r.type = zelcapi::work_record::workflow;
+  r.id = id;
+  EXPECT_FALSE(alice.client.check_wait(r));
+  EXPECT_TRUE(r.seen && r.live);
+  EXPECT_EQ(r.state_name(), "running");
+  EXPECT_TRUE(alice.client.check_wait(r, [](const zelcapi::work_record& seen) {
+    return seen.live && seen.state_name() == "running";
+  }));
+  EXPECT_EQ(zelcapi::work_client::wait_timed_out(r, 300).message(),
+            "waited 300 ms: workflow 'WOFL-steps' is running");
+  EXPECT_EQ(zelcapi::work_client::wait_timed_out(r, 300).why(), zelcapi::wait_error::timed_out);
+  ASSERT_TRUE(alice.client.remove_workflows({id}).all_ok());
+  try {
+    // The caller's own loop: the I/O, then a look, until the look says how it ended.
+    for (int looks = 0; looks < 1000; ++looks) {
+      if (alice.client.check_wait(r)) break;
+      alice.link.wait(10);
+    }
+    ADD_FAILURE() << "the looks ended without an error";
+  } catch (const zelcapi::wait_error& e) {
+    EXPECT_EQ(e.why(), zelcapi::wait_error::removed);
+    EXPECT_FALSE(e.last().live);
+    EXPECT_FALSE(r.live);
+  }
+}
+
 TEST(WorkClientWait, AClientWithoutAReplicaCannotWait) {
   write_cluster sim;
   plain_work_session alice(sim, "alice", "secret");
@@ -76,6 +108,8 @@ TEST(WorkClientWait, AClientWithoutAReplicaCannotWait) {
   zelcore::plugin_db plugins;
   zelcapi::work_client client(without_replica, plugins);
   EXPECT_THROW(client.wait_for_job("job-s0000001", 10), zelbase::es::arg);
+  zelcapi::work_record r;
+  EXPECT_THROW(client.check_wait(r), zelbase::es::arg);
 }
 
 }  // namespace

@@ -33,6 +33,8 @@ using connection_holder = std::unique_ptr<Connection, connection_deleter>;
 
 void bind_connection(py::module_& m);
 void bind_state(py::module_& m);
+// After bind_connection: the write side's methods on Connection and its result classes.
+void bind_work(py::module_& m);
 
 // A handler method's answer: None counts as True.
 bool truth(const py::object& answer);

@@ -1,6 +1,8 @@
 // The thread that uses a connection and the objects it keeps for the library.
 #include "connection_side.h"
 
+#include "zelcapi/state_connection.h"
+
 namespace zelpy {
 
 python_side::~python_side() {
@@ -25,6 +27,20 @@ python_side::use::~use() {
 py::object python_side::keep_store(py::object store) {
   std::swap(store_, store);
   return store;
+}
+
+zelcapi::work_client& python_side::work(zelcapi::connection& c) {
+  if (!work_) {
+    auto* state_link = dynamic_cast<zelcapi::state_connection*>(&c);
+    work_ = state_link ? std::make_unique<zelcapi::work_client>(*state_link, no_plugins())
+                       : std::make_unique<zelcapi::work_client>(c, no_plugins());
+  }
+  return *work_;
+}
+
+const zelcore::plugin_db& no_plugins() {
+  static const zelcore::plugin_db plugins;
+  return plugins;
 }
 
 python_side& side_of(zelcapi::connection& c) { return dynamic_cast<python_side&>(c); }

@@ -4,12 +4,14 @@
 
 #include <pybind11/pybind11.h>
 
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
 #include "zelcapi/connection.h"
+#include "zelcapi/work_client.h"
 
 namespace zelpy {
 
@@ -49,7 +51,12 @@ class python_side {
   // it returns: the caller lets go of it once the replica no longer writes to it.
   py::object keep_store(py::object store);
 
+  // The work client over `c` (this side's connection), made at the first use: over the state
+  // connection and its replica when `c` is one.
+  zelcapi::work_client& work(zelcapi::connection& c);
+
  private:
+  std::unique_ptr<zelcapi::work_client> work_;
   std::mutex lock_;
   std::thread::id user_;
   unsigned depth_ = 0;
@@ -66,6 +73,9 @@ class python_connection final : public python_side, public Connection {
 
 // The Python side of a connection that Python made.
 python_side& side_of(zelcapi::connection& c);
+
+// The plugin database of every replica and work client made from Python: it holds no plugins.
+const zelcore::plugin_db& no_plugins();
 
 // `f` (a function of the object first, or a member function) as a method that runs with the
 // calling thread as the user of the object's connection.

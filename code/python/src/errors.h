@@ -1,13 +1,19 @@
 // The library's errors as Python exceptions carrying the system's texts: Error (es::base), and
 // its subclasses ArgError (es::arg), UnspecifiedError (es::uspec), ApiError (es::api_code, with
-// its code as `code`), LoginError (a refused login; AccessDenied and NoSuchUser by its code) and
-// BusyError (a connection used by two threads at once).
+// its code as `code`), LoginError (a refused login; AccessDenied and NoSuchUser by its code),
+// BusyError (a connection used by two threads at once); for the write side Refused (an item the
+// master refused: AccessDenied, which is a LoginError too, NotFound, NotAllowed, InvalidItem),
+// WriteError (zelcapi::write_error), WaitError (zelcapi::wait_error: WaitTimeout, WorkRemoved,
+// LinkLost) and DescriptionError (a ValueError; DescriptionTypeError also a TypeError).
 #pragma once
 
 #include <pybind11/pybind11.h>
 
 #include <exception>
+#include <vector>
 
+#include "zelcapi/description.h"
+#include "zelcapi/work_client.h"
 #include "zelcore/properties.h"
 
 namespace zelpy {
@@ -26,5 +32,17 @@ py::object exception_object(std::exception_ptr error);
 py::object login_refusal(const zelcore::properties& reply);
 // Raises the refusal of a reply that holds one.
 void raise_if_refused(const zelcore::properties& reply);
+
+// The exception of the first item of `result` that the master refused, with `result`, `item`,
+// `outcome`, `id` and `owner` ("" unless access was denied); None when every item is ok.
+py::object refusal_of(const zelcapi::write_result& result);
+// Raises the refusal of a result that holds one.
+void raise_if_refused(const zelcapi::write_result& result);
+
+// Raises DescriptionError for a description's errors (DescriptionTypeError when one of them is a
+// value of the wrong kind), naming every error's place; `settings` name the values' errors.
+[[noreturn]] void raise_description_errors(
+    const std::vector<zelcapi::description_error>& errors,
+    const std::vector<zelcapi::description_setting>& settings);
 
 }  // namespace zelpy

@@ -14,5 +14,6 @@ PYBIND11_MODULE(_zelcapi, m) {
   zelpy::bind_tree(m);
   zelpy::bind_connection(m);
   zelpy::bind_state(m);
+  zelpy::bind_work(m);
   zelpy::bind_reports(m);
 }

@@ -15,12 +15,6 @@ namespace {
 
 using zelnet::zelp::packet;
 
-// The plugin database of every replica made from Python: it holds no plugins.
-const zelcore::plugin_db& no_plugins() {
-  static const zelcore::plugin_db plugins;
-  return plugins;
-}
-
 // A Python subclass of StateHandler. A method that the subclass does not define costs no
 // conversion: the library's default runs.
 class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {

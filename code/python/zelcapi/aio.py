@@ -2,15 +2,18 @@
 
 LoopAttachment lets the loop watch a connection's files (add_reader, add_writer) and its
 deadline (call_at), and calls the connection's step when one is due: the library never blocks
-the loop. AsyncStateConnection builds on it: await connect, login, snapshot and requests, and
-``async for change in connection.changes()``.
+the loop. AsyncStateConnection builds on it: await connect, login, snapshot and requests,
+``async for change in connection.changes()``, await submit and the steering calls, await wait,
+and ``async for record in connection.follow(id)``.
 """
 
 from __future__ import annotations
 
 import asyncio
 import collections
-from typing import Any, Deque, Dict, NamedTuple, Optional, Union
+import copy
+from typing import (Any, AsyncIterator, Callable, Deque, Dict, Iterable, List, NamedTuple,
+                    Optional, Union)
 
 from . import _zelcapi
 
@@ -111,11 +114,26 @@ class _ChangeQueue(_zelcapi.StateHandler):
         self.wakeup: Optional[asyncio.Future] = None
         self.new_state_waiter: Optional[asyncio.Future] = None
         self.lost: Optional[str] = None
+        # Waits and follows by the id they look at: woken by that id's changes.
+        self.watchers: Dict[str, List[asyncio.Future]] = {}
+
+    def watch(self, id: str) -> asyncio.Future:
+        """A future that the next change of `id` (or the link's loss) completes."""
+        future = asyncio.get_running_loop().create_future()
+        self.watchers.setdefault(id, []).append(future)
+        return future
+
+    def _wake(self, futures: Optional[List[asyncio.Future]]) -> None:
+        for future in futures or ():
+            if not future.done():
+                future.set_result(None)
 
     def _put(self, change: Change) -> bool:
         self.changes.append(change)
         if self.wakeup is not None and not self.wakeup.done():
             self.wakeup.set_result(None)
+        if self.watchers:
+            self._wake(self.watchers.pop(change.id, None))
         return True
 
     def item_set(self, type: int, id: str, record: dict) -> bool:
@@ -157,6 +175,9 @@ class _ChangeQueue(_zelcapi.StateHandler):
         self.lost = reason
         if self.wakeup is not None and not self.wakeup.done():
             self.wakeup.set_result(None)
+        for futures in self.watchers.values():
+            self._wake(futures)
+        self.watchers.clear()
         # A snapshot awaited on this link will not come.
         if self.new_state_waiter is not None and not self.new_state_waiter.done():
             self.new_state_waiter.set_exception(
@@ -244,6 +265,117 @@ class AsyncStateConnection:
     def changes(self) -> "Changes":
         """The replica's changes as they are applied; ends when the link is lost."""
         return Changes(self)
+
+    # The write side: the library's work client over this connection. Each call returns the
+    # master's WriteResult; with check (the default) a refused item raises its Refused
+    # (AccessDenied naming the owner, NotFound, NotAllowed, InvalidItem). A request left
+    # unanswered raises WriteError; send it again with its key (WriteError.key) to make
+    # nothing twice.
+
+    async def _write(self, method: str, *args: Any, key: Optional[str], dry_run: bool,
+                     check: bool) -> _zelcapi.WriteResult:
+        future = asyncio.get_running_loop().create_future()
+        getattr(self.connection, method + "_async")(
+            *args, lambda result, error: _settle(future, result, error),
+            key=key, dry_run=dry_run, check=check)
+        return await future
+
+    async def submit(self, description: dict, id: str = "", values: Optional[dict] = None, *,
+                     key: Optional[str] = None, dry_run: bool = False,
+                     check: bool = True) -> _zelcapi.WriteResult:
+        """Checks a work description (a workflow or plain jobs) and submits it; a description
+        with errors raises DescriptionError (a ValueError; DescriptionTypeError, also a
+        TypeError, when a value has the wrong kind) naming each error's path, nothing sent."""
+        return await self._write("submit", description, id, values, key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def submit_many(self, descriptions: Iterable[dict], *, key: Optional[str] = None,
+                          dry_run: bool = False, check: bool = True) -> _zelcapi.WriteResult:
+        """Checks workflow descriptions and submits them in one request."""
+        return await self._write("submit_many", list(descriptions), key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def remove(self, ids: Union[str, Iterable[str]], *, key: Optional[str] = None,
+                     dry_run: bool = False, check: bool = True) -> _zelcapi.WriteResult:
+        """Removes workflows: their jobs end and no result is kept."""
+        return await self._write("remove", ids, key=key, dry_run=dry_run, check=check)
+
+    async def cancel(self, ids: Union[str, Iterable[str]], *, key: Optional[str] = None,
+                     dry_run: bool = False, check: bool = True) -> _zelcapi.WriteResult:
+        """Cancels workflows: their jobs end and they end killed, with a result."""
+        return await self._write("cancel", ids, key=key, dry_run=dry_run, check=check)
+
+    async def set_priority(self, ids: Union[str, Iterable[str]], priority: int, *,
+                           key: Optional[str] = None, dry_run: bool = False,
+                           check: bool = True) -> _zelcapi.WriteResult:
+        """Sets the priority of workflows."""
+        return await self._write("set_priority", ids, priority, key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def retry_task(self, id: str, task: str, *, key: Optional[str] = None,
+                         dry_run: bool = False, check: bool = True) -> _zelcapi.WriteResult:
+        """Lets a failed task run once more (the workflow must be in the replica)."""
+        return await self._write("retry_task", id, task, key=key, dry_run=dry_run, check=check)
+
+    async def pass_values(self, id: str, values: dict, spawn_id: str = "", *,
+                          key: Optional[str] = None, dry_run: bool = False,
+                          check: bool = True) -> _zelcapi.WriteResult:
+        """Sets in-values ('task>node' -> value); on a template it spawns a workflow."""
+        return await self._write("pass_values", id, values, spawn_id, key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def add_dependant(self, id: str, dependant: str, *, key: Optional[str] = None,
+                            dry_run: bool = False, check: bool = True) -> _zelcapi.WriteResult:
+        """Makes workflow `dependant` depend on workflow `id`."""
+        return await self._write("add_dependant", id, dependant, key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def steer_jobs(self, action: str, ids: Union[str, Iterable[str]], priority: int = 0, *,
+                         key: Optional[str] = None, dry_run: bool = False,
+                         check: bool = True) -> _zelcapi.WriteResult:
+        """cancel, hold, release, retry or priority (with `priority`) on plain jobs."""
+        return await self._write("steer_jobs", action, ids, priority, key=key, dry_run=dry_run,
+                                 check=check)
+
+    async def wait(self, id: str, timeout: Optional[float] = None, kind: Optional[str] = None,
+                   until: Optional[Callable[[_zelcapi.WorkRecord], bool]] = None
+                   ) -> _zelcapi.WorkRecord:
+        """Returns the WorkRecord of job or workflow `id` once until(record) holds (default: it
+        has ended). Raises WaitTimeout after `timeout` seconds, WorkRemoved when the work leaves
+        the live state first, LinkLost when the link goes; each holds the last record."""
+        loop = asyncio.get_running_loop()
+        deadline = None if timeout is None else loop.time() + timeout
+        record = _zelcapi.WorkRecord(id, kind)
+        while not self.connection.check_wait(record, until):
+            left = None if deadline is None else deadline - loop.time()
+            if left is not None and left <= 0:
+                raise _zelcapi.Connection.wait_timed_out(record, timeout)
+            try:
+                await asyncio.wait_for(self._queue.watch(id), left)
+            except asyncio.TimeoutError:
+                pass
+        return record
+
+    def follow(self, id: str, kind: Optional[str] = None) -> AsyncIterator[_zelcapi.WorkRecord]:
+        """The WorkRecord of job or workflow `id` each time it changes, the last one when it has
+        ended; raises WorkRemoved when it leaves the live state without ending and LinkLost when
+        the link goes."""
+        return self._follow(id, kind)
+
+    async def _follow(self, id: str, kind: Optional[str]) -> AsyncIterator[_zelcapi.WorkRecord]:
+        record = _zelcapi.WorkRecord(id, kind)
+        last = None
+        while True:
+            ended = self.connection.check_wait(record)
+            seen = (record.live, record.state, record.result, record.record)
+            if record.seen and seen != last:
+                last = seen
+                yield copy.copy(record)
+                if not ended:
+                    continue  # looks again: the consumer may have let changes in meanwhile
+            if ended:
+                return
+            await self._queue.watch(id)
 
 
 class Changes:

@@ -87,6 +87,14 @@ std::string work_record::describe() const {
   return live ? what + " is " + last : what + " has left the live state (last seen " + last + ")";
 }
 
+std::string work_record::state_name() const {
+  if (type == job) return job_state(*this);
+  if (has_result) {
+    return workflow_status_name(static_cast<zelworkflow::workflow_info::status>(result.status));
+  }
+  return workflow_status_name(status);
+}
+
 wait_error::wait_error(const char* file, unsigned line, reason why, work_record last,
                        std::string message)
     : uspec(file, line, std::move(message)), why_(why), last_(std::move(last)) {}
@@ -103,36 +111,41 @@ work_record work_client::wait_for_job(const std::string& id, unsigned timeout_ms
   return _wait(work_record::job, id, timeout_ms, until);
 }
 
-work_record work_client::_wait(work_record::kind type, const std::string& id, unsigned timeout_ms,
-                               const wait_predicate& until) {
+bool work_client::check_wait(work_record& r, const wait_predicate& until) const {
   if (!state_link_ || !state_link_->get_state()) {
     zelbase::es::arg::raise(source_file, __LINE__,
                             "waiting needs a work_client over a state connection with a replica");
   }
-  const state& replica = *state_link_->get_state();
+  look(*state_link_->get_state(), r);
+  if (until ? until(r) : r.ended()) return true;
+  if (r.seen && !r.live) {
+    wait_error e(source_file, __LINE__, wait_error::removed, r,
+                 r.describe() + " before the wait's condition held");
+    throw e;
+  }
+  if (!state_link_->is_connected()) {
+    wait_error e(source_file, __LINE__, wait_error::link_lost, r,
+                 "the state connection lost its link while waiting: " + r.describe());
+    throw e;
+  }
+  return false;
+}
+
+wait_error work_client::wait_timed_out(const work_record& r, unsigned timeout_ms) {
+  return wait_error(source_file, __LINE__, wait_error::timed_out, r,
+                    "waited " + std::to_string(timeout_ms) + " ms: " + r.describe());
+}
+
+work_record work_client::_wait(work_record::kind type, const std::string& id, unsigned timeout_ms,
+                               const wait_predicate& until) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   work_record r;
   r.type = type;
   r.id = id;
   for (;;) {
-    look(replica, r);
-    if (until ? until(r) : r.ended()) return r;
-    if (r.seen && !r.live) {
-      wait_error e(source_file, __LINE__, wait_error::removed, r,
-                   r.describe() + " before the wait's condition held");
-      throw e;
-    }
-    if (!state_link_->is_connected()) {
-      wait_error e(source_file, __LINE__, wait_error::link_lost, r,
-                   "the state connection lost its link while waiting: " + r.describe());
-      throw e;
-    }
+    if (check_wait(r, until)) return r;
     const auto now = std::chrono::steady_clock::now();
-    if (now >= deadline) {
-      wait_error e(source_file, __LINE__, wait_error::timed_out, r,
-                   "waited " + std::to_string(timeout_ms) + " ms: " + r.describe());
-      throw e;
-    }
+    if (now >= deadline) throw wait_timed_out(r, timeout_ms);
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count() + 1;
     state_link_->wait(

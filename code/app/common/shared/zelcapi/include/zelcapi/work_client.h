@@ -118,6 +118,9 @@ struct ZELCAPI_EXPORT work_record {
   bool ended() const;
   // One line for texts: "job 'J' is running", "workflow 'W' ended failed", ...
   std::string describe() const;
+  // A job's "state" ("" without one); a workflow's status ("created", "running", "finished",
+  // "failed" or "killed"), its result's once it has one.
+  std::string state_name() const;
 };
 
 // A wait that ended without its condition being met. The last record is kept.
@@ -300,6 +303,14 @@ class ZELCAPI_EXPORT work_client {
   // The same for job `id` (removed: the job went to history before the condition held).
   work_record wait_for_job(const std::string& id, unsigned timeout_ms,
                            const wait_predicate& until = {});
+
+  // The steps of those waits, for a caller that runs the I/O itself (an event loop). check_wait
+  // reads the present form of `r` (its type and id say which) from the replica and returns true
+  // when `until` holds (default: ended); it raises wait_error removed or link_lost as the waits
+  // do, and es::arg for a client without a replica. wait_timed_out is the wait_error of a wait of
+  // `timeout_ms` that ended without its condition, having last seen `r`.
+  bool check_wait(work_record& r, const wait_predicate& until = {}) const;
+  static wait_error wait_timed_out(const work_record& r, unsigned timeout_ms);
 
  private:
   // Sends the request with its key and returns the key.
