@@ -73,13 +73,13 @@ void runner::catch_up(std::uint64_t until) {
     settle();
   }
   now_ = std::max(now_, until);
+  // The workload's jobs end on their own time: their cores may let a queued job start.
+  if (!queue_.empty()) dispatch();
 }
 
 unsigned runner::drive() {
   if (manual_) return 100;
   catch_up(clock_now());
-  // The workload's jobs end on their own time: their cores may let a queued job start.
-  if (!queue_.empty()) dispatch();
   const std::uint64_t next = next_event();
   return next >= now_ + 100 ? 100 : static_cast<unsigned>(next > now_ ? next - now_ : 0);
 }
