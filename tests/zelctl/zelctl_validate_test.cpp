@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "description_file.h"
-#include "five_errors.h"
+#include "description_samples.h"
 #include "support/child_process.h"
 
 namespace {
@@ -84,15 +84,7 @@ tasks:
 
 TEST(ZelctlValidate, SettingsGiveATemplateItsInValues) {
   temp_dir dir;
-  const std::string render = R"(name: render
-template: true
-inputs:
-  frames: {kind: string}
-  quality: {kind: int, default: 2}
-tasks:
-  - name: render
-    command: render.sh
-)";
+  const std::string render = zeltest::render_template;
   const result without = validate(dir, "render.yaml", render);
   EXPECT_EQ(without.code, 4);
   EXPECT_EQ(without.out, dir.file("render.yaml") +
@@ -102,7 +94,7 @@ tasks:
   const result with = validate(dir, "render.yaml", render, {"--set", "frames=1-100"});
   EXPECT_EQ(with.code, 0) << with.out << with.err;
   EXPECT_EQ(with.out, dir.file("render.yaml") +
-                          ": template 'render': 1 task, in-values frames=\"1-100\" quality=2\n");
+                          ": template 'render': 2 tasks, in-values frames=\"1-100\" quality=2\n");
 
   const result bad = validate(dir, "render.yaml", render,
                               {"--set", "frames=1", "--set", "quality=high", "--set", "qualty=3"});

@@ -115,17 +115,6 @@ struct ending {
   exit_code code = exit_ok;
 };
 
-const char* workflow_status_name(std::uint32_t status) {
-  switch (status) {
-    case zelworkflow::workflow_info::status_created: return "created";
-    case zelworkflow::workflow_info::status_running: return "running";
-    case zelworkflow::workflow_info::status_finished: return "finished";
-    case zelworkflow::workflow_info::status_failed: return "failed";
-    case zelworkflow::workflow_info::status_killed: return "killed";
-  }
-  return "unknown";
-}
-
 exit_code code_of_status(const std::string& status) {
   if (status == "finished") return exit_ok;
   if (status == "failed") return exit_work_failed;
@@ -151,7 +140,7 @@ ending ended_as(const zelcapi::work_record& r) {
   if (r.type == zelcapi::work_record::job) {
     e.status = r.record.get_string_value("state", "");
   } else {
-    e.status = workflow_status_name(r.has_result ? r.result.status : r.status);
+    e.status = zelcapi::workflow_status_c_str(r.has_result ? r.result.status : r.status);
   }
   e.text = "ended " + e.status;
   if (r.has_result) e.text += " (" + plural(r.result.ht, "job", "jobs") + " run)";
@@ -266,13 +255,12 @@ std::vector<ending> wait_for(const zelcapi::work_description& d, zelcapi::work_c
                             .count();
       ms = static_cast<unsigned>(std::max<long long>(left, 0));
     }
-    zelcapi::work_client::wait_predicate until;
-    if (line) {
-      until = [&](const zelcapi::work_record& r) {
-        line->show(jobs ? jobs_line(replica, ids) : workflow_line(r));
-        return r.ended();
-      };
-    }
+    // A workflow's end is its result, which the master records just before it removes the
+    // workflow: its status alone may say finished while the result is still on its way.
+    const zelcapi::work_client::wait_predicate until = [&](const zelcapi::work_record& r) {
+      if (line) line->show(jobs ? jobs_line(replica, ids) : workflow_line(r));
+      return jobs ? r.ended() : r.has_result;
+    };
     try {
       const zelcapi::work_record r =
           jobs ? client.wait_for_job(id, ms, until) : client.wait_for_workflow(id, ms, until);

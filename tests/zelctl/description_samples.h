@@ -1,5 +1,6 @@
-// A work description with five errors, and the check that all five were printed at their places:
-// shared by the tests of zelctl validate and zelctl submit, which report them alike.
+// Work descriptions shared by the tests of zelctl validate and zelctl submit, which check and
+// report them alike: one with five errors (and the check that all five were printed at their
+// places), and a template.
 #pragma once
 
 #include <string>
@@ -22,6 +23,25 @@ tasks:
   - name: publish
     command: publish.sh
     after: [rendr]
+)";
+
+// A template whose first task takes the in-values ("frames" has no default) and produces an
+// out-value for the second.
+inline const char* const render_template = R"(name: render
+template: true
+inputs:
+  frames: {kind: string}
+  quality: {kind: int, default: 2}
+tasks:
+  - name: render
+    command: render --frames "$frames" --quality "$quality"
+    run-ms: 100
+    outputs: {images: /renders/sh010}
+  - name: encode
+    command: encode /renders/sh010
+    after: render
+    inputs: []
+    run-ms: 100
 )";
 
 // The five errors of `five_errors` (or the same description in JSON) at their places in `file`:
