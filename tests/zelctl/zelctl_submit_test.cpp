@@ -159,6 +159,29 @@ TEST_F(ZelctlSubmit, WatchPrintsTheStatusLineAtEachChange) {
   EXPECT_EQ(next + 1, expected.size()) << p.out();
 }
 
+TEST_F(ZelctlSubmit, OnATerminalTheWatchLineIsRewrittenInPlace) {
+  // script(1) gives zelctl a terminal as its stdout and copies what it writes there.
+  std::string command = "'" + std::string(ZELCTL_PROGRAM) + "'";
+  for (const std::string& a : as_alice({"submit", file("wf.yaml", two_tasks(100)), "--watch"})) {
+    command += " '" + a + "'";
+  }
+  zeltest::child_process p("/usr/bin/script", {"-qec", command, "/dev/null"});
+  ASSERT_TRUE(p.wait_for_output("tasks 1 running, 1 waiting")) << p.out();
+  sim_.advance_time(std::chrono::milliseconds(1000));
+  ASSERT_EQ(p.wait(), 0) << p.out();
+  const std::string out = p.out();
+  const std::string id = id_of(out, "add-workflow");
+  ASSERT_FALSE(id.empty()) << out;
+  // Each status goes over the one before it on the same line; only the last one ends the line.
+  const std::string first = "\r\033[Kworkflow '" + id + "' is running: tasks 1 running, 1 waiting";
+  const std::size_t at = out.find(first);
+  ASSERT_NE(at, std::string::npos) << out;
+  EXPECT_EQ(out.compare(at + first.size(), 4, "\r\033[K"), 0) << out;
+  EXPECT_NE(out.find("\r\033[Kworkflow '" + id + "' ended finished\r\n"), std::string::npos) << out;
+  EXPECT_EQ(out.substr(out.size() - std::string("  ended finished (2 jobs run)\r\n").size()),
+            "  ended finished (2 jobs run)\r\n");
+}
+
 TEST_F(ZelctlSubmit, ATemplatesSetValuesReachItsTasksAndItsOutValuesTheDependants) {
   zeltest::work_session watcher(sim_, "alice", "secret", 600);
   process p(as_alice({"submit", file("shot.yaml", zeltest::render_template), "--set", "frames=1-5",
