@@ -129,6 +129,26 @@ TEST_F(ZelctlSubmit, WaitExitsEightWhenItsTimeOutPassesWithTheLastStateSaid) {
   EXPECT_EQ(sim_.submitted_work().running, 1u);
 }
 
+TEST_F(ZelctlSubmit, WaitExitsNineWhenTheWorkflowIsRemovedAndTwoWhenTheLinkIsLost) {
+  const std::string path = file("wf.yaml", two_tasks(1000000));
+  process removed(as_alice({"submit", path, "--wait"}));
+  ASSERT_TRUE(removed.wait_for_output("done\n")) << removed.err();
+  const std::string id = id_of(removed.out(), "add-workflow");
+  zeltest::plain_work_session alice(sim_, "alice", "secret");
+  ASSERT_TRUE(alice.client.remove_workflows({id}).all_ok());
+  EXPECT_EQ(removed.wait(), 9) << removed.err();
+  expect_one_line(removed.err());
+  EXPECT_NE(removed.err().find("workflow '" + id + "' has left the live state"), std::string::npos)
+      << removed.err();
+
+  process lost(as_alice({"submit", path, "--wait"}));
+  ASSERT_TRUE(lost.wait_for_output("done\n")) << lost.err();
+  sim_.stop();
+  EXPECT_EQ(lost.wait(), 2) << lost.err();
+  expect_one_line(lost.err());
+  EXPECT_NE(lost.err().find("lost its link"), std::string::npos) << lost.err();
+}
+
 TEST_F(ZelctlSubmit, WatchPrintsTheStatusLineAtEachChange) {
   process p(as_alice({"submit", file("wf.yaml", two_tasks(100)), "--watch"}));
   ASSERT_TRUE(p.wait_for_output("tasks 1 running, 1 waiting\n")) << p.out();

@@ -58,8 +58,8 @@ struct answered_item {
   zelcapi::item_result result;
 };
 
-// Sends the description and returns the master's answer; `work` gets the ids of what runs (the
-// workflow, or every job) and whether they are jobs.
+// Sends the description and returns the master's answer; `items` gets each of its items with
+// where it came from.
 zelcapi::write_result send(const zelcapi::work_description& d, zelcapi::work_client& client,
                            const zelcapi::write_options& options,
                            std::vector<answered_item>& items) {
