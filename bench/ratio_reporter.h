@@ -64,6 +64,14 @@ class ratio_reporter : public benchmark::ConsoleReporter {
                 fraction * 100, ratio >= fraction ? "met" : "NOT MET",
                 median_.at(peer) / median_.at(ours) * 100);
   }
+  // "ours runs at N times peer's rate" as a plain ratio (target: at least `fraction`).
+  void print_share_of_rate(const char* what, const std::string& ours, const std::string& peer,
+                           double fraction) const {
+    if (!has(ours) || !has(peer)) return;
+    const double ratio = min_.at(peer) / min_.at(ours);
+    std::printf("%-52s %5.2f  (target >= %.2f)  %-7s  median %.2f\n", what, ratio, fraction,
+                ratio >= fraction ? "met" : "NOT MET", median_.at(peer) / median_.at(ours));
+  }
   // "ours takes N% of peer's time" (target: at most `fraction`; none when it is 0).
   void print_share(const char* what, const std::string& ours, const std::string& peer,
                    double fraction = 0) const {

@@ -113,6 +113,32 @@ TEST(WorkDescription, ACycleIsReportedOnceWithItsWay) {
   EXPECT_EQ(d.errors[1].issue, description_issue::cycle);
 }
 
+// Many tasks: a chain of 3,000 converts (the search for cycles walks without recursion and
+// looks only inside groups of tasks that depend on each other), and one cycle through 2,000 tasks
+// is reported once, named from its first task in the file.
+TEST(WorkDescription, ALongChainConvertsAndALongCycleIsReportedOnce) {
+  const auto chain = [](std::size_t n, bool closed) {
+    nlohmann::json tasks = nlohmann::json::array();
+    for (std::size_t i = 0; i < n; ++i) {
+      nlohmann::json t{{"name", "t" + std::to_string(i)}, {"command", "run"}};
+      if (i > 0 || closed) t["after"] = "t" + std::to_string((i + n - 1) % n);
+      tasks.push_back(t);
+    }
+    return nlohmann::json{{"name", "chain"}, {"tasks", tasks}}.dump();
+  };
+  const work_description open = convert_description(tree(chain(3000, false)));
+  EXPECT_TRUE(open.valid());
+  EXPECT_EQ(open.workflow.get_properties_value("tasks").size(), 3000u);
+
+  const work_description cycle = convert_description(tree(chain(2000, true)));
+  ASSERT_EQ(cycle.errors.size(), 1u);
+  EXPECT_EQ(cycle.errors[0].issue, description_issue::cycle);
+  EXPECT_EQ(cycle.errors[0].path, "/tasks/0/after");
+  const std::string& text = cycle.errors[0].message;
+  EXPECT_EQ(text.rfind("dependency cycle: t0 -> t1999 -> t1998 -> ", 0), 0u) << text;
+  EXPECT_NE(text.find("t1 -> t0 (each comes after the next)"), std::string::npos) << text;
+}
+
 TEST(WorkDescription, NamesTasksAndInValuesAreChecked) {
   const work_description d = convert_description(tree(R"({
     "name": "w",

@@ -93,6 +93,17 @@ TEST(Properties, MapConstructorMakesOneStringPerPair) {
   EXPECT_EQ(p.get_string_value("b"), "2");
 }
 
+TEST(Properties, AStringListKeepsItsOrder) {
+  const zelcore::property_ptr list = zelcore::make_string_list({"b", "", "a long string"});
+  ASSERT_EQ(list->kind(), zelcore::property::kind_list);
+  std::vector<std::string> texts;
+  for (const zelcore::property_ptr& e : static_cast<const zelcore::property_list&>(*list).value())
+    texts.push_back(static_cast<const zelcore::property_string&>(*e).value());
+  EXPECT_EQ(texts, (std::vector<std::string>{"b", "", "a long string"}));
+  EXPECT_TRUE(
+      static_cast<const zelcore::property_list&>(*zelcore::make_string_list({})).value().empty());
+}
+
 TEST(Properties, CopySharesChildrenAndDetachesOnChange) {
   properties a = sample();
   properties b = a;

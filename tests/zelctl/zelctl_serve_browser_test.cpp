@@ -1,8 +1,9 @@
 // zelctl serve's pages in a real headless Chromium: the overview shows the nodes and counts
 // that the API returns, the jobs table filters and sorts as the API does, a change of the
 // cluster reaches the page, a job whose name is markup is shown as text and runs nothing, every
-// state has one colour on every page, a lost cluster shows a banner until it is back, and each
-// page leaves a screenshot under the build tree (screenshots/).
+// state has one colour on every page, the jobs and workflows tables name each one's owner, a lost
+// cluster shows a banner until it is back, and each page leaves a screenshot under the build tree
+// (screenshots/).
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include "serve_test_support.h"
 #include "support/devtools_client.h"
 #include "zelcapi/state.h"
+#include "zelcapi/work_client_test_support.h"
 
 using namespace zelctl_test;
 using namespace std::chrono_literals;
@@ -289,6 +291,66 @@ TEST_F(ZelctlServeBrowser, EachStateHasOneColourOnEveryPage) {
       browser_->eval("document.querySelector('#graph-legend svg[data-state=\"running\"] rect')"
                      ".getAttribute('fill')"),
       running);
+}
+
+// The text of the owner column of the row of `table` whose data-id is `id`.
+std::string owner_cell(const std::string& table, const std::string& id) {
+  return "(() => { const t = document.getElementById(" + js(table) +
+         "); const i = [...t.querySelectorAll('thead th')].findIndex(h => h.textContent == "
+         "'owner'); const r = t.querySelector('tbody tr[data-id=' + JSON.stringify(" +
+         js(id) + ") + ']'); return r && i >= 0 ? r.cells[i].textContent : null; })()";
+}
+
+TEST_F(ZelctlServeBrowser, TheTablesNameTheOwnerOfWorkflowsAndJobs) {
+  // Work of user demo, which the workload's own users never are: a workflow whose first task
+  // runs for an hour, and two plain jobs that do too.
+  zeltest::plain_work_session demo(*sim_, "demo", "demo");
+  const zelcore::properties workflow = zeltest::workflow_of(
+      {{"first", zeltest::task_of(zeltest::run_params(3600000), {}, {{"out", {"second>in"}}})},
+       {"second", zeltest::task_of(zeltest::run_params(3600000), {"in"})}});
+  const zelcapi::write_result flow = demo.client.submit_workflow(workflow, "owned-by-demo");
+  ASSERT_TRUE(flow.all_ok()) << zeltest::outcomes(flow).front();
+  const zelcore::properties job{{"command", zeltest::text("render")},
+                                {"run-ms", zeltest::number(3600000)}};
+  const zelcapi::write_result jobs = demo.client.submit_jobs({job, job}, "owned");
+  ASSERT_TRUE(jobs.all_ok()) << zeltest::outcomes(jobs).front();
+  ASSERT_EQ(jobs.items.size(), 2u);
+
+  browser_->navigate(url("/workflows"));
+  ASSERT_TRUE(browser_->wait_for(owner_cell("workflows", "owned-by-demo") + " == 'demo'", 20s))
+      << browser_->eval(owner_cell("workflows", "owned-by-demo"));
+  // Every other workflow shows the owner its record names: none for the workload's.
+  const nlohmann::json workflows = api("/api/state/workflows");
+  ASSERT_GT(workflows.size(), 1u);
+  ASSERT_TRUE(browser_->wait_for("document.querySelectorAll('#workflows tbody tr').length == " +
+                                 std::to_string(workflows.size())));
+  for (const auto& [id, record] : workflows.items()) {
+    const std::string user = record["meta-data"].value("user", "");
+    EXPECT_EQ(browser_->eval(owner_cell("workflows", id)), user.empty() ? "\u2014" : user) << id;
+  }
+  browser_->eval("document.querySelector('#workflows tr[data-id=\"owned-by-demo\"]').click()");
+  ASSERT_TRUE(browser_->wait_for(
+      "document.querySelector('#workflow-detail p').textContent.includes('owner: demo')"));
+  EXPECT_TRUE(browser_->screenshot(screenshot_path("workflows-owner")));
+
+  // The plain jobs, and the job that runs the workflow's first task.
+  browser_->navigate(url("/jobs"));
+  ASSERT_TRUE(browser_->wait_for("document.querySelectorAll('#jobs tbody tr').length > 0"));
+  // The master made the task's job while it handled the submission.
+  const nlohmann::json master_jobs = zelctl::to_json(sim_->master_snapshot())["jobs"];
+  std::vector<std::string> ids{jobs.items[0].id, jobs.items[1].id};
+  for (const auto& [id, record] : master_jobs.items()) {
+    if (id.rfind("job-w", 0) == 0) ids.push_back(id);
+  }
+  ASSERT_EQ(ids.size(), 3u);
+  for (const std::string& id : ids) {
+    browser_->eval("{const t = document.getElementById('filter-text'); t.value = " + js(id) +
+                   "; t.dispatchEvent(new Event('input'));}");
+    ASSERT_TRUE(browser_->wait_for(owner_cell("jobs", id) + " == 'demo'"))
+        << id << ": " << browser_->eval(owner_cell("jobs", id));
+  }
+  EXPECT_EQ(status(), "live");
+  EXPECT_TRUE(browser_->screenshot(screenshot_path("jobs-owner")));
 }
 
 TEST_F(ZelctlServeBrowser, TheIconLoadsWithoutAnError) {

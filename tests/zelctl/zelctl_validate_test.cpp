@@ -291,3 +291,37 @@ TEST(ZelctlValidateReader, BytesOfAnyKindGiveErrorsNotCrashes) {
 }
 
 }  // namespace
+
+TEST(ZelctlValidateReader, PrintableTextEscapesControlsAndWhatIsNotUtf8) {
+  using zelctl::printable_text;
+  EXPECT_EQ(printable_text("plain 'text' \\ ok"), "plain 'text' \\ ok");
+  EXPECT_EQ(printable_text("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82"),
+            "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82");
+  EXPECT_EQ(printable_text("a\x1b[31mred\x07\x7f"), "a\\x1b[31mred\\x07\\x7f");
+  EXPECT_EQ(printable_text(std::string("nul\0end", 7)), "nul\\x00end");
+  // C1 controls, a lone continuation byte, overlong forms, a surrogate, past U+10FFFF, cut short.
+  EXPECT_EQ(printable_text("\xc2\x9b"
+                           "2J"),
+            "\\xc2\\x9b2J");
+  EXPECT_EQ(printable_text("\x80"), "\\x80");
+  EXPECT_EQ(printable_text("\xc0\xaf\xe0\x80\xaf"), "\\xc0\\xaf\\xe0\\x80\\xaf");
+  EXPECT_EQ(printable_text("\xed\xa0\x80"), "\\xed\\xa0\\x80");
+  EXPECT_EQ(printable_text("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
+  EXPECT_EQ(printable_text("ok\xe2\x82"), "ok\\xe2\\x82");
+}
+
+TEST(ZelctlValidate, BytesOfTheFileQuotedInErrorsArePrintedEscaped) {
+  temp_dir dir;
+  const result r =
+      validate(dir, "file.yaml", "na\x01\xffme: x\ntasks: [{name: \"x\\e[31my\", command: c}]\n");
+  EXPECT_EQ(r.code, 4);
+  const std::string& out = r.out;
+  EXPECT_NE(out.find(":1:1: /na\\x01\\xffme: unknown key 'na\\x01\\xffme'"), std::string::npos)
+      << out;
+  EXPECT_NE(out.find(": /tasks/0/name: 'x\\x1b[31my' is not a task name"), std::string::npos)
+      << out;
+  for (const char c : out) {
+    const auto byte = static_cast<unsigned char>(c);
+    EXPECT_TRUE(c == '\n' || (byte >= 0x20 && byte < 0x7f)) << int{byte};
+  }
+}

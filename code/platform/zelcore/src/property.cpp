@@ -245,6 +245,12 @@ property_ptr make_string(std::string value) {
   return zelbase::make_refcount<property_string>(std::move(value));
 }
 
+property_ptr make_string_list(const std::vector<std::string>& values) {
+  zelbase::ptr_refcount<property_list> list(new property_list());
+  for (const std::string& v : values) list->push_back(make_string(v));
+  return list;
+}
+
 std::string encode_property(const property& value) {
   zelbase::encoder_network encoder;
   value.encode(encoder);

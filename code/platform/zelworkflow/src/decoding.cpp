@@ -1,6 +1,7 @@
 // Strict reading of the workflow and task encodings.
 #include "decoding.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "zelbase/exceptions.h"
@@ -27,9 +28,13 @@ void reader::fail(const std::string& reason) const {
   zelbase::es::arg::raise(__FILE__, __LINE__, "cannot decode " + what_ + ": " + reason);
 }
 
+void reader::found(const std::string& key, const property* member) {
+  if (member && std::find(read_.begin(), read_.end(), key) == read_.end()) read_.push_back(key);
+}
+
 const property* reader::find(const std::string& key, property::property_kind kind) {
-  read_.insert(key);
   const property* p = props_.get_property(key).get();
+  found(key, p);
   if (p && p->kind() != kind) {
     fail("'" + key + "' holds " + with_article(p->kind()) + ", not " + with_article(kind));
   }
@@ -78,8 +83,9 @@ const zelcore::properties& reader::as_properties(const std::string& what,
 }
 
 zelcore::property_ptr reader::get_property(const std::string& key) {
-  read_.insert(key);
-  return props_.get_property(key);
+  zelcore::property_ptr p = props_.get_property(key);
+  found(key, p.get());
+  return p;
 }
 
 std::vector<std::string> reader::get_strings(const std::string& key) {
@@ -97,7 +103,8 @@ std::vector<std::string> reader::get_strings(const std::string& key) {
 
 void reader::finish() const {
   for (const auto& [key, value] : props_) {
-    if (value && read_.count(key) == 0) fail("unknown key '" + key + "'");
+    if (value && std::find(read_.begin(), read_.end(), key) == read_.end())
+      fail("unknown key '" + key + "'");
   }
 }
 

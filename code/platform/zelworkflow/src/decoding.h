@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -38,10 +37,15 @@ class reader {
 
  private:
   const zelcore::property* find(const std::string& key, zelcore::property::property_kind kind);
+  // Remembers the key of a member that a getter found (null: the key is absent and no member
+  // can be refused for it).
+  void found(const std::string& key, const zelcore::property* member);
 
   const zelcore::properties& props_;
   std::string what_;
-  std::set<std::string> read_;
+  // The keys of the members read: a handful per object, short enough to sit in the strings
+  // themselves, so a vector searched in order costs less than a set of every key asked for.
+  std::vector<std::string> read_;
 };
 
 // The value kinds that an in-node may accept: "any" or a property kind name.

@@ -282,6 +282,61 @@ description_text read_description_file(const std::string& path) {
   return read_description_text(text);
 }
 
+std::string printable_text(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  const auto escape = [&out](unsigned char byte) {
+    static const char digits[] = "0123456789abcdef";
+    out += "\\x";
+    out += digits[byte >> 4];
+    out += digits[byte & 0xf];
+  };
+  const auto byte_at = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  for (std::size_t i = 0; i < text.size();) {
+    const unsigned char lead = byte_at(i);
+    if (lead < 0x20 || lead == 0x7f) {
+      escape(lead);
+      ++i;
+      continue;
+    }
+    if (lead < 0x80) {
+      out += static_cast<char>(lead);
+      ++i;
+      continue;
+    }
+    // The length of a well-formed sequence, and the range of its second byte (which excludes
+    // overlong forms, surrogates and code points past U+10FFFF).
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xbf;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+      length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+      length = 3;
+      if (lead == 0xe0) low = 0xa0;
+      if (lead == 0xed) high = 0x9f;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+      length = 4;
+      if (lead == 0xf0) low = 0x90;
+      if (lead == 0xf4) high = 0x8f;
+    }
+    bool valid =
+        length != 0 && i + length <= text.size() && byte_at(i + 1) >= low && byte_at(i + 1) <= high;
+    for (std::size_t k = 2; valid && k < length; ++k) {
+      valid = byte_at(i + k) >= 0x80 && byte_at(i + k) <= 0xbf;
+    }
+    // The C1 control characters (U+0080 to U+009F) steer terminals as the C0 ones do.
+    const bool control = valid && lead == 0xc2 && byte_at(i + 1) <= 0x9f;
+    if (!valid || control) {
+      for (std::size_t k = 0; k < (control ? 2 : 1); ++k) escape(byte_at(i + k));
+      i += control ? 2 : 1;
+      continue;
+    }
+    out.append(text, i, length);
+    i += length;
+  }
+  return out;
+}
+
 std::vector<placed_error> place_errors(const description_text& text,
                                        const zelcapi::work_description& converted) {
   std::vector<placed_error> out = text.errors;
@@ -297,6 +352,10 @@ std::vector<placed_error> place_errors(const description_text& text,
   for (const zelcapi::description_error& e : converted.errors) {
     if (e.setting >= 0 || covered(e.path)) continue;
     out.push_back({text.place_of(e.path), e.path, e.message});
+  }
+  for (placed_error& e : out) {
+    e.path = printable_text(e.path);
+    e.message = printable_text(e.message);
   }
   std::stable_sort(out.begin(), out.end(), [](const placed_error& a, const placed_error& b) {
     return a.place.line != b.place.line ? a.place.line < b.place.line

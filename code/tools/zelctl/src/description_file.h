@@ -25,8 +25,8 @@ struct text_place {
   int column = 1;
 };
 
-// One error with its place: `path` is the JSON Pointer inside the description ("" for the file
-// as a whole, such as a syntax error).
+// One error with its place, to be shown: `path` is the JSON Pointer inside the description (""
+// for the file as a whole, such as a syntax error); path and message are printable_text.
 struct placed_error {
   text_place place;
   std::string path;
@@ -68,6 +68,10 @@ description_text read_description_file(const std::string& path);
 // converter's (each placed by its path), except a converter error at or inside a value that the
 // reader refused (a value left out of the tree is then also "missing") and the errors of
 // settings (they have no place in the text). Sorted by place, stable.
+// `text` safe to print on a terminal: control characters and bytes that are not UTF-8 become
+// \xNN, so that a file's bytes quoted in a message can neither garble nor steer the terminal.
+std::string printable_text(const std::string& text);
+
 std::vector<placed_error> place_errors(const description_text& text,
                                        const zelcapi::work_description& converted);
 

@@ -140,9 +140,7 @@ properties runner::job_record(const job& j, const std::string& name) const {
   record.set_int_value("attempts", 0);
   record.set_int_value("max-attempts", j.params.max_attempts);
   record.set_int_value("task-count", j.params.tasks);
-  zelbase::ptr_refcount<zelcore::property_list> tags(new zelcore::property_list());
-  for (const std::string& t : j.params.tags) tags->push_back(zelcore::make_string(t));
-  record["tags"] = tags;
+  record["tags"] = zelcore::make_string_list(j.params.tags);
   record.set_properties_value("env", j.params.env);
   return record;
 }

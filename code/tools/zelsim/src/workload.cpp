@@ -236,9 +236,6 @@ bool workload::submit() {
     properties env;
     env.set_string_value("USER", user);
     env.set_string_value("SCRATCH", "/scratch/" + run.id);
-    zelbase::ptr_refcount<zelcore::property_list> tags(new zelcore::property_list());
-    tags->push_back(zelcore::make_string(queue));
-    tags->push_back(zelcore::make_string(name));
     properties job;
     job.set_string_value("id", run.id);
     job.set_string_value("name", name + "-" + std::to_string(j + 1));
@@ -260,7 +257,7 @@ bool workload::submit() {
     job.set_int_value("attempts", 0);
     job.set_int_value("max-attempts", 3);
     job.set_int_value("task-count", run.tasks);
-    job["tags"] = tags;
+    job["tags"] = zelcore::make_string_list({queue, name});
     job.set_properties_value("env", env);
     master_.set_item(zelcapi::state_item_job, run.id, job);
     for (std::int64_t t = 1; t <= run.tasks; ++t) {

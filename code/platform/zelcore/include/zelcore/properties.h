@@ -451,6 +451,8 @@ class ZELCORE_EXPORT properties final : public property {
 ZELCORE_EXPORT property_ptr make_int(std::int64_t value);
 ZELCORE_EXPORT property_ptr make_bool(bool value);
 ZELCORE_EXPORT property_ptr make_string(std::string value);
+// A list of strings, in the order given.
+ZELCORE_EXPORT property_ptr make_string_list(const std::vector<std::string>& values);
 
 // Escapes a key for use in a property reference ("~" -> "~0", "/" -> "~1").
 ZELCORE_EXPORT std::string property_reference_escape(const std::string& key);

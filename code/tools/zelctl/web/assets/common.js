@@ -42,6 +42,12 @@ export function cell(value) {
   return String(value);
 }
 
+// Who owns a job or workflow, for a table cell: the login the master recorded, or a dash for
+// work that has none (the simulated workload's workflows).
+export function owner(value) {
+  return typeof value === "string" && value !== "" ? value : "\u2014";
+}
+
 // Seconds since 1970 as local time; 0 means never.
 export function time(seconds) {
   if (!seconds) return "";

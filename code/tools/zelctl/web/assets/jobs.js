@@ -2,11 +2,13 @@
 // (/api/table/jobs), so that 100,000 jobs cost the browser a hundred rows; a click shows the
 // whole record. The page is fetched again after each batch that changes jobs.
 "use strict";
-import { api, el, fill, cell, time, live, touches, showRecord } from "./common.js";
+import { api, el, fill, cell, owner, time, live, touches, showRecord } from "./common.js";
 import { swatch } from "./states.js";
 
 const columns = ["id", "name", "state", "user", "node", "queue", "priority", "cores", "submit-time", "start-time", "end-time", "exit-code"];
 const times = new Set(["submit-time", "start-time", "end-time"]);
+// A job's owner is its record's "user": the column sorts by that field and is headed "owner".
+const headings = { user: "owner" };
 const pageRows = 100;
 const view = { sort: "id", order: "asc", offset: 0 };
 let selected = null;
@@ -25,7 +27,7 @@ function query() {
 function header() {
   fill(document.querySelector("#jobs thead"), el("tr", {}, columns.map((c) => {
     const cls = "sortable" + (view.sort === c ? " sorted" + (view.order === "desc" ? " desc" : "") : "");
-    return el("th", { class: cls, "data-column": c, onclick: () => sortBy(c) }, c);
+    return el("th", { class: cls, "data-column": c, onclick: () => sortBy(c) }, headings[c] || c);
   })));
 }
 
@@ -46,7 +48,7 @@ async function refresh() {
   fill(document.querySelector("#jobs tbody"), page.rows.map(({ id, record }) =>
     el("tr", { class: "clickable", "data-id": id, onclick: () => select(id) },
        columns.map((c) => el("td", {}, c === "state" ? swatch(cell(record.state)) : null,
-                             times.has(c) ? time(record[c]) : cell(c === "id" ? id : record[c]))))));
+                             times.has(c) ? time(record[c]) : c === "user" ? owner(record.user) : cell(c === "id" ? id : record[c]))))));
   const last = Math.min(page.offset + page.rows.length, page.matched);
   $("range").textContent = ` ${page.matched ? page.offset + 1 : 0}–${last} of ${page.matched} (${page.total} jobs) `;
   document.body.dataset.rendered = String(mine);

@@ -2,7 +2,7 @@
 // SVG, coloured by status, edges from each out-value to the in-nodes it feeds; below it the
 // tasks' in-values and out-values. Redrawn after each batch that changes workflows.
 "use strict";
-import { api, el, fill, cell, live, touches } from "./common.js";
+import { api, el, fill, cell, owner, live, touches } from "./common.js";
 import { stateColour, swatch } from "./states.js";
 
 const NS = "http://www.w3.org/2000/svg";
@@ -92,7 +92,8 @@ function detail(id, workflow, result) {
   fill($("workflow-detail"),
        el("h2", {}, "Tasks of ", id),
        el("p", {}, "result: ", result ? results[result.st] || cell(result.st) : "none yet",
-          " · spawn value: ", cell(workflow["spawn-value"]), " · name: ", cell((workflow["meta-data"] || {}).name)),
+          " · spawn value: ", cell(workflow["spawn-value"]), " · name: ", cell((workflow["meta-data"] || {}).name),
+          " · owner: ", owner((workflow["meta-data"] || {}).user)),
        el("table", {}, el("thead", {}, el("tr", {}, ["task", "status", "message", "in-values", "out-values"].map((h) => el("th", {}, h)))),
           el("tbody", {}, rows)));
 }
@@ -105,6 +106,7 @@ async function refresh() {
     const r = outcomes[id];
     return el("tr", { class: "clickable", "data-id": id, onclick: () => { selected = id; show(workflows, outcomes); } },
               el("td", {}, id), el("td", {}, cell((wf["meta-data"] || {}).name)),
+              el("td", { class: "owner" }, owner((wf["meta-data"] || {}).user)),
               el("td", {}, Object.keys(wf.tasks || {}).length), el("td", {}, r ? results[r.st] || cell(r.st) : ""));
   }));
   if (!selected && ids.length) selected = ids[ids.length - 1];

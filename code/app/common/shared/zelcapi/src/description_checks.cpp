@@ -82,12 +82,6 @@ std::string quoted_list(const std::vector<std::string>& words) {
   return out;
 }
 
-property_ptr make_list(const std::vector<std::string>& texts) {
-  zelbase::ptr_refcount<property_list> list(new property_list());
-  for (const std::string& t : texts) list->push_back(zelcore::make_string(t));
-  return list;
-}
-
 }  // namespace
 
 const char* kind_text(property::property_kind kind) {
@@ -340,7 +334,7 @@ property_ptr value_for_kind(const std::string& accepts, const property_ptr& valu
         parts.push_back(text.substr(from, comma - from));
         from = comma + 1;
       }
-      return make_list(parts);
+      return zelcore::make_string_list(parts);
     }
     default: problem = "a map cannot be given as text"; return nullptr;
   }

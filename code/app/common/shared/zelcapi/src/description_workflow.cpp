@@ -325,11 +325,15 @@ void report_cycles(error_list& errors, const std::vector<task_entry>& tasks) {
       if (!calls.empty()) low[calls.back().first] = std::min(low[calls.back().first], low[done]);
     }
   }
+  // A task alone in its component is on no cycle (one after itself was refused in resolve).
+  std::vector<std::size_t> size(components, 0);
+  for (std::size_t v = 0; v < n; ++v) ++size[component[v]];
   std::vector<bool> reported(components, false);
+  std::vector<std::size_t> parent(n, none);
   for (std::size_t s = 0; s < n; ++s) {
-    if (reported[component[s]]) continue;
-    // The shortest way from s back to itself inside its component, if it has one.
-    std::vector<std::size_t> parent(n, none), via(n, none);
+    if (size[component[s]] < 2 || reported[component[s]]) continue;
+    // The shortest way from s back to itself inside its component.
+    std::fill(parent.begin(), parent.end(), none);
     std::deque<std::size_t> queue{s};
     std::size_t last = none;
     while (!queue.empty() && last == none) {
@@ -349,8 +353,10 @@ void report_cycles(error_list& errors, const std::vector<task_entry>& tasks) {
     }
     if (last == none) continue;
     reported[component[s]] = true;
-    std::vector<std::size_t> way{s};
-    for (std::size_t v = last; v != s; v = parent[v]) way.insert(way.begin() + 1, v);
+    std::vector<std::size_t> way;
+    for (std::size_t v = last; v != s; v = parent[v]) way.push_back(v);
+    way.push_back(s);
+    std::reverse(way.begin(), way.end());
     std::string text;
     for (const std::size_t v : way) text += tasks[v].name + " -> ";
     const std::size_t first = way.size() > 1 ? way[1] : s;
@@ -410,14 +416,6 @@ properties take_values(error_list& errors, const std::vector<input_entry>& input
   return values;
 }
 
-properties make_destinations(const std::vector<std::string>& texts) {
-  properties out;
-  zelbase::ptr_refcount<property_list> list(new property_list());
-  for (const std::string& t : texts) list->push_back(zelcore::make_string(t));
-  out["destinations"] = list;
-  return out;
-}
-
 // The workflow's tasks with their edges: every out-value of a prerequisite p (its declared
 // outputs, else "done") feeds the in-node "p.<out-value>" of each task that comes after it.
 properties encode_tasks(const std::vector<task_entry>& tasks,
@@ -462,7 +460,9 @@ properties encode_tasks(const std::vector<task_entry>& tasks,
       for (const std::size_t d : dependants[i]) {
         destinations.push_back(tasks[d].name + ">" + t.name + "." + o);
       }
-      out_values.set_properties_value(o, make_destinations(destinations));
+      properties out_value;
+      out_value["destinations"] = zelcore::make_string_list(destinations);
+      out_values.set_properties_value(o, out_value);
     }
     if (!in_nodes.empty()) task.set_properties_value("in-nodes", in_nodes);
     if (!out_values.empty()) task.set_properties_value("out-values", out_values);

@@ -275,11 +275,9 @@ zelcore::properties submit_fields(const std::vector<zelcore::properties>& jobs,
 
 zelcore::properties steer_fields(job_action action, const std::vector<std::string>& ids,
                                  std::int64_t priority) {
-  zelbase::ptr_refcount<zelcore::property_list> list(new zelcore::property_list());
-  for (const std::string& id : ids) list->push_back(zelcore::make_string(id));
   zelcore::properties fields;
   fields.set_string_value("action", job_action_name(action));
-  fields["ids"] = list;
+  fields["ids"] = zelcore::make_string_list(ids);
   if (action == job_action::priority) fields.set_int_value("priority", priority);
   return fields;
 }
