@@ -26,12 +26,6 @@ zelcore::property_ptr tree(const zelcore::properties& p) {
   return zelcore::property_ptr(new zelcore::properties(p));
 }
 
-zelcore::property_ptr strings(const std::vector<std::string>& texts) {
-  zelbase::ptr_refcount<zelcore::property_list> list(new zelcore::property_list());
-  for (const std::string& t : texts) list->push_back(zelcore::make_string(t));
-  return list;
-}
-
 zelcore::properties task(const std::string& name, const std::string& command,
                          const std::string& after) {
   zelcore::properties t;
@@ -40,7 +34,7 @@ zelcore::properties task(const std::string& name, const std::string& command,
   t.set_int_value("run-ms", 200);  // how long it runs on a simulated cluster
   if (!after.empty()) {
     t.set_string_value("after", after);
-    t["inputs"] = strings({});  // the workflow's in-values go to "prepare" only
+    t["inputs"] = zelcore::make_string_list({});  // the workflow's in-values go to "prepare" only
   }
   return t;
 }
@@ -58,7 +52,7 @@ zelcore::properties pipeline(bool fail) {
   inputs.set_properties_value("quality", quality);
 
   zelcore::properties prepare = task("prepare", "prepare --input \"$input\"", "");
-  prepare["outputs"] = strings({"manifest"});
+  prepare["outputs"] = zelcore::make_string_list({"manifest"});
   zelcore::properties process = task("process", "process manifest.json", "prepare");
   if (fail) process.set_int_value("fail-attempts", 1);
   zelbase::ptr_refcount<zelcore::property_list> tasks(new zelcore::property_list());
