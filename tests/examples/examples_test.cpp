@@ -75,30 +75,6 @@ class Examples : public ::testing::Test {
   zelsim::cluster sim_;
 };
 
-// The ids of one kind in a tree of "kind" -> id -> record.
-std::set<std::string> ids_of(const zelcore::properties& tree, const std::string& kind) {
-  std::set<std::string> ids;
-  if (const zelcore::properties* items = tree.get_properties_value_ptr(kind)) {
-    for (const auto& [id, record] : *items) {
-      if (record) ids.insert(id);
-    }
-  }
-  return ids;
-}
-
-// The reply the submitter printed ("NAME {json}") as JSON; null when it printed none.
-nlohmann::json printed_reply(const std::string& out, const std::string& name) {
-  const std::string prefix = name + " ";
-  if (out.rfind(prefix, 0) != 0) return nullptr;
-  return nlohmann::json::parse(out.substr(prefix.size()), nullptr, false);
-}
-
-std::set<std::string> history_ids(const nlohmann::json& reply) {
-  std::set<std::string> ids;
-  for (const auto& record : reply.at("history")) ids.insert(record.at("id").get<std::string>());
-  return ids;
-}
-
 // The one integer that `sql` selects from the SQLite file, read as a user's tool reads it.
 std::int64_t select_int(const std::string& path, const std::string& sql) {
   sqlite3* db = nullptr;
@@ -127,37 +103,41 @@ bool saved_figures(const std::string& out, const std::string& file, long& jobs, 
                      &historized) == 2;
 }
 
-TEST_F(Examples, SubmitterPrintsTheHistoryOfJobsThatTheMasterKept) {
-  make_changes(3000);
-  const std::set<std::string> kept = ids_of(sim_.master_history(), "jobs");
-  ASSERT_FALSE(kept.empty());
-  const run_result r = run_program(EXAMPLE_SUBMITTER, as("demo", "demo"));
-  ASSERT_EQ(r.code, 0) << r.err;
-  const nlohmann::json reply = printed_reply(r.out, "cluster.api.history.request");
-  ASSERT_TRUE(reply.is_object()) << r.out;
-  EXPECT_EQ(history_ids(reply), kept);
+// The workflow id that the submitter printed ("workflow ID"); empty when it printed none.
+std::string submitted_workflow(const std::string& out) {
+  for (const std::string& line : lines_of(out)) {
+    if (line.rfind("workflow ", 0) == 0 && line.find(' ', 9) == std::string::npos) {
+      return line.substr(9);
+    }
+  }
+  return "";
 }
 
-TEST_F(Examples, SubmitterSendsTheRequestAndFieldsOfItsCommandLine) {
-  make_changes(3000);
-  const std::set<std::string> kept = ids_of(sim_.master_history(), "jobs");
-  ASSERT_FALSE(kept.empty());
-  const std::string id = *kept.rbegin();
-  const run_result r = run_program(
-      EXAMPLE_SUBMITTER,
-      as("demo", "demo", {"cluster.api.history.request", "item-type=5", "state-id=" + id}));
-  ASSERT_EQ(r.code, 0) << r.err;
-  const nlohmann::json reply = printed_reply(r.out, "cluster.api.history.request");
-  ASSERT_TRUE(reply.is_object()) << r.out;
-  EXPECT_EQ(history_ids(reply), std::set<std::string>{id});
+TEST_F(Examples, SubmitterRunsItsWorkflowToTheEndAndExitsZero) {
+  const run_result r =
+      run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"input=shots/sh020", "quality=4"}));
+  ASSERT_EQ(r.code, 0) << r.out << r.err;
+  const std::string id = submitted_workflow(r.out);
+  ASSERT_FALSE(id.empty()) << r.out;
+  const std::vector<std::string> lines = lines_of(r.out);
+  ASSERT_EQ(lines.size(), 3u) << r.out;
+  EXPECT_EQ(lines[0].rfind("submitted 'example-pipeline' with key key-", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[0].substr(lines[0].size() - 6), ": done") << lines[0];
+  EXPECT_EQ(lines[2], "workflow '" + id + "' ended finished");
+  // The master ran its three tasks, one job each, and kept the result.
+  const zelcore::properties result = sim_.master_snapshot()
+                                         .get_properties_value("workflow-results")
+                                         .get_properties_value(id, zelcore::properties());
+  EXPECT_EQ(result.get_int_value("st", -1), 2) << result.describe();
+  EXPECT_EQ(result.get_int_value("ht", -1), 3) << result.describe();
 }
 
-TEST_F(Examples, SubmitterExitsNonZeroWithTheReasonWhenTheRequestIsRefused) {
-  const run_result r = run_program(
-      EXAMPLE_SUBMITTER, as("demo", "demo", {"cluster.api.history.request", "item-type=9"}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("\"item-type\" 9 is not an item type (0 to 6)"), std::string::npos) << r.err;
-  EXPECT_NE(r.out.find("\"error\""), std::string::npos) << r.out;  // the reply is still shown
+TEST_F(Examples, SubmitterExitsThreeWhenItsWorkflowFailed) {
+  const run_result r = run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"--fail"}));
+  EXPECT_EQ(r.code, 3) << r.out << r.err;
+  const std::string id = submitted_workflow(r.out);
+  ASSERT_FALSE(id.empty()) << r.out;
+  EXPECT_EQ(lines_of(r.out).back(), "workflow '" + id + "' ended failed");
 }
 
 TEST_F(Examples, SubmitterExitsNonZeroOnARefusedLoginOrAnUnreachableCluster) {
@@ -177,13 +157,22 @@ TEST_F(Examples, SubmitterExitsNonZeroOnARefusedLoginOrAnUnreachableCluster) {
       << unreachable.err;
 }
 
-TEST_F(Examples, SubmitterRefusesBadArgumentsWithUsage) {
+TEST_F(Examples, SubmitterRefusesBadArgumentsAndValuesBeforeSendingAnything) {
   const run_result none = run_program(EXAMPLE_SUBMITTER, {"127.0.0.1"});
   EXPECT_EQ(none.code, 2);
   EXPECT_NE(none.err.find("usage:"), std::string::npos) << none.err;
-  const run_result field = run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"req", "=5"}));
+  const run_result field = run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"=5"}));
   EXPECT_EQ(field.code, 2);
-  EXPECT_NE(field.err.find("'=5' is not KEY=VALUE"), std::string::npos) << field.err;
+  EXPECT_NE(field.err.find("'=5' is not NAME=VALUE"), std::string::npos) << field.err;
+  const run_result values =
+      run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"--fail", "quality=high", "colour=red"}));
+  EXPECT_EQ(values.code, 2);
+  const std::vector<std::string> errors = lines_of(values.err);
+  ASSERT_EQ(errors.size(), 2u) << values.err;
+  EXPECT_EQ(errors[0].rfind("submitter: quality=high: ", 0), 0u) << errors[0];
+  EXPECT_EQ(errors[1].rfind("submitter: colour=red: ", 0), 0u) << errors[1];
+  EXPECT_EQ(values.out, "");
+  EXPECT_EQ(sim_.submitted_work().workflows, 0u);
 }
 
 TEST_F(Examples, MonitorPrintsOneLinePerChangeTheMasterSent) {

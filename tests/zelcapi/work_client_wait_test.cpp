@@ -112,4 +112,17 @@ TEST(WorkClientWait, AClientWithoutAReplicaCannotWait) {
   EXPECT_THROW(client.check_wait(r), zelbase::es::arg);
 }
 
+TEST(WorkClientWait, EveryWorkflowStatusHasItsName) {
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(zelworkflow::workflow_info::status_created),
+               "created");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(zelworkflow::workflow_info::status_running),
+               "running");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(zelworkflow::workflow_info::status_finished),
+               "finished");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(zelworkflow::workflow_info::status_failed), "failed");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(zelworkflow::workflow_info::status_killed), "killed");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(5), "of an unknown status");
+  EXPECT_STREQ(zelcapi::workflow_status_c_str(4294967295u), "of an unknown status");
+}
+
 }  // namespace

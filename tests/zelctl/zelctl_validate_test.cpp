@@ -11,10 +11,13 @@
 #include <gtest/gtest.h>
 
 #include "description_file.h"
+#include "description_samples.h"
 #include "support/child_process.h"
 
 namespace {
 
+using zeltest::expect_five_errors;
+using zeltest::five_errors;
 using zeltest::lines_of;
 using zeltest::temp_dir;
 using result = zeltest::run_result;
@@ -34,39 +37,6 @@ result validate(const temp_dir& dir, const std::string& name, const std::string&
   std::ofstream(dir.file(name), std::ios::binary) << text;
   return run(std::vector<std::string>{"validate"} + extra +
              std::vector<std::string>{dir.file(name)});
-}
-
-const char* const five_errors = R"(name: render
-tasks:
-  - name: fetch
-    command: fetch.sh
-    cpus: 2
-    max-attempts: 0
-  - name: render
-    cores: four
-  - name: publish
-    command: publish.sh
-    after: [rendr]
-)";
-
-// The five errors of `five_errors` (or the same description in JSON) at their places in `file`.
-void expect_five_errors(const result& r, const std::string& file,
-                        const std::vector<std::string>& places) {
-  const std::vector<std::string> errors{
-      "/tasks/0/cpus: unknown key 'cpus' (did you mean 'cores'?)",
-      "/tasks/0/max-attempts: 0 is outside 1 to 1000",
-      "/tasks/1/command: 'command' is missing",
-      "/tasks/1/cores: expected an int, got a string ('four')",
-      "/tasks/2/after/0: no task is named 'rendr' (did you mean 'render'?)",
-  };
-  ASSERT_EQ(places.size(), errors.size());
-  std::vector<std::string> expected;
-  for (std::size_t i = 0; i < errors.size(); ++i) {
-    expected.push_back(file + ":" + places[i] + ": " + errors[i]);
-  }
-  EXPECT_EQ(r.code, 4);
-  EXPECT_EQ(lines_of(r.out), expected);
-  EXPECT_EQ(r.err, "zelctl: " + file + ": 5 errors\n");
 }
 
 TEST(ZelctlValidate, FiveErrorsInOneFileAreAllReportedWithLineAndColumn) {
@@ -114,15 +84,7 @@ tasks:
 
 TEST(ZelctlValidate, SettingsGiveATemplateItsInValues) {
   temp_dir dir;
-  const std::string render = R"(name: render
-template: true
-inputs:
-  frames: {kind: string}
-  quality: {kind: int, default: 2}
-tasks:
-  - name: render
-    command: render.sh
-)";
+  const std::string render = zeltest::render_template;
   const result without = validate(dir, "render.yaml", render);
   EXPECT_EQ(without.code, 4);
   EXPECT_EQ(without.out, dir.file("render.yaml") +
@@ -132,7 +94,7 @@ tasks:
   const result with = validate(dir, "render.yaml", render, {"--set", "frames=1-100"});
   EXPECT_EQ(with.code, 0) << with.out << with.err;
   EXPECT_EQ(with.out, dir.file("render.yaml") +
-                          ": template 'render': 1 task, in-values frames=\"1-100\" quality=2\n");
+                          ": template 'render': 2 tasks, in-values frames=\"1-100\" quality=2\n");
 
   const result bad = validate(dir, "render.yaml", render,
                               {"--set", "frames=1", "--set", "quality=high", "--set", "qualty=3"});

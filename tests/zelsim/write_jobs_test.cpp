@@ -470,6 +470,31 @@ TEST(SubmitJobs, SubmittedJobsAndTheWorkloadsShareTheNodesCores) {
   EXPECT_EQ(sim.submitted_work().queued + sim.submitted_work().running, 0u);
 }
 
+TEST(SubmitJobs, AJobAsLargeAsTheLargestNodeStartsBesideABusyWorkload) {
+  zelsim::options o = write_options();
+  o.rate = 0;
+  write_cluster sim(o);
+  write_client alice(sim, "alice", "secret");
+  sim.run_workload(3000);
+  ASSERT_TRUE(sim.wait_workload_paused(20s));
+  properties big = job("big", 50);
+  big.set_int_value("cores", largest_node(sim));
+  const std::string id = ids_of(alice.request(submit_request, submission({big}, "k")))[0];
+  ASSERT_EQ(state_of(sim, id), "queued");
+  // The workload keeps its queue full of small jobs, which would take every core that frees up;
+  // the node held for the large job drains instead.
+  for (int round = 0; round < 100 && state_of(sim, id) == "queued"; ++round) {
+    sim.run_workload(500);
+    ASSERT_TRUE(sim.wait_workload_paused(20s));
+    sim.advance_time(1ms);
+  }
+  EXPECT_EQ(state_of(sim, id), "running");
+  for (const auto& [node, record] : master_records(sim, "nodes")) {
+    const properties& n = static_cast<const properties&>(*record);
+    EXPECT_LE(n.get_int_value("cores-used"), n.get_int_value("cores")) << node;
+  }
+}
+
 TEST(SubmitJobs, TenThousandJobsInOneSubmissionAndASubsetSteered) {
   write_cluster sim;
   write_client alice(sim, "alice", "secret");

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "json_output.h"
+#include "write_outcomes.h"
 #include "zelcapi/connection.h"
 #include "zelcapi/work_client.h"
 #include "zelcore/plugin_db.h"
@@ -66,22 +67,6 @@ struct steered {
   bool answered = false;
   zelcapi::item_result result;
 };
-
-std::string outcome_words(const zelcapi::item_result& r) {
-  std::string words;
-  switch (r.outcome) {
-    case zelcapi::write_outcome::done: words = "done"; break;
-    case zelcapi::write_outcome::already_done: words = "already done"; break;
-    case zelcapi::write_outcome::not_found: words = "not found"; break;
-    case zelcapi::write_outcome::not_allowed: words = "not allowed"; break;
-    case zelcapi::write_outcome::access_denied:
-      words = r.owner.empty() ? "access denied" : "access denied (owner " + r.owner + ")";
-      break;
-    case zelcapi::write_outcome::invalid: words = "invalid"; break;
-  }
-  if (!r.text.empty()) words += ": " + r.text;
-  return words;
-}
 
 void print_outcomes(const std::vector<steered>& all, bool dry_run, bool json) {
   if (json) {

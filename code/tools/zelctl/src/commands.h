@@ -25,6 +25,7 @@ command add_history_command(CLI::App& app, global_options& options);
 command add_mirror_command(CLI::App& app, global_options& options);
 command add_serve_command(CLI::App& app, global_options& options);
 command add_validate_command(CLI::App& app, global_options& options);
+command add_submit_command(CLI::App& app, global_options& options);
 // cancel, hold, release, retry and priority.
 std::vector<command> add_steer_commands(CLI::App& app, global_options& options);
 

@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
   global_options options;
   CLI::App app{
       "zelctl: the command line client of the cluster (status, login, state, watch, "
-      "history, mirror, serve, validate, cancel, hold, release, retry, priority)"};
+      "history, mirror, serve, validate, submit, cancel, hold, release, retry, priority)"};
   app.require_subcommand(1);
   // The global flags may also follow the subcommand: "zelctl mirror --simulate ...".
   app.fallthrough();
@@ -28,7 +28,8 @@ int main(int argc, char** argv) {
       add_status_command(app, options),  add_login_command(app, options),
       add_state_command(app, options),   add_watch_command(app, options),
       add_history_command(app, options), add_mirror_command(app, options),
-      add_serve_command(app, options),   add_validate_command(app, options)};
+      add_serve_command(app, options),   add_validate_command(app, options),
+      add_submit_command(app, options)};
   for (command& c : add_steer_commands(app, options)) commands.push_back(std::move(c));
   try {
     app.parse(argc, argv);

@@ -33,6 +33,11 @@ void add_global_options(CLI::App& app, global_options& o) {
 
 void add_json_flag(CLI::App& command, global_options& o) {
   command.add_flag("--json", o.json, "print the result as JSON");
+  command
+      .add_option_function<std::string>(
+          "-o,--output", [&o](const std::string& form) { o.json = form == "json"; },
+          "FORMAT: json (as --json) or text")
+      ->check(CLI::IsMember({"text", "json"}));
 }
 
 }  // namespace zelctl

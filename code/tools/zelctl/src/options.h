@@ -13,7 +13,8 @@ namespace zelctl {
 // Exit codes: 0 success, 1 usage (bad flags or values), 2 the cluster could not be reached or
 // refused the login, 3 anything else that failed (a request without answer, a file), 4 a work
 // description with errors, 5 the master refused some item of a steering command (the others may
-// have been applied).
+// have been applied); after a wait for submitted work: 6 it failed, 7 it was cancelled (killed),
+// 8 the wait timed out, 9 it was removed before it ended (a lost link is 2).
 enum exit_code : int {
   exit_ok = 0,
   exit_usage = 1,
@@ -21,6 +22,10 @@ enum exit_code : int {
   exit_failure = 3,
   exit_invalid = 4,
   exit_refused = 5,
+  exit_work_failed = 6,
+  exit_work_cancelled = 7,
+  exit_wait_timed_out = 8,
+  exit_work_removed = 9,
 };
 
 // An error that ends the program: its message becomes the one line on stderr.
@@ -51,7 +56,8 @@ struct global_options {
 // Adds the global flags to the program's top level.
 void add_global_options(CLI::App& app, global_options& options);
 
-// Adds --json to a subcommand that prints a result.
+// Adds --json, and its other spelling -o json (-o text: the default), to a subcommand that
+// prints a result.
 void add_json_flag(CLI::App& command, global_options& options);
 
 }  // namespace zelctl

@@ -9,12 +9,29 @@ void node_pool::add(const std::string& id, std::int64_t cores, bool removable) {
   nodes_.push_back(node{id, cores, 0, removable});
 }
 
-std::optional<std::size_t> node_pool::free_node(std::int64_t cores, std::size_t start) const {
+std::optional<std::size_t> node_pool::free_node(std::int64_t cores, std::size_t start,
+                                                bool skip_held) const {
   for (std::size_t k = 0; k < nodes_.size(); ++k) {
     const std::size_t i = (start + k) % nodes_.size();
+    if (skip_held && nodes_[i].held) continue;
     if (nodes_[i].cores - nodes_[i].used >= cores) return i;
   }
   return std::nullopt;
+}
+
+bool node_pool::hold_for(std::int64_t cores) {
+  node* best = nullptr;
+  for (node& n : nodes_) {
+    if (n.held || n.cores < cores) continue;
+    if (best == nullptr || n.cores - n.used > best->cores - best->used) best = &n;
+  }
+  if (best == nullptr) return false;
+  best->held = true;
+  return true;
+}
+
+void node_pool::release_holds() {
+  for (node& n : nodes_) n.held = false;
 }
 
 std::int64_t node_pool::most_free() const {

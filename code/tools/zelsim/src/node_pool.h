@@ -22,6 +22,9 @@ class node_pool {
     std::int64_t used = 0;
     // A worker that joined while the cluster ran; the cluster's own nodes never leave.
     bool removable = false;
+    // Held for a submitted job that waits for more cores than any node has free: the workload
+    // starts nothing here, so that a large job is not starved by a stream of small ones.
+    bool held = false;
   };
 
   // `master` must outlive the pool.
@@ -33,8 +36,14 @@ class node_pool {
   void add(const std::string& id, std::int64_t cores, bool removable);
   // Drops the last node from the ledger; nothing may run on it.
   void remove_last() { nodes_.pop_back(); }
-  // The first node, from `start` on and wrapping around, with `cores` free cores.
-  std::optional<std::size_t> free_node(std::int64_t cores, std::size_t start = 0) const;
+  // The first node, from `start` on and wrapping around, with `cores` free cores (leaving out
+  // held nodes when `skip_held`).
+  std::optional<std::size_t> free_node(std::int64_t cores, std::size_t start = 0,
+                                       bool skip_held = false) const;
+  // Holds the node, among those with at least `cores` cores and not held yet, that has the most
+  // free cores; false when there is none.
+  bool hold_for(std::int64_t cores);
+  void release_holds();
   // The largest free cores of any node.
   std::int64_t most_free() const;
   // The most cores of any node.

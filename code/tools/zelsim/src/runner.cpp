@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <limits>
+#include <optional>
 
 #include "records.h"
 #include "zelbase/exceptions.h"
@@ -72,6 +73,8 @@ void runner::catch_up(std::uint64_t until) {
     settle();
   }
   now_ = std::max(now_, until);
+  // The workload's jobs end on their own time: their cores may let a queued job start.
+  if (!queue_.empty()) dispatch();
 }
 
 unsigned runner::drive() {
@@ -200,16 +203,20 @@ void runner::reprioritise(job& j, std::int64_t priority) {
 }
 
 void runner::dispatch() {
-  std::int64_t most = pool_.most_free();
-  for (auto it = queue_.begin(); it != queue_.end() && most > 0;) {
+  // The first job that does not fit holds a node against the workload, and the jobs after it do
+  // not take that node's cores either: it starts once that node's running jobs have ended.
+  pool_.release_holds();
+  bool holding = false;
+  for (auto it = queue_.begin(); it != queue_.end() && pool_.most_free() > 0;) {
     job& j = jobs_.at(std::get<2>(*it));
-    if (j.params.cores > most) {
+    const std::optional<std::size_t> node = pool_.free_node(j.params.cores, 0, holding);
+    if (!node) {
+      holding = holding || pool_.hold_for(j.params.cores);
       ++it;
       continue;
     }
     it = queue_.erase(it);
-    start(j, *pool_.free_node(j.params.cores));
-    most = pool_.most_free();
+    start(j, *node);
   }
 }
 

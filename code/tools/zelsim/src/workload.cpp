@@ -273,7 +273,8 @@ bool workload::submit() {
 
 bool workload::start_job() {
   job_run& run = queued_.front();
-  const std::optional<std::size_t> found = pool_.free_node(run.cores, pick(pool_.nodes().size()));
+  const std::optional<std::size_t> found =
+      pool_.free_node(run.cores, pick(pool_.nodes().size()), true);
   if (!found) return false;
   const std::size_t i = *found;
   const node_pool::node& n = pool_.nodes()[i];

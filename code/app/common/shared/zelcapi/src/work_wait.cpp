@@ -15,17 +15,6 @@ constexpr const char* source_file = "code\\app\\common\\shared\\zelcapi\\src\\wo
 // The longest the I/O runs between two looks at the replica, in milliseconds.
 constexpr unsigned look_interval_ms = 10;
 
-const char* workflow_status_name(zelworkflow::workflow_info::status status) {
-  switch (status) {
-    case zelworkflow::workflow_info::status_created: return "created";
-    case zelworkflow::workflow_info::status_running: return "running";
-    case zelworkflow::workflow_info::status_finished: return "finished";
-    case zelworkflow::workflow_info::status_failed: return "failed";
-    case zelworkflow::workflow_info::status_killed: return "killed";
-  }
-  return "of an unknown status";
-}
-
 bool is_ended_status(zelworkflow::workflow_info::status status) {
   return status == zelworkflow::workflow_info::status_finished ||
          status == zelworkflow::workflow_info::status_failed ||
@@ -64,6 +53,17 @@ void look(const state& replica, work_record& r) {
 
 }  // namespace
 
+const char* workflow_status_c_str(std::uint32_t status) {
+  switch (status) {
+    case zelworkflow::workflow_info::status_created: return "created";
+    case zelworkflow::workflow_info::status_running: return "running";
+    case zelworkflow::workflow_info::status_finished: return "finished";
+    case zelworkflow::workflow_info::status_failed: return "failed";
+    case zelworkflow::workflow_info::status_killed: return "killed";
+  }
+  return "of an unknown status";
+}
+
 bool work_record::ended() const {
   if (type == workflow) return has_result || (seen && is_ended_status(status));
   const std::string state = job_state(*this);
@@ -73,8 +73,7 @@ bool work_record::ended() const {
 std::string work_record::describe() const {
   const std::string what = (type == job ? "job '" : "workflow '") + id + "'";
   if (type == workflow && has_result) {
-    return what + " ended " +
-           workflow_status_name(static_cast<zelworkflow::workflow_info::status>(result.status));
+    return what + " ended " + workflow_status_c_str(result.status);
   }
   if (!seen) return what + " is not in the replica";
   std::string last;
@@ -82,7 +81,7 @@ std::string work_record::describe() const {
     const std::string state = job_state(*this);
     last = state.empty() ? "without a state" : state;
   } else {
-    last = workflow_status_name(status);
+    last = workflow_status_c_str(status);
   }
   return live ? what + " is " + last : what + " has left the live state (last seen " + last + ")";
 }

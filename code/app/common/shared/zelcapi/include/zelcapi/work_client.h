@@ -99,6 +99,10 @@ class ZELCAPI_EXPORT write_error : public zelbase::es::uspec {
   std::string key_;
 };
 
+// A workflow status's name (workflow_info::status, a workflow result's "st"): "created",
+// "running", "finished", "failed", "killed"; "of an unknown status" for another value. Never fails.
+ZELCAPI_EXPORT const char* workflow_status_c_str(std::uint32_t status);
+
 // What a wait looked at: the job's record or the workflow's encoding as the replica last held it
 // live (a removed workflow's final form when the replica keeps history), and a workflow's result
 // once the replica has one.
