@@ -88,10 +88,7 @@ std::string work_record::describe() const {
 
 std::string work_record::state_name() const {
   if (type == job) return job_state(*this);
-  if (has_result) {
-    return workflow_status_name(static_cast<zelworkflow::workflow_info::status>(result.status));
-  }
-  return workflow_status_name(status);
+  return workflow_status_c_str(has_result ? result.status : status);
 }
 
 wait_error::wait_error(const char* file, unsigned line, reason why, work_record last,
