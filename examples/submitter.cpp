@@ -9,9 +9,11 @@
 // "quality"), read as that in-value's kind. --fail makes "process" fail (on a simulated cluster)
 // to show a failed end. Prints what the master answered, then the end.
 //
-// Exit status: 0 the workflow finished; 3 it failed; 4 it was cancelled (killed); 5 the wait
-// ended without an end (timed out, removed, the link lost); 1 the cluster could not be reached,
-// refused the login or the submission; 2 bad arguments or a description with errors.
+// Exit status, as zelctl submit's (docs/zelctl.md): 0 the workflow finished; 1 bad arguments;
+// 2 the cluster could not be reached, refused the login or the link was lost; 3 the request was
+// refused whole or got no answer; 4 a description with errors (nothing was sent); 5 the master
+// refused the workflow; 6 it failed; 7 it was cancelled (killed); 8 the wait timed out; 9 it was
+// removed before it ended.
 #include <zelcapi/zelcapi.h>
 
 #include <cstdint>
@@ -72,7 +74,7 @@ zelcore::properties pipeline(bool fail) {
 int main(int argc, char** argv) {
   if (argc < 5) {
     std::fprintf(stderr, "usage: %s HOST PORT USER PASSWORD [--fail] [NAME=VALUE ...]\n", argv[0]);
-    return 2;
+    return 1;
   }
   bool fail = false;
   std::vector<zelcapi::description_setting> settings;
@@ -87,7 +89,7 @@ int main(int argc, char** argv) {
       setting_texts.push_back(argv[i]);
     } catch (const zelbase::es::arg& e) {
       std::fprintf(stderr, "submitter: %s\n", e.message().c_str());
-      return 2;
+      return 1;
     }
   }
   // Every error of the description at once, before anything is sent.
@@ -98,7 +100,7 @@ int main(int argc, char** argv) {
           e.setting >= 0 ? setting_texts.at(e.setting) : (e.path.empty() ? "/" : e.path);
       std::fprintf(stderr, "submitter: %s: %s\n", where.c_str(), e.message.c_str());
     }
-    return 2;
+    return 4;
   }
 
   // The library reports its own progress through zelcore::report; only errors matter here.
@@ -112,7 +114,7 @@ int main(int argc, char** argv) {
   if (connected != zelcapi::connection_ok) {
     std::fprintf(stderr, "submitter: cannot connect to %s:%s: %s\n", argv[1], argv[2],
                  zelcapi::result_code_c_str(connected));
-    return 1;
+    return 2;
   }
   try {
     // Any node will do: login_sync follows the cluster to its master, where requests go.
@@ -120,7 +122,7 @@ int main(int argc, char** argv) {
     if (login.get_properties().is_present("error")) {
       std::fprintf(stderr, "submitter: login as '%s' failed: %s\n", argv[3],
                    login.get_properties().get_string_value("error", "").c_str());
-      return 1;
+      return 2;
     }
     // The snapshot first, so that the wait sees every change of the workflow.
     c.request_new_state_sync();
@@ -133,7 +135,7 @@ int main(int argc, char** argv) {
     std::printf("submitted '%s' with key %s: %s%s%s\n", d.name.c_str(), submitted.key.c_str(),
                 zelcapi::write_outcome_c_str(item.outcome), item.text.empty() ? "" : ": ",
                 item.text.c_str());
-    if (!submitted.all_ok()) return 1;
+    if (!submitted.all_ok()) return 5;
     std::printf("workflow %s\n", item.id.c_str());
     std::fflush(stdout);
 
@@ -141,14 +143,21 @@ int main(int argc, char** argv) {
     std::printf("%s\n", end.describe().c_str());
     const std::uint32_t status = end.has_result ? end.result.status : end.status;
     if (status == zelworkflow::workflow_info::status_finished) return 0;
-    return status == zelworkflow::workflow_info::status_failed ? 3 : 4;
+    return status == zelworkflow::workflow_info::status_failed ? 6 : 7;
   } catch (const zelcapi::wait_error& e) {
     // Timed out, removed without a result, or the link lost: the last state seen is said.
     std::fprintf(stderr, "submitter: %s\n", e.message().c_str());
-    return 5;
+    switch (e.why()) {
+      case zelcapi::wait_error::timed_out: return 8;
+      case zelcapi::wait_error::removed: return 9;
+      default: return 2;
+    }
+  } catch (const zelcapi::write_error& e) {
+    // No answer in time, the link lost before the reply, or the request refused whole.
+    std::fprintf(stderr, "submitter: %s\n", e.message().c_str());
+    return e.why() == zelcapi::write_error::link_lost ? 2 : 3;
   } catch (const std::exception& e) {
-    // write_error (no answer, the link lost, refused whole) and transport errors.
     std::fprintf(stderr, "submitter: %s\n", e.what());
-    return 1;
+    return 2;
   }
 }

@@ -5,10 +5,11 @@
 
 FILE is a work description in JSON (docs/descriptions.md), examples/build.json for instance;
 without it a small workflow of three tasks is submitted. Each change of the workflow is one line
-on stdout. Exit codes: 0 it finished, 1 usage, 2 the cluster could not be reached, refused the
-login or the link was lost, 3 the master refused the workflow or did not answer, 4 the
-description has errors (each printed, nothing sent), 5 it failed, 6 it was cancelled (killed),
-7 it was removed before it ended.
+on stdout. Exit codes, as zelctl submit's (docs/zelctl.md): 0 it finished, 1 usage, 2 the
+cluster could not be reached, refused the login or the link was lost, 3 the master refused the
+request or did not answer, 4 the description has errors (each printed, nothing sent), 5 the
+master refused the workflow, 6 it failed, 7 it was cancelled (killed), 9 it was removed before it
+ended.
 """
 
 import asyncio
@@ -26,7 +27,7 @@ SMALL = {
     ],
 }
 
-BY_END = {"finished": 0, "failed": 5, "killed": 6}
+BY_END = {"finished": 0, "failed": 6, "killed": 7}
 
 
 async def submit_and_follow(host: str, port: str, user: str, password: str,
@@ -71,7 +72,10 @@ def main(argv: list) -> int:
         return 2
     except zelcapi.WorkRemoved as e:
         print(f"submitter: {e}", file=sys.stderr)
-        return 7
+        return 9
+    except zelcapi.Refused as e:
+        print(f"submitter: {e}", file=sys.stderr)
+        return 5
     except zelcapi.Error as e:
         print(f"submitter: {e}", file=sys.stderr)
         return 3

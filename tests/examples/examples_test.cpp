@@ -132,17 +132,17 @@ TEST_F(Examples, SubmitterRunsItsWorkflowToTheEndAndExitsZero) {
   EXPECT_EQ(result.get_int_value("ht", -1), 3) << result.describe();
 }
 
-TEST_F(Examples, SubmitterExitsThreeWhenItsWorkflowFailed) {
+TEST_F(Examples, SubmitterExitsSixWhenItsWorkflowFailed) {
   const run_result r = run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"--fail"}));
-  EXPECT_EQ(r.code, 3) << r.out << r.err;
+  EXPECT_EQ(r.code, 6) << r.out << r.err;
   const std::string id = submitted_workflow(r.out);
   ASSERT_FALSE(id.empty()) << r.out;
   EXPECT_EQ(lines_of(r.out).back(), "workflow '" + id + "' ended failed");
 }
 
-TEST_F(Examples, SubmitterExitsNonZeroOnARefusedLoginOrAnUnreachableCluster) {
+TEST_F(Examples, SubmitterExitsTwoOnARefusedLoginOrAnUnreachableCluster) {
   const run_result refused = run_program(EXAMPLE_SUBMITTER, as("demo", "wrong"));
-  EXPECT_EQ(refused.code, 1);
+  EXPECT_EQ(refused.code, 2);
   EXPECT_NE(refused.err.find("login as 'demo' failed: Access denied"), std::string::npos)
       << refused.err;
   EXPECT_EQ(refused.out, "");
@@ -151,7 +151,7 @@ TEST_F(Examples, SubmitterExitsNonZeroOnARefusedLoginOrAnUnreachableCluster) {
   sim_.stop_node(3);
   const run_result unreachable =
       run_program(EXAMPLE_SUBMITTER, {"127.0.0.1", port, "demo", "demo"});
-  EXPECT_EQ(unreachable.code, 1);
+  EXPECT_EQ(unreachable.code, 2);
   EXPECT_NE(unreachable.err.find("cannot connect to 127.0.0.1:" + port + ": Connection Failed"),
             std::string::npos)
       << unreachable.err;
@@ -159,14 +159,14 @@ TEST_F(Examples, SubmitterExitsNonZeroOnARefusedLoginOrAnUnreachableCluster) {
 
 TEST_F(Examples, SubmitterRefusesBadArgumentsAndValuesBeforeSendingAnything) {
   const run_result none = run_program(EXAMPLE_SUBMITTER, {"127.0.0.1"});
-  EXPECT_EQ(none.code, 2);
+  EXPECT_EQ(none.code, 1);
   EXPECT_NE(none.err.find("usage:"), std::string::npos) << none.err;
   const run_result field = run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"=5"}));
-  EXPECT_EQ(field.code, 2);
+  EXPECT_EQ(field.code, 1);
   EXPECT_NE(field.err.find("'=5' is not NAME=VALUE"), std::string::npos) << field.err;
   const run_result values =
       run_program(EXAMPLE_SUBMITTER, as("demo", "demo", {"--fail", "quality=high", "colour=red"}));
-  EXPECT_EQ(values.code, 2);
+  EXPECT_EQ(values.code, 4);
   const std::vector<std::string> errors = lines_of(values.err);
   ASSERT_EQ(errors.size(), 2u) << values.err;
   EXPECT_EQ(errors[0].rfind("submitter: quality=high: ", 0), 0u) << errors[0];

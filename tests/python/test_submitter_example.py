@@ -25,14 +25,25 @@ def test_the_submitter_follows_its_workflow_and_exits_0_when_it_finished(cluster
     assert all(line == f"workflow '{workflow}' is running" for line in lines[1:-1])
 
 
-def test_the_submitter_exits_5_when_its_workflow_failed(cluster, tmp_path):
+def test_the_submitter_exits_6_when_its_workflow_failed(cluster, tmp_path):
     port = cluster("--idle", "--run-ms", "10", "--nodes", "1").ports[1]
     failing = tmp_path / "failing.json"
     failing.write_text(json.dumps({"name": "doomed", "tasks": [
         {"name": "only", "command": "false", "fail-attempts": 2, "max-attempts": 2}]}))
     run = submitter(port, str(failing))
-    assert run.returncode == 5, run.stderr
+    assert run.returncode == 6, run.stderr
     assert run.stdout.splitlines()[-1].endswith(" ended failed")
+
+
+def test_the_submitter_exits_5_when_the_master_refuses_its_workflow(cluster, tmp_path):
+    port = cluster("--idle", "--nodes", "1").ports[1]
+    too_big = tmp_path / "too-big.json"
+    too_big.write_text(json.dumps({"name": "huge", "tasks": [
+        {"name": "only", "command": "crunch", "cores": 1024}]}))
+    run = submitter(port, str(too_big))
+    assert run.returncode == 5, run.stderr
+    assert run.stdout == ""
+    assert run.stderr.startswith("submitter: ")
 
 
 def test_the_submitter_prints_every_error_of_a_bad_description_and_exits_4(cluster, tmp_path):
