@@ -27,6 +27,22 @@ TEST_F(ZelctlState, StatePrintsTheMastersSnapshot) {
   EXPECT_EQ(printed, master());
 }
 
+TEST_F(ZelctlState, StatePrintsTheTextOfTheSnapshotsJsonDocument) {
+  sim_.run_workload(500);
+  ASSERT_TRUE(sim_.wait_workload_paused(std::chrono::seconds(10)));
+  const result r = run(args({"state"}));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_TRUE(r.out == zelctl::json_text(master(), true) + "\n") << "sizes " << r.out.size();
+  const result workflows = run(args({"state", "--kind", "workflows"}));
+  ASSERT_EQ(workflows.code, 0) << workflows.err;
+  ASSERT_FALSE(master()["workflows"].empty());
+  EXPECT_EQ(workflows.out, zelctl::json_text(master()["workflows"], true) + "\n");
+  const std::string id = master()["workflows"].begin().key();
+  const result one = run(args({"state", "--kind", "workflow", "--id", id}));
+  ASSERT_EQ(one.code, 0) << one.err;
+  EXPECT_EQ(one.out, zelctl::json_text(master()["workflows"][id], true) + "\n");
+}
+
 TEST_F(ZelctlState, StatePrintsOneKindOrOneRecord) {
   const nlohmann::json jobs = master()["jobs"];
   ASSERT_FALSE(jobs.empty());

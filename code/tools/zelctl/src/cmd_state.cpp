@@ -1,5 +1,6 @@
 // zelctl state: loads the cluster's snapshot, or a mirror's last save with --from, and prints it
 // as JSON: whole, one kind, one item, or the number of records per kind.
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -21,46 +22,78 @@ struct state_flags {
   std::string from;
 };
 
-// The part of the snapshot that the flags select.
-nlohmann::json select(const nlohmann::json& snapshot, const state_flags& f) {
+// Text passed on to stdout whenever this much has gathered.
+constexpr std::size_t stdout_chunk = 64 * 1024;
+
+// The record `id` of a snapshot key, or null; a workflow or workflow result is encoded into
+// `tree`, which holds it.
+const zelcore::property* find_record(const zelcapi::state& replica, const std::string& key,
+                                     const std::string& id, zelcore::properties& tree) {
+  zelcapi::state_item_type type{};
+  if (item_type_of(key, type))
+    return replica.has_item(type, id) ? &replica.get_item(type, id) : nullptr;
+  if (!workflow_tree(replica, key, tree) || !tree.is_present(id)) return nullptr;
+  return tree.get_property(id).get();
+}
+
+// Prints the part of the replica that the flags select: the counts of its records, or its JSON
+// written straight from its trees a record at a time.
+void print_selection(const zelcapi::state& replica, const state_flags& f) {
   if (f.count) {
     nlohmann::json counts = nlohmann::json::object();
     for (const auto& key : snapshot_keys()) {
       if (!f.kind.empty() && key != snapshot_key_of(f.kind)) continue;
-      counts[key] = snapshot.contains(key) ? snapshot[key].size() : 0;
+      counts[key] = record_count(replica, key);
     }
-    return counts;
+    print_json(counts, true);
+    return;
   }
-  if (f.kind.empty()) return snapshot;
-  const std::string key = snapshot_key_of(f.kind);
-  const nlohmann::json records = snapshot.contains(key) ? snapshot[key] : nlohmann::json::object();
-  if (f.id.empty()) return records;
-  if (!records.contains(f.id)) {
-    throw failure(exit_failure, "no " + key + " record '" + f.id + "' in the " +
-                                    (f.from.empty() ? "cluster's state" : "mirror"));
+  std::string text;
+  json_writer out(text, true);
+  const auto pass_on = [&text] {
+    if (text.size() < stdout_chunk) return;
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    text.clear();
+  };
+  if (f.kind.empty()) {
+    write_state(out, replica, pass_on);
+  } else if (f.id.empty()) {
+    write_kind(out, replica, snapshot_key_of(f.kind), pass_on);
+  } else {
+    const std::string key = snapshot_key_of(f.kind);
+    zelcore::properties tree;
+    const zelcore::property* record = find_record(replica, key, f.id, tree);
+    if (record == nullptr) {
+      throw failure(exit_failure, "no " + key + " record '" + f.id + "' in the " +
+                                      (f.from.empty() ? "cluster's state" : "mirror"));
+    }
+    out.value(*record);
   }
-  return records[f.id];
+  text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
 }
 
-// The snapshot of the cluster, or of the mirror's last complete save, as JSON.
-nlohmann::json snapshot_of(const state_flags& f, target& t) {
+// Loads the snapshot of the cluster, or of the mirror's last complete save, and prints it.
+void print_state(const state_flags& f, target& t) {
   zelcore::plugin_db plugins;
   if (f.from.empty()) {
     zelcapi::state_handler quiet;
     zelcapi::state_connection c(&quiet, 0, &plugins);
     load_snapshot(c, t);
-    return state_json(*c.get_state());
+    print_selection(*c.get_state(), f);
+    return;
   }
   const mirror_location mirror = open_mirror(f.from, "--from", mirror_use::read_states);
+  zelcapi::state replica(plugins, nullptr);
   try {
     if (!mirror.states->has_saved_state())
       throw failure(exit_failure, "the mirror at --from '" + mirror.name + "' holds no save yet");
-    zelcapi::state replica(plugins, nullptr);
     replica.set_and_update_from_state_db(mirror.states.get());
-    return state_json(replica);
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot load --from '" + mirror.name + "': " + e.message());
   }
+  print_selection(replica, f);
 }
 
 }  // namespace
@@ -77,7 +110,7 @@ command add_state_command(CLI::App& app, global_options& options) {
                   "instead of the cluster");
   add_json_flag(*sub, options);
   return {sub, [flags](target& t) {
-            print_json(select(snapshot_of(*flags, t), *flags), true);
+            print_state(*flags, t);
             return int{exit_ok};
           }};
 }

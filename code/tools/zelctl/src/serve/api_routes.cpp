@@ -44,11 +44,7 @@ frozen_records frozen_kind(const zelcapi::state& replica, const std::string& key
   zelcapi::state_item_type type{};
   if (item_type_of(key, type)) return freeze(replica.get_items(type));
   zelcore::properties records;
-  if (key == "workflows") {
-    replica.get_workflows(records);
-  } else {
-    replica.get_workflow_results(records);
-  }
+  workflow_tree(replica, key, records);
   return freeze_children(records);
 }
 

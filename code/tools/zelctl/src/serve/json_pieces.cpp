@@ -1,11 +1,9 @@
 // Freezing records and writing a JSON plan in pieces.
 #include "serve/json_pieces.h"
 
-#include <algorithm>
-#include <functional>
-
-#include "json_output.h"
+#include "json_writer.h"
 #include "kinds.h"
+#include "replica_json.h"
 
 namespace zelctl::serve {
 
@@ -41,33 +39,23 @@ void json_plan::add_records(frozen_records records) {
 }
 
 void json_plan::add_state(const zelcapi::state& replica) {
-  // The snapshot's members in key order, as the JSON of the whole tree has them.
-  std::vector<std::pair<std::string, std::function<void()>>> members;
-  for (std::uint32_t t = zelcapi::state_item_client; t <= zelcapi::state_item_task; ++t) {
-    const auto type = static_cast<zelcapi::state_item_type>(t);
-    members.emplace_back(snapshot_key_of(type),
-                         [this, &replica, type] { add_records(freeze(replica.get_items(type))); });
-  }
-  members.emplace_back("workflow-results", [this, &replica] {
-    zelcore::properties results;
-    replica.get_workflow_results(results);
-    add_records(freeze_children(results));
-  });
-  members.emplace_back("workflows", [this, &replica] {
-    zelcore::properties workflows;
-    replica.get_workflows(workflows);
-    add_records(freeze_children(workflows));
-  });
-  members.emplace_back("workflow-seq-nr", [this, &replica] {
-    add_text(std::to_string(replica.get_workflow_manager().get_current_sequence_number()));
-  });
-  std::sort(members.begin(), members.end(),
-            [](const auto& a, const auto& b) { return a.first < b.first; });
   const char* separator = "{";
-  for (const auto& [key, add_value] : members) {
-    add_text(separator + json_text(key, false) + ":");
-    add_value();
+  for (const std::string& key : snapshot_json_keys()) {
+    std::string text = separator;
+    append_json_string(text, key);
+    text += ':';
     separator = ",";
+    zelcapi::state_item_type type{};
+    zelcore::properties tree;
+    if (item_type_of(key, type)) {
+      add_text(std::move(text));
+      add_records(freeze(replica.get_items(type)));
+    } else if (workflow_tree(replica, key, tree)) {
+      add_text(std::move(text));
+      add_records(freeze_children(tree));
+    } else {
+      add_text(text + std::to_string(workflow_seq_nr(replica)));
+    }
   }
   add_text("}");
 }
@@ -102,9 +90,9 @@ bool json_pieces::next(std::string& out) {
 
 void append_record_json(std::string& out, const std::string& id,
                         const zelcore::properties& record) {
-  out += json_text(id, false);
+  append_json_string(out, id);
   out += ':';
-  out += json_text(to_json(record), false);
+  json_writer(out, false).value(record);
 }
 
 }  // namespace zelctl::serve
