@@ -10,6 +10,12 @@
 // - jobs acknowledged per second for one bulk submit_jobs request of 100, 1,000 and 10,000 jobs:
 //   from the send to the master's reply, which comes after the master has entered every job.
 //
+// `submit_bench --submit-to PORT [--workflows N] [--window W] [--user NAME:PASSWORD]` instead
+// logs in to a zelsim program already running on 127.0.0.1:PORT (as demo:demo unless told),
+// submits N (1,000) of the same workflows once, W (64) in flight, each task running for a day so
+// that none ends during the pass, and prints the seconds from the first send to the last reply:
+// the C++ peer of bench/python_submit_bench.py.
+//
 // Each repetition gets a fresh cluster (so that no side meets the work of the one before) whose
 // runner's clock stands still (options.manual_time): submitted work is accepted, its first
 // tasks and jobs become queued jobs and start on the nodes' free cores, and nothing ever ends,
@@ -27,6 +33,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -68,7 +75,7 @@ zelsim::options cluster_options() {
 }
 
 // A chain of five tasks, each feeding the next one's in-node: what a pipeline submits.
-properties five_task_workflow() {
+properties five_task_workflow(int run_ms = 1000) {
   properties tasks;
   for (int i = 1; i <= 5; ++i) {
     properties task;
@@ -76,7 +83,7 @@ properties five_task_workflow() {
     task.set_int_value("max-attempts", 2);
     properties parameters;
     parameters.set_string_value("command", "step " + std::to_string(i));
-    parameters.set_int_value("run-ms", 1000);
+    parameters.set_int_value("run-ms", run_ms);
     task.set_properties_value("parameters", parameters);
     properties ins;
     if (i > 1) ins.set_properties_value("in", properties());
@@ -118,11 +125,12 @@ struct session {
   std::unique_ptr<zelcapi::work_client> client;
 };
 
-// The library's side: `count` workflows through submit_workflow_async, at most `window` in
+// The library's side: `count` workflows through submit_workflow_async, at most `in_flight` in
 // flight; each reply's callback sends the next. Returns the seconds from the first send to the
 // last reply, or a negative number with `error` set.
 double submit_pipelined(zelcapi::connection& c, zelcapi::work_client& client,
-                        const properties& workflow, int count, std::string& error) {
+                        const properties& workflow, int count, std::string& error,
+                        int in_flight = window) {
   int sent = 0;
   int answered = 0;
   bool finished = false;
@@ -141,7 +149,7 @@ double submit_pipelined(zelcapi::connection& c, zelcapi::work_client& client,
     client.submit_workflow_async(workflow, "", {}, done);
   };
   const auto start = clock_type::now();
-  while (sent < window && sent < count) send_next();
+  while (sent < in_flight && sent < count) send_next();
   if (!c.serve_until(finished)) error = "the link ended before every reply";
   const double seconds = std::chrono::duration<double>(clock_type::now() - start).count();
   return error.empty() ? seconds : -1;
@@ -417,9 +425,62 @@ BENCHMARK(BM_jobs_bulk_submission)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
+// The --submit-to mode; returns the exit status.
+int submit_to(int argc, char** argv) {
+  std::string port;
+  std::string account = "demo:demo";
+  int count = workflows_per_repetition;
+  int in_flight = window;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string flag = argv[i];
+    const std::string value = argv[i + 1];
+    if (flag == "--submit-to") {
+      port = value;
+    } else if (flag == "--user") {
+      account = value;
+    } else if (flag == "--workflows") {
+      count = std::atoi(value.c_str());
+    } else if (flag == "--window") {
+      in_flight = std::atoi(value.c_str());
+    } else {
+      std::fprintf(stderr, "submit_bench: unknown flag %s\n", flag.c_str());
+      return 2;
+    }
+  }
+  const std::size_t colon = account.find(':');
+  if (port.empty() || argc % 2 == 0 || count < 1 || in_flight < 1 || colon == std::string::npos) {
+    std::fprintf(stderr,
+                 "usage: submit_bench --submit-to PORT [--workflows N] [--window W] "
+                 "[--user NAME:PASSWORD]\n");
+    return 2;
+  }
+  zelcapi::connection c;
+  if (c.connect("127.0.0.1", port, 5) != zelcapi::connection_ok ||
+      c.login_sync(account.substr(0, colon), account.substr(colon + 1), "", "", 5, false)
+          .get_properties()
+          .is_present("error")) {
+    std::fprintf(stderr, "submit_bench: cannot log in to 127.0.0.1:%s\n", port.c_str());
+    return 1;
+  }
+  zelcore::plugin_db plugins;
+  zelcapi::work_client client(c, plugins);
+  constexpr int a_day_ms = 86400000;
+  std::string error;
+  const double seconds =
+      submit_pipelined(c, client, five_task_workflow(a_day_ms), count, error, in_flight);
+  c.disconnect("done", false);
+  if (seconds < 0) {
+    std::fprintf(stderr, "submit_bench: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("%.6f\n", seconds);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "--submit-to") return submit_to(argc, argv);
   // Ten repetitions of each, interleaved at random: the master shares the machine with the
   // client, so single repetitions vary by a third on a busy machine.
   zelbench::initialize_repeated(&argc, argv, 10);
