@@ -339,7 +339,7 @@ int main(int argc, char** argv) {
        false},
   });
   reporter.print_share("save of 1% changed vs full save (SQLite)",
-                       "BM_save_one_percent_changed_sqlite", "BM_save_state_sqlite", 0.05);
+                       "BM_save_one_percent_changed_sqlite", "BM_save_state_sqlite", 0.10);
   reporter.print_share("save of nothing changed vs save of 1% changed (SQLite)",
                        "BM_save_unchanged_sqlite", "BM_save_one_percent_changed_sqlite");
   reporter.print_share("save of nothing changed vs full save (SQLite)", "BM_save_unchanged_sqlite",

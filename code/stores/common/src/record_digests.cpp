@@ -162,16 +162,46 @@ void kind_digests::forget() noexcept {
 }
 
 std::vector<kind_digests::entry>::iterator kind_digests::find(std::uint64_t id_hash) {
-  const auto at = std::lower_bound(entries_.begin(), entries_.end(), id_hash,
+  // The hashes are spread evenly over their range: an entry lies close to where its hash's share
+  // of the range puts it, and a search outwards from there, by doubling steps, touches a few
+  // cache lines where halving the whole array misses the cache at most of its steps.
+  const std::size_t n = entries_.size();
+  if (n == 0) return entries_.end();
+  const auto guess = static_cast<std::size_t>((static_cast<unsigned __int128>(id_hash) * n) >> 64);
+  std::size_t lo = 0, hi = n;  // the first entry not below id_hash is in [lo, hi]
+  if (entries_[guess].id_hash < id_hash) {
+    lo = guess + 1;
+    for (std::size_t step = 1;; step *= 2) {
+      const std::size_t probe = lo + step - 1;
+      if (probe >= n) break;
+      if (entries_[probe].id_hash >= id_hash) {
+        hi = probe;
+        break;
+      }
+      lo = probe + 1;
+    }
+  } else {
+    hi = guess;
+    for (std::size_t step = 1;; step *= 2) {
+      if (hi < step) break;
+      const std::size_t probe = hi - step;
+      if (entries_[probe].id_hash < id_hash) {
+        lo = probe + 1;
+        break;
+      }
+      hi = probe;
+    }
+  }
+  const auto first = entries_.begin() + static_cast<std::ptrdiff_t>(lo);
+  const auto last = entries_.begin() + static_cast<std::ptrdiff_t>(std::min(hi + 1, n));
+  const auto at = std::lower_bound(first, last, id_hash,
                                    [](const entry& e, std::uint64_t h) { return e.id_hash < h; });
   return at != entries_.end() && at->id_hash == id_hash ? at : entries_.end();
 }
 
-bool kind_digests::holds(std::uint64_t id_hash,
-                         const zelcore::properties::content_handle& content) {
-  if (!content) return false;
+bool kind_digests::holds(std::uint64_t id_hash, const zelcore::properties& record) {
   const auto at = find(id_hash);
-  if (at == entries_.end() || at->digest == 0 || at->content != content) return false;
+  if (at == entries_.end() || at->digest == 0 || !record.holds_content(at->content)) return false;
   const auto mark = seen_.begin() + (at - entries_.begin());
   if (*mark) return false;  // a second id with this hash: needs_write makes it "always write"
   *mark = true;

@@ -47,9 +47,10 @@ class kind_digests {
   // Makes the entries unknown: after a failed save, or a save begun while another was open.
   void forget() noexcept;
 
-  // In a save: whether the entry of `id_hash` holds `content`, the content of the tree that the
-  // last committed save wrote under the id; such a record counts as seen and is skipped.
-  bool holds(std::uint64_t id_hash, const zelcore::properties::content_handle& content);
+  // In a save: whether `record` holds the content of the tree that the last committed save wrote
+  // under the id of `id_hash` (found without reading the record); such a record counts as seen
+  // and is skipped.
+  bool holds(std::uint64_t id_hash, const zelcore::properties& record);
   // In a save: whether the record must be written (new, changed, or sharing its id's hash);
   // remembers it as seen either way, with the content of its tree.
   bool needs_write(const record_digest& record, zelcore::properties::content_handle content);
@@ -100,7 +101,7 @@ class store_digests {
     kind_digests& digests = kinds_[kind];
     const bool compare_first = saving && digests.size() != 0;
     if (compare_first) {
-      if (digests.holds(id_hash_of(id), record.content())) {
+      if (digests.holds(id_hash_of(id), record)) {
         ++counts.unchanged;
         return;
       }

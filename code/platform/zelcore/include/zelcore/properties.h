@@ -396,6 +396,8 @@ class ZELCORE_EXPORT properties final : public property {
   // equals one taken earlier holds what it held then (a store skips such a record unread).
   using content_handle = zelbase::ptr_refcount<const zelbase::object_refcount>;
   content_handle content() const noexcept;
+  // Whether this tree holds the content that `content` references (no count is taken).
+  bool holds_content(const content_handle& content) const noexcept;
   bool empty() const noexcept { return size() == 0; }
   void clear() noexcept;
   // Removes the key; true when it was there.
