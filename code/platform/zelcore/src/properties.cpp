@@ -152,14 +152,6 @@ properties::const_iterator properties::end() const noexcept {
   return const_iterator(all.data() + all.size());
 }
 std::size_t properties::size() const noexcept { return entries().size(); }
-
-properties::content_handle properties::content() const noexcept {
-  return content_handle(body_.get());
-}
-
-bool properties::holds_content(const content_handle& content) const noexcept {
-  return content && content.get() == static_cast<const zelbase::object_refcount*>(body_.get());
-}
 void properties::clear() noexcept { body_.reset(); }
 
 properties::const_iterator properties::find(const std::string& key) const noexcept {

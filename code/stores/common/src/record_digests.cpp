@@ -131,7 +131,7 @@ void kind_digests::sort_and_merge_twins(std::vector<entry>& entries) {
   for (auto in = entries.begin(); in != entries.end(); ++in) {
     if (out != entries.begin() && (out - 1)->id_hash == in->id_hash) {
       (out - 1)->digest = 0;
-      (out - 1)->content = nullptr;
+      (out - 1)->tree = zelcore::properties();
     } else {
       *out++ = std::move(*in);
     }
@@ -143,7 +143,7 @@ void kind_digests::rebuild(std::vector<record_digest> records) {
   std::vector<entry> entries;
   entries.reserve(records.size());
   for (const record_digest& record : records)
-    entries.push_back({record.id_hash, record.digest, nullptr});
+    entries.push_back({record.id_hash, record.digest, zelcore::properties()});
   sort_and_merge_twins(entries);
   entries.shrink_to_fit();
   entries_ = std::move(entries);
@@ -201,30 +201,33 @@ std::vector<kind_digests::entry>::iterator kind_digests::find(std::uint64_t id_h
 
 bool kind_digests::holds(std::uint64_t id_hash, const zelcore::properties& record) {
   const auto at = find(id_hash);
-  if (at == entries_.end() || at->digest == 0 || !record.holds_content(at->content)) return false;
+  // Two trees hold the same content exactly when their entries are at the same address: the
+  // entry's copy keeps its content alive, and content that two trees share is never changed.
+  if (at == entries_.end() || at->digest == 0 || at->tree.empty() ||
+      at->tree.begin() != record.begin())
+    return false;
   const auto mark = seen_.begin() + (at - entries_.begin());
   if (*mark) return false;  // a second id with this hash: needs_write makes it "always write"
   *mark = true;
   return true;
 }
 
-bool kind_digests::needs_write(const record_digest& record,
-                               zelcore::properties::content_handle content) {
+bool kind_digests::needs_write(const record_digest& record, const zelcore::properties& tree) {
   const auto at = find(record.id_hash);
   if (at == entries_.end()) {
-    fresh_.push_back({record.id_hash, record.digest, std::move(content)});
+    fresh_.push_back({record.id_hash, record.digest, tree});
     return true;
   }
   const auto mark = seen_.begin() + (at - entries_.begin());
   if (*mark) {  // a second id with this hash in the same save
     at->digest = 0;
-    at->content = nullptr;
+    at->tree = zelcore::properties();
     return true;
   }
   *mark = true;
   if (at->digest == 0) return true;
   // Equal or not, the record's content is now what the store holds under the id.
-  at->content = std::move(content);
+  at->tree = tree;
   if (at->digest == record.digest) return false;
   at->digest = record.digest;
   return true;

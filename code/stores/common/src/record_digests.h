@@ -1,11 +1,12 @@
-// What a store last committed, 24 bytes a record: a save compares each record with it, writes
+// What a store last committed, 40 bytes a record: a save compares each record with it, writes
 // only the records that changed or are new, and deletes the records that it no longer holds.
 //
 // An entry is a 64-bit hash of the record's id, a 64-bit digest of its id and content, and a
-// counted reference to the content of the record that the store last committed (null after the
-// entries were read back from the database). A record whose tree still holds that very content
-// has not changed (the tree's copy on write: see zelcore::properties::content) and is skipped
-// without being read; any other record is read for its digest, which decides. Two ids
+// copy of the tree that the store last committed (empty after the entries were read back from
+// the database). The copy shares the record's content, so a change to the record gives the
+// record content of its own (copy on write): a record whose tree still holds the copy's very
+// content, told by the address of its entries, has not changed and is skipped without being
+// read. Any other record is read for its digest, which decides. Two ids
 // of one kind that share a hash make their entry "always write" (digest 0): the records are then
 // written on every save, never skipped. A record is skipped only when its digest equals the one
 // committed for its id, which a change misses with a chance of 2^-64.
@@ -47,13 +48,13 @@ class kind_digests {
   // Makes the entries unknown: after a failed save, or a save begun while another was open.
   void forget() noexcept;
 
-  // In a save: whether `record` holds the content of the tree that the last committed save wrote
-  // under the id of `id_hash` (found without reading the record); such a record counts as seen
-  // and is skipped.
+  // In a save: whether `record` holds the very content of the tree that the last committed save
+  // wrote under the id of `id_hash` (told without reading the record); such a record counts as
+  // seen and is skipped.
   bool holds(std::uint64_t id_hash, const zelcore::properties& record);
   // In a save: whether the record must be written (new, changed, or sharing its id's hash);
-  // remembers it as seen either way, with the content of its tree.
-  bool needs_write(const record_digest& record, zelcore::properties::content_handle content);
+  // remembers it as seen either way, with a copy of its tree (which shares its content).
+  bool needs_write(const record_digest& record, const zelcore::properties& tree);
   // In a save: a record was removed by its id. Another id may share its hash, so the entries are
   // rebuilt after the save rather than trusted.
   void removed() noexcept { stale_after_save_ = true; }
@@ -70,8 +71,8 @@ class kind_digests {
  private:
   struct entry {
     std::uint64_t id_hash;
-    std::uint64_t digest;  // 0: write always
-    zelcore::properties::content_handle content;
+    std::uint64_t digest;      // 0: write always
+    zelcore::properties tree;  // shares the committed record's content
   };
 
   std::vector<entry>::iterator find(std::uint64_t id_hash);
@@ -106,7 +107,7 @@ class store_digests {
         return;
       }
       ++counts.digested;
-      if (!digests.needs_write(digest_of(id, record), record.content())) {
+      if (!digests.needs_write(digest_of(id, record), record)) {
         ++counts.unchanged;
         return;
       }
@@ -118,7 +119,7 @@ class store_digests {
     }
     if (!compare_first) {
       ++counts.digested;
-      digests.needs_write(digest_of(id, record), record.content());
+      digests.needs_write(digest_of(id, record), record);
     }
     ++counts.written;
   }

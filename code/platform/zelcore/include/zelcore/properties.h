@@ -389,15 +389,6 @@ class ZELCORE_EXPORT properties final : public property {
   const_iterator find(const std::string& key) const noexcept;
   // Number of slots, null slots included.
   std::size_t size() const noexcept;
-
-  // A counted reference to this tree's content, null for a tree that has never held a child.
-  // Content held by a handle never changes: a change to a tree whose content is shared (a
-  // handle counts as a sharer) first gives that tree content of its own. So a tree whose handle
-  // equals one taken earlier holds what it held then (a store skips such a record unread).
-  using content_handle = zelbase::ptr_refcount<const zelbase::object_refcount>;
-  content_handle content() const noexcept;
-  // Whether this tree holds the content that `content` references (no count is taken).
-  bool holds_content(const content_handle& content) const noexcept;
   bool empty() const noexcept { return size() == 0; }
   void clear() noexcept;
   // Removes the key; true when it was there.

@@ -7,9 +7,9 @@
 //   number and commits. A save abandoned part-way, cut by a crash or by a lost connection leaves
 //   the previous complete save. A write that fails inside a save rolls the save back, and the
 //   save's further writes raise until the next begin_save.
-// - A save writes only the records that changed since the previous one: the store keeps 24 bytes
-//   a record of what it committed (a digest, and a reference to the tree's content that it
-//   wrote, so that a record still holding that content is skipped unread), read from the
+// - A save writes only the records that changed since the previous one: the store keeps 40 bytes
+//   a record of what it committed (a digest, and a copy of the tree it wrote, sharing its
+//   content, so that a record still holding that content is skipped unread), read from the
 //   database by the first save and again after a save that failed (last_save_counts,
 //   digest_memory_bytes).
 // - Outside a save, store_item and remove_item write one record each, in their own transaction;
