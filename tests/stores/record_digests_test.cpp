@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ std::vector<record_digest> records(int n, const std::string& content = "v") {
 
 int writes_of(kind_digests& digests, const std::vector<record_digest>& save) {
   int written = 0;
-  for (const record_digest& r : save) written += digests.needs_write(r);
+  for (const record_digest& r : save) written += digests.needs_write(r, zelcore::properties());
   return written;
 }
 
@@ -127,12 +128,13 @@ TEST(RecordDigests, TwoIdsSharingAHashAreWrittenOnEverySave) {
   const record_digest a{42, 1001}, b{42, 2002};
   kind_digests digests;
   digests.rebuild({a});
-  EXPECT_FALSE(digests.needs_write(a));  // unchanged, skipped
-  EXPECT_TRUE(digests.needs_write(b));   // same hash seen twice in one save: written
+  EXPECT_FALSE(digests.needs_write(a, zelcore::properties()));  // unchanged, skipped
+  EXPECT_TRUE(
+      digests.needs_write(b, zelcore::properties()));  // same hash seen twice in one save: written
   digests.commit_save();
   for (int save = 0; save < 3; ++save) {
-    EXPECT_TRUE(digests.needs_write(a));
-    EXPECT_TRUE(digests.needs_write(b));
+    EXPECT_TRUE(digests.needs_write(a, zelcore::properties()));
+    EXPECT_TRUE(digests.needs_write(b, zelcore::properties()));
     EXPECT_TRUE(digests.unseen().empty());
     digests.commit_save();
   }
@@ -142,19 +144,19 @@ TEST(RecordDigests, TwoIdsSharingAHashAreWrittenOnEverySave) {
 TEST(RecordDigests, TwinsInTheFirstSaveAreWrittenAlwaysAfterIt) {
   kind_digests digests;
   digests.rebuild({});
-  EXPECT_TRUE(digests.needs_write({7, 1}));
-  EXPECT_TRUE(digests.needs_write({7, 2}));
+  EXPECT_TRUE(digests.needs_write({7, 1}, zelcore::properties()));
+  EXPECT_TRUE(digests.needs_write({7, 2}, zelcore::properties()));
   digests.commit_save();
-  EXPECT_TRUE(digests.needs_write({7, 1}));
-  EXPECT_TRUE(digests.needs_write({7, 2}));
+  EXPECT_TRUE(digests.needs_write({7, 1}, zelcore::properties()));
+  EXPECT_TRUE(digests.needs_write({7, 2}, zelcore::properties()));
 }
 
 TEST(RecordDigests, RebuildFromRowsSharingAHashWritesThemAlways) {
   kind_digests digests;
   digests.rebuild({{9, 5}, {9, 6}, {3, 4}});
   EXPECT_EQ(digests.size(), 2u);
-  EXPECT_TRUE(digests.needs_write({9, 5}));
-  EXPECT_FALSE(digests.needs_write({3, 4}));
+  EXPECT_TRUE(digests.needs_write({9, 5}, zelcore::properties()));
+  EXPECT_FALSE(digests.needs_write({3, 4}, zelcore::properties()));
 }
 
 TEST(RecordDigests, RemovalInASaveMakesTheDigestsUnknownAfterIt) {
@@ -166,13 +168,59 @@ TEST(RecordDigests, RemovalInASaveMakesTheDigestsUnknownAfterIt) {
   EXPECT_FALSE(digests.known());
 }
 
-TEST(RecordDigests, MemoryIsSixteenBytesARecordBetweenSaves) {
+TEST(RecordDigests, RecordHoldingTheCommittedContentIsSkippedUnread) {
+  const zelcore::properties committed = text("a"), other = text("a");
+  const record_digest d = digest_of("r", committed);
+  kind_digests digests;
+  digests.rebuild({});
+  EXPECT_TRUE(digests.needs_write(d, committed));
+  digests.commit_save();
+  EXPECT_TRUE(digests.holds(d.id_hash, committed));
+  digests.commit_save();
+  // Equal content in another tree is not known unchanged without its digest, which then finds
+  // it equal and takes its content for the next save.
+  EXPECT_FALSE(digests.holds(d.id_hash, other));
+  EXPECT_FALSE(digests.needs_write(d, other));
+  digests.commit_save();
+  EXPECT_FALSE(digests.holds(d.id_hash, committed));
+  EXPECT_TRUE(digests.holds(d.id_hash, other));
+  // A tree without content, and a record read back from the store, are never known by content.
+  EXPECT_FALSE(digests.holds(d.id_hash, zelcore::properties()));
+  digests.rebuild({d});
+  EXPECT_FALSE(digests.holds(d.id_hash, other));
+}
+
+TEST(RecordDigests, EveryEntryOfALargeKindIsFoundAndNoOther) {
+  kind_digests digests;
+  digests.rebuild(records(50000));
+  EXPECT_EQ(writes_of(digests, records(50000)), 0);
+  EXPECT_TRUE(digests.unseen().empty());
+  EXPECT_EQ(writes_of(digests, {digest_of("absent", text("x"))}), 1);
+  for (const std::uint64_t edge : {std::uint64_t{0}, ~std::uint64_t{0}})
+    EXPECT_TRUE(digests.needs_write({edge, 5}, zelcore::properties()));
+}
+
+TEST(RecordDigests, ContentIsNotTrustedForIdsSharingAHash) {
+  const zelcore::properties a = text("a"), b = text("b");
+  kind_digests digests;
+  digests.rebuild({});
+  EXPECT_TRUE(digests.needs_write({42, 1}, a));
+  digests.commit_save();
+  EXPECT_TRUE(digests.holds(42, a));
+  EXPECT_TRUE(digests.needs_write({42, 2}, b));  // a second id with the same hash
+  digests.commit_save();
+  EXPECT_FALSE(digests.holds(42, a));
+  EXPECT_TRUE(digests.needs_write({42, 1}, a));
+}
+
+TEST(RecordDigests, MemoryIsFortyBytesARecordBetweenSaves) {
   kind_digests digests;
   digests.rebuild({});
   const int n = 100000;
   writes_of(digests, records(n));
   digests.commit_save();
   const double per_record = static_cast<double>(digests.memory_bytes()) / n;
-  EXPECT_LE(per_record, 16.2) << per_record << " bytes a record";
+  EXPECT_LE(per_record, 40.2) << per_record << " bytes a record";
+  std::printf("committed entries: %.1f bytes a record\n", per_record);
   RecordProperty("bytes_per_record", std::to_string(per_record));
 }

@@ -104,7 +104,8 @@ class tree_bytes {
   std::string& out_;
 };
 
-bool by_id_hash(const record_digest& a, const record_digest& b) noexcept {
+template <class Entry>
+bool by_id_hash(const Entry& a, const Entry& b) noexcept {
   return a.id_hash < b.id_hash;
 }
 
@@ -124,19 +125,25 @@ record_digest digest_of(std::string_view id, const zelcore::properties& record) 
   return {id_hash_of(id), digest};
 }
 
-void kind_digests::sort_and_merge_twins(std::vector<record_digest>& entries) {
-  std::sort(entries.begin(), entries.end(), by_id_hash);
+void kind_digests::sort_and_merge_twins(std::vector<entry>& entries) {
+  std::sort(entries.begin(), entries.end(), by_id_hash<entry>);
   auto out = entries.begin();
   for (auto in = entries.begin(); in != entries.end(); ++in) {
-    if (out != entries.begin() && (out - 1)->id_hash == in->id_hash)
+    if (out != entries.begin() && (out - 1)->id_hash == in->id_hash) {
       (out - 1)->digest = 0;
-    else
-      *out++ = *in;
+      (out - 1)->tree = zelcore::properties();
+    } else {
+      *out++ = std::move(*in);
+    }
   }
   entries.erase(out, entries.end());
 }
 
-void kind_digests::rebuild(std::vector<record_digest> entries) {
+void kind_digests::rebuild(std::vector<record_digest> records) {
+  std::vector<entry> entries;
+  entries.reserve(records.size());
+  for (const record_digest& record : records)
+    entries.push_back({record.id_hash, record.digest, zelcore::properties()});
   sort_and_merge_twins(entries);
   entries.shrink_to_fit();
   entries_ = std::move(entries);
@@ -154,26 +161,75 @@ void kind_digests::forget() noexcept {
   fresh_ = {};
 }
 
-std::vector<record_digest>::iterator kind_digests::find(std::uint64_t id_hash) {
-  const auto at =
-      std::lower_bound(entries_.begin(), entries_.end(), record_digest{id_hash, 0}, by_id_hash);
+std::vector<kind_digests::entry>::iterator kind_digests::find(std::uint64_t id_hash) {
+  // The hashes are spread evenly over their range: an entry lies close to where its hash's share
+  // of the range puts it, and a search outwards from there, by doubling steps, touches a few
+  // cache lines where halving the whole array misses the cache at most of its steps.
+  const std::size_t n = entries_.size();
+  if (n == 0) return entries_.end();
+  const auto guess = static_cast<std::size_t>((static_cast<unsigned __int128>(id_hash) * n) >> 64);
+  std::size_t lo = 0, hi = n;  // the first entry not below id_hash is in [lo, hi]
+  if (entries_[guess].id_hash < id_hash) {
+    lo = guess + 1;
+    for (std::size_t step = 1;; step *= 2) {
+      const std::size_t probe = lo + step - 1;
+      if (probe >= n) break;
+      if (entries_[probe].id_hash >= id_hash) {
+        hi = probe;
+        break;
+      }
+      lo = probe + 1;
+    }
+  } else {
+    hi = guess;
+    for (std::size_t step = 1;; step *= 2) {
+      if (hi < step) break;
+      const std::size_t probe = hi - step;
+      if (entries_[probe].id_hash < id_hash) {
+        lo = probe + 1;
+        break;
+      }
+      hi = probe;
+    }
+  }
+  const auto first = entries_.begin() + static_cast<std::ptrdiff_t>(lo);
+  const auto last = entries_.begin() + static_cast<std::ptrdiff_t>(std::min(hi + 1, n));
+  const auto at = std::lower_bound(first, last, id_hash,
+                                   [](const entry& e, std::uint64_t h) { return e.id_hash < h; });
   return at != entries_.end() && at->id_hash == id_hash ? at : entries_.end();
 }
 
-bool kind_digests::needs_write(const record_digest& record) {
+bool kind_digests::holds(std::uint64_t id_hash, const zelcore::properties& record) {
+  const auto at = find(id_hash);
+  // Two trees hold the same content exactly when their entries are at the same address: the
+  // entry's copy keeps its content alive, and content that two trees share is never changed.
+  if (at == entries_.end() || at->digest == 0 || at->tree.empty() ||
+      at->tree.begin() != record.begin())
+    return false;
+  const auto mark = seen_.begin() + (at - entries_.begin());
+  if (*mark) return false;  // a second id with this hash: needs_write makes it "always write"
+  *mark = true;
+  return true;
+}
+
+bool kind_digests::needs_write(const record_digest& record, const zelcore::properties& tree) {
   const auto at = find(record.id_hash);
   if (at == entries_.end()) {
-    fresh_.push_back(record);
+    fresh_.push_back({record.id_hash, record.digest, tree});
     return true;
   }
   const auto mark = seen_.begin() + (at - entries_.begin());
   if (*mark) {  // a second id with this hash in the same save
     at->digest = 0;
+    at->tree = zelcore::properties();
     return true;
   }
   *mark = true;
-  if (at->digest != 0 && at->digest == record.digest) return false;
-  if (at->digest != 0) at->digest = record.digest;
+  if (at->digest == 0) return true;
+  // Equal or not, the record's content is now what the store holds under the id.
+  at->tree = tree;
+  if (at->digest == record.digest) return false;
+  at->digest = record.digest;
   return true;
 }
 
@@ -188,13 +244,14 @@ std::vector<std::uint64_t> kind_digests::unseen() const {
 void kind_digests::commit_save() {
   std::size_t kept = 0;
   for (std::size_t i = 0; i < entries_.size(); ++i) {
-    if (seen_[i]) entries_[kept++] = entries_[i];
+    if (seen_[i]) entries_[kept++] = std::move(entries_[i]);
   }
-  entries_.resize(kept);
+  entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(kept), entries_.end());
   if (!fresh_.empty()) {
     sort_and_merge_twins(fresh_);
-    const auto middle = entries_.insert(entries_.end(), fresh_.begin(), fresh_.end());
-    std::inplace_merge(entries_.begin(), middle, entries_.end(), by_id_hash);
+    const auto middle = entries_.insert(entries_.end(), std::make_move_iterator(fresh_.begin()),
+                                        std::make_move_iterator(fresh_.end()));
+    std::inplace_merge(entries_.begin(), middle, entries_.end(), by_id_hash<entry>);
     fresh_ = {};
   }
   // Between saves the entries hold no more than an eighth beyond what they need.
@@ -205,7 +262,7 @@ void kind_digests::commit_save() {
 }
 
 std::size_t kind_digests::memory_bytes() const noexcept {
-  return entries_.capacity() * sizeof(record_digest) + seen_.capacity() / 8;
+  return entries_.capacity() * sizeof(entry) + seen_.capacity() / 8;
 }
 
 void store_digests::forget() noexcept {

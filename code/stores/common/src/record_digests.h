@@ -1,7 +1,12 @@
-// What a store last committed, 16 bytes a record: a save compares each record with it, writes
+// What a store last committed, 40 bytes a record: a save compares each record with it, writes
 // only the records that changed or are new, and deletes the records that it no longer holds.
 //
-// An entry is a 64-bit hash of the record's id and a 64-bit digest of its id and content. Two ids
+// An entry is a 64-bit hash of the record's id, a 64-bit digest of its id and content, and a
+// copy of the tree that the store last committed (empty after the entries were read back from
+// the database). The copy shares the record's content, so a change to the record gives the
+// record content of its own (copy on write): a record whose tree still holds the copy's very
+// content, told by the address of its entries, has not changed and is skipped without being
+// read. Any other record is read for its digest, which decides. Two ids
 // of one kind that share a hash make their entry "always write" (digest 0): the records are then
 // written on every save, never skipped. A record is skipped only when its digest equals the one
 // committed for its id, which a change misses with a chance of 2^-64.
@@ -43,9 +48,13 @@ class kind_digests {
   // Makes the entries unknown: after a failed save, or a save begun while another was open.
   void forget() noexcept;
 
+  // In a save: whether `record` holds the very content of the tree that the last committed save
+  // wrote under the id of `id_hash` (told without reading the record); such a record counts as
+  // seen and is skipped.
+  bool holds(std::uint64_t id_hash, const zelcore::properties& record);
   // In a save: whether the record must be written (new, changed, or sharing its id's hash);
-  // remembers it as seen either way.
-  bool needs_write(const record_digest& record);
+  // remembers it as seen either way, with a copy of its tree (which shares its content).
+  bool needs_write(const record_digest& record, const zelcore::properties& tree);
   // In a save: a record was removed by its id. Another id may share its hash, so the entries are
   // rebuilt after the save rather than trusted.
   void removed() noexcept { stale_after_save_ = true; }
@@ -60,14 +69,20 @@ class kind_digests {
   std::size_t memory_bytes() const noexcept;
 
  private:
-  std::vector<record_digest>::iterator find(std::uint64_t id_hash);
-  static void sort_and_merge_twins(std::vector<record_digest>& entries);
+  struct entry {
+    std::uint64_t id_hash;
+    std::uint64_t digest;      // 0: write always
+    zelcore::properties tree;  // shares the committed record's content
+  };
+
+  std::vector<entry>::iterator find(std::uint64_t id_hash);
+  static void sort_and_merge_twins(std::vector<entry>& entries);
 
   bool known_ = false;
   bool stale_after_save_ = false;
-  std::vector<record_digest> entries_;  // sorted by id hash, hashes distinct
-  std::vector<bool> seen_;              // one mark per entry, for the save in progress
-  std::vector<record_digest> fresh_;    // records of the save with no entry yet
+  std::vector<entry> entries_;  // sorted by id hash, hashes distinct
+  std::vector<bool> seen_;      // one mark per entry, for the save in progress
+  std::vector<entry> fresh_;    // records of the save with no entry yet
 };
 
 // The digests of the eight kinds of a state store and the counts of its save: the part of a
@@ -77,24 +92,35 @@ class store_digests {
   kind_digests& operator[](std::size_t kind) noexcept { return kinds_[kind]; }
 
   // Stores one record through `write` (which writes it): in a save, only a record new or
-  // changed, compared before writing when the kind has entries to compare with, or with its
-  // digest taken after the write, while its tree is still in the cache, when every record is
-  // new; outside a save always, and the kind's digests become unknown.
+  // changed, compared before writing when the kind has entries to compare with (first by its
+  // content, unread, then by its digest), or with its digest taken after the write, while its
+  // tree is still in the cache, when every record is new; outside a save always, and the kind's
+  // digests become unknown.
   template <class Write>
   void store(std::size_t kind, std::string_view id, const zelcore::properties& record, bool saving,
              Write&& write) {
     kind_digests& digests = kinds_[kind];
     const bool compare_first = saving && digests.size() != 0;
-    if (compare_first && !digests.needs_write(digest_of(id, record))) {
-      ++counts.unchanged;
-      return;
+    if (compare_first) {
+      if (digests.holds(id_hash_of(id), record)) {
+        ++counts.unchanged;
+        return;
+      }
+      ++counts.digested;
+      if (!digests.needs_write(digest_of(id, record), record)) {
+        ++counts.unchanged;
+        return;
+      }
     }
     write();
     if (!saving) {
       digests.forget();
       return;
     }
-    if (!compare_first) digests.needs_write(digest_of(id, record));
+    if (!compare_first) {
+      ++counts.digested;
+      digests.needs_write(digest_of(id, record), record);
+    }
     ++counts.written;
   }
   // A record of the kind was removed by its id, in a save or outside one.

@@ -7,9 +7,11 @@
 //   number and commits. A save abandoned part-way, cut by a crash or by a lost connection leaves
 //   the previous complete save. A write that fails inside a save rolls the save back, and the
 //   save's further writes raise until the next begin_save.
-// - A save writes only the records that changed since the previous one: the store keeps a 16-byte
-//   digest a record of what it committed, read from the database by the first save and again
-//   after a save that failed (last_save_counts, digest_memory_bytes).
+// - A save writes only the records that changed since the previous one: the store keeps 40 bytes
+//   a record of what it committed (a digest, and a copy of the tree it wrote, sharing its
+//   content, so that a record still holding that content is skipped unread), read from the
+//   database by the first save and again after a save that failed (last_save_counts,
+//   digest_memory_bytes).
 // - Outside a save, store_item and remove_item write one record each, in their own transaction;
 //   clear deletes everything in one.
 // - Loads read through a second connection, so that a saver thread may write meanwhile, and see
@@ -28,6 +30,9 @@ struct save_counts {
   std::uint64_t written = 0;    // records new or changed since the previous save
   std::uint64_t unchanged = 0;  // records the save held that were already stored as they are
   std::uint64_t removed = 0;    // stored records that the save no longer held
+  // Records whose tree the save read to take its digest: the new ones, and those whose tree was
+  // not the very one that the previous save committed (after a store was opened, every record).
+  std::uint64_t digested = 0;
 };
 
 }  // namespace zelcapi
