@@ -113,3 +113,26 @@ async def test_changes_survive_a_cancelled_wait_and_report_workflows_added_and_r
         node.drop()
         with pytest.raises(StopAsyncIteration):
             await asyncio.wait_for(changes.__anext__(), 30)
+
+
+@pytest.mark.asyncio
+async def test_changes_are_kept_from_the_first_call_of_changes_on(scripted_node):
+    node = scripted_node()
+    async with zelcapi.AsyncStateConnection() as c:
+        await c.connect("127.0.0.1", node.port)
+        node.send(3, "cluster.api.state.set-item",
+                  {"item-type": 5, "state-id": "job-1", "state": {"state": "queued"}})
+        node.send(3, "cluster.api.state.add-workflow",
+                  {"state-id": "wf-1", "workflow": {"name": "nightly"}})
+        # A wait on job-1 sees it by its id alone; nothing is queued for changes() yet.
+        record = await asyncio.wait_for(c.wait("job-1", until=lambda r: True), 30)
+        assert record.id == "job-1"
+        changes = c.changes().__aiter__()
+        node.send(3, "cluster.api.state.set-item",
+                  {"item-type": 5, "state-id": "job-2", "state": {"state": "running"}})
+        node.send(3, "cluster.api.state.remove-workflow", {"state-id": "wf-1"})
+        seen = [await asyncio.wait_for(changes.__anext__(), 30) for _ in range(2)]
+        assert seen == [
+            zelcapi.Change("set", zelcapi.ItemType.JOB, "job-2", {"state": "running"}),
+            zelcapi.Change("workflow-removed", None, "wf-1", None),
+        ]

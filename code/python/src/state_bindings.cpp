@@ -16,9 +16,13 @@ namespace {
 using zelnet::zelp::packet;
 
 // A Python subclass of StateHandler. A method that the subclass does not define costs no
-// conversion: the library's default runs.
+// conversion: the library's default runs. With ids_only, the calls carry ids and no records
+// (None, or a workflow command cut to its "state-id"): for a handler that, until someone asks for
+// the records, only needs to know what changed.
 class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
  public:
+  bool ids_only = false;
+
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
                           const zelcore::properties& props) override {
     return item_call(item_updated, "item_updated", type, id, &props);
@@ -51,16 +55,18 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
   bool state_workflow_added(const std::string& id, const zelcore::properties& workflow) override {
     gil_for_callback gil;
     PyObject* f = find(workflow_added, "workflow_added");
-    return f == nullptr || truth(methods::call(f, self(), id, to_python(workflow)));
+    if (f == nullptr) return true;
+    if (ids_only) return truth(methods::call(f, self(), id, py::none()));
+    return truth(methods::call(f, self(), id, to_python(workflow)));
   }
   bool state_workflow_removed(const std::string& id) override {
     return id_call(workflow_removed, "workflow_removed", id);
   }
   bool state_workflow_updated(const zelcore::properties& command) override {
-    return tree_call(workflow_updated, "workflow_updated", command);
+    return command_call(workflow_updated, "workflow_updated", command);
   }
   bool state_pre_workflow_update(const zelcore::properties& command) override {
-    return tree_call(pre_workflow_update, "pre_workflow_update", command);
+    return command_call(pre_workflow_update, "pre_workflow_update", command);
   }
   bool state_new_state(const zelcore::properties& state) override {
     return tree_call(new_state, "new_state", state);
@@ -97,6 +103,7 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
     PyObject* f = find(s, name);
     if (f == nullptr) return true;
     if (props == nullptr) return truth(methods::call(f, self(), type, id));
+    if (ids_only) return truth(methods::call(f, self(), type, id, py::none()));
     return truth(methods::call(f, self(), type, id, to_python(*props)));
   }
   bool id_call(slot s, const char* name, const std::string& id) {
@@ -107,9 +114,27 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
   bool tree_call(slot s, const char* name, const zelcore::properties& tree) {
     gil_for_callback gil;
     PyObject* f = find(s, name);
-    return f == nullptr || truth(methods::call(f, self(), to_python(tree)));
+    if (f == nullptr) return true;
+    if (ids_only) return truth(methods::call(f, self(), py::none()));
+    return truth(methods::call(f, self(), to_python(tree)));
+  }
+  bool command_call(slot s, const char* name, const zelcore::properties& command) {
+    if (!ids_only) return tree_call(s, name, command);
+    gil_for_callback gil;
+    PyObject* f = find(s, name);
+    if (f == nullptr) return true;
+    py::dict cut;
+    cut["state-id"] = to_python(command.get_property("state-id").get());
+    return truth(methods::call(f, self(), cut));
   }
 };
+
+// The handler as its Python subclass made it; StateHandler itself has no Python side.
+py_state_handler& as_python_handler(zelcapi::state_handler& h) {
+  auto* subclass = dynamic_cast<py_state_handler*>(&h);
+  if (subclass == nullptr) throw py::type_error("only a subclass of StateHandler has _ids_only");
+  return *subclass;
+}
 
 zelcapi::state_item_type item_type(int type) {
   if (type < 0 || type > static_cast<int>(zelcapi::state_item_task)) {
@@ -167,7 +192,11 @@ void bind_state(py::module_& m) {
       "item_erased_property_ref, workflow_result_added, workflow_result_removed, workflow_added, "
       "workflow_removed, workflow_updated, pre_workflow_update, new_state, history_reply, "
       "handle, status or disconnected.")
-      .def(py::init<>());
+      .def(py::init<>())
+      .def_property(
+          "_ids_only", [](zelcapi::state_handler& h) { return as_python_handler(h).ids_only; },
+          [](zelcapi::state_handler& h, bool on) { as_python_handler(h).ids_only = on; },
+          "Calls carry ids without records (None; a workflow command cut to its \"state-id\").");
 
   py::class_<replica>(m, "State",
                       "The replica of a state connection; it keeps its connection alive.")

@@ -106,10 +106,14 @@ class Change(NamedTuple):
 
 
 class _ChangeQueue(_zelcapi.StateHandler):
-    """Queues the changes of a state connection and wakes who awaits them."""
+    """Queues the changes of a state connection and wakes who awaits them. Nothing is queued
+    (nor converted) until someone asks for the changes: a program that only submits and waits
+    keeps no growing queue, and its calls carry ids alone."""
 
     def __init__(self) -> None:
         super().__init__()
+        self._ids_only = True
+        self.recording = False
         self.changes: Deque[Change] = collections.deque()
         self.wakeup: Optional[asyncio.Future] = None
         self.new_state_waiter: Optional[asyncio.Future] = None
@@ -128,10 +132,16 @@ class _ChangeQueue(_zelcapi.StateHandler):
             if not future.done():
                 future.set_result(None)
 
+    def record(self) -> None:
+        """Queues the changes from now on, each with its record."""
+        self.recording = True
+        self._ids_only = False
+
     def _put(self, change: Change) -> bool:
-        self.changes.append(change)
-        if self.wakeup is not None and not self.wakeup.done():
-            self.wakeup.set_result(None)
+        if self.recording:
+            self.changes.append(change)
+            if self.wakeup is not None and not self.wakeup.done():
+                self.wakeup.set_result(None)
         if self.watchers:
             self._wake(self.watchers.pop(change.id, None))
         return True
@@ -263,7 +273,9 @@ class AsyncStateConnection:
         await future
 
     def changes(self) -> "Changes":
-        """The replica's changes as they are applied; ends when the link is lost."""
+        """The replica's changes as they are applied from the first call of changes() on (none
+        is kept before it); ends when the link is lost."""
+        self._queue.record()
         return Changes(self)
 
     # The write side: the library's work client over this connection. Each call returns the
