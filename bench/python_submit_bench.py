@@ -19,56 +19,29 @@ repetitions each; each is judged on its fastest repetition, the median printed b
 
 import argparse
 import asyncio
-import re
-import signal
+import os
 import statistics
 import subprocess
+import sys
 import time
 from typing import List
 
 import zelcapi
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests",
+                                "python"))
+from zelsim_program import ZelsimProgram  # noqa: E402  (found through the path above)
+
 WORKFLOWS = 1000
 WINDOW = 64
 A_DAY_MS = 86400000
 TARGET = 0.5
-LISTENING = re.compile(r"zelsim: node-1 [\d.]+:(\d+): listening")
 
 # The C++ side's workflow: five tasks in a chain, each after the one before.
 WORKFLOW = {"name": "chain", "tasks": [
     {"name": "t%d" % i, "command": "step %d" % i, "max-attempts": 2, "run-ms": A_DAY_MS,
      **({"after": "t%d" % (i - 1)} if i > 1 else {})}
     for i in range(1, 6)]}
-
-
-class Zelsim:
-    """A zelsim program of one idle node on a free port."""
-
-    def __init__(self, program: str) -> None:
-        self.process = subprocess.Popen(
-            [program, "--idle", "--run-ms", str(A_DAY_MS), "--nodes", "1", "--port", "0"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        self.port = ""
-        deadline = time.monotonic() + 20
-        while not self.port and time.monotonic() < deadline:
-            line = self.process.stderr.readline()
-            if not line:
-                break
-            found = LISTENING.search(line)
-            if found:
-                self.port = found.group(1)
-        if not self.port:
-            self.stop()
-            raise RuntimeError("zelsim did not start")
-
-    def stop(self) -> None:
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            self.process.wait(10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self.process.stderr.close()
 
 
 def cpp_pass(submit_bench: str, port: str) -> float:
@@ -107,9 +80,9 @@ def python_pass(port: str) -> float:
 
 
 def on_fresh_cluster(program: str, run) -> float:
-    sim = Zelsim(program)
+    sim = ZelsimProgram(program, "--idle", "--run-ms", str(A_DAY_MS), "--nodes", "1", "--port", "0")
     try:
-        return run(sim.port)
+        return run(sim.ports[1])
     finally:
         sim.stop()
 

@@ -4,11 +4,9 @@ that the test scripts packet by packet, and Ctrl-C sent while a call waits."""
 import os
 import platform
 import queue
-import re
 import signal
 import socket
 import struct
-import subprocess
 import threading
 import time
 from typing import Optional
@@ -16,38 +14,16 @@ from typing import Optional
 import pytest
 
 import zelcapi
+from zelsim_program import ZelsimProgram
 
 ZELSIM = os.environ.get("ZELSIM", "zelsim")
-LISTENING = re.compile(r"zelsim: node-(\d+) [\d.]+:(\d+): listening")
 
 
-class Cluster:
-    """A running zelsim: ports[n] is node n's port (1-based)."""
+class Cluster(ZelsimProgram):
+    """A running zelsim with the tests' users: ports[n] is node n's port (1-based)."""
 
     def __init__(self, *args: str) -> None:
-        self.process = subprocess.Popen(
-            [ZELSIM, "--user", "alice:secret", "--admin", "root:toor", *args],
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        self.ports = {}
-        nodes = int(args[args.index("--nodes") + 1]) if "--nodes" in args else 3
-        deadline = time.monotonic() + 20
-        while len(self.ports) < nodes and time.monotonic() < deadline:
-            line = self.process.stderr.readline()
-            if not line:
-                break
-            found = LISTENING.search(line)
-            if found:
-                self.ports[int(found.group(1))] = found.group(2)
-        assert len(self.ports) == nodes, "zelsim did not start"
-
-    def stop(self) -> None:
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            self.process.wait(10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self.process.stderr.close()
+        super().__init__(ZELSIM, "--user", "alice:secret", "--admin", "root:toor", *args)
 
 
 @pytest.fixture
