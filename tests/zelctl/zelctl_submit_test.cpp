@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -126,6 +127,18 @@ TEST_F(ZelctlSubmit, WaitExitsEightWhenItsTimeOutPassesWithTheLastStateSaid) {
   expect_one_line(p.err());
   EXPECT_NE(p.err().find(said), std::string::npos) << p.err();
   // The work goes on: only the wait ended.
+  EXPECT_EQ(sim_.submitted_work().running, 1u);
+}
+
+TEST_F(ZelctlSubmit, CtrlCEndsTheWaitWithTheLastStateAndTheWorkGoesOn) {
+  process p(as_alice({"submit", file("wf.yaml", two_tasks(1000000)), "--wait"}));
+  ASSERT_TRUE(p.wait_for_output("done\n")) << p.err();
+  const std::string id = id_of(p.out(), "add-workflow");
+  ASSERT_FALSE(id.empty()) << p.out();
+  p.signal(SIGINT);
+  EXPECT_EQ(p.wait(), 130) << p.err();
+  EXPECT_EQ(last_line(p.out()), id + "  stopped waiting at running: the work goes on");
+  EXPECT_EQ(p.err(), "zelctl: stopped waiting at running: the work goes on\n");
   EXPECT_EQ(sim_.submitted_work().running, 1u);
 }
 

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "description_check.h"
 #include "json_output.h"
+#include "stop_signal.h"
 #include "write_outcomes.h"
 #include "zelcapi/state_connection.h"
 #include "zelcapi/work_client.h"
@@ -130,6 +131,7 @@ int severity(exit_code code) {
     case exit_work_removed: return 3;
     case exit_wait_timed_out: return 4;
     case exit_connection: return 5;
+    case exit_interrupted: return 6;
     default: return 0;
   }
 }
@@ -238,7 +240,22 @@ std::string jobs_line(const zelcapi::state& replica, const std::vector<std::stri
   return "jobs: " + counted(counts);
 }
 
-// Waits for every id in turn within one time-out; stops at the first wait that fails.
+ending interrupted(const std::string& id, const zelcapi::wait_error& w) {
+  ending e;
+  e.id = id;
+  e.status = "interrupted";
+  const std::string last = w.last().state_name();
+  e.text =
+      "stopped waiting" + (last.empty() ? std::string() : " at " + last) + ": the work goes on";
+  e.code = exit_interrupted;
+  return e;
+}
+
+// A wait runs in slices of this length so that Ctrl-C or SIGTERM ends it.
+constexpr unsigned wait_slice_ms = 200;
+
+// Waits for every id in turn within one time-out; stops at the first wait that fails or when a
+// stop signal arrives.
 std::vector<ending> wait_for(const zelcapi::work_description& d, zelcapi::work_client& client,
                              const zelcapi::state& replica, const std::vector<std::string>& ids,
                              const submit_flags& f, std::FILE* watch_out) {
@@ -246,28 +263,35 @@ std::vector<ending> wait_for(const zelcapi::work_description& d, zelcapi::work_c
   if (f.watch) line = std::make_unique<status_line>(watch_out);
   const bool jobs = d.kind == zelcapi::description_kind::jobs;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(f.wait_timeout);
+  const auto left_ms = [&] {
+    if (f.wait_timeout == 0) return unlimited_wait_ms;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    return static_cast<unsigned>(std::max<long long>(left, 0));
+  };
+  // A workflow's end is its result, which the master records just before it removes the
+  // workflow: its status alone may say finished while the result is still on its way.
+  const zelcapi::work_client::wait_predicate until = [&](const zelcapi::work_record& r) {
+    if (line) line->show(jobs ? jobs_line(replica, ids) : workflow_line(r));
+    return jobs ? r.ended() : r.has_result;
+  };
   std::vector<ending> out;
   for (const std::string& id : ids) {
-    unsigned ms = unlimited_wait_ms;
-    if (f.wait_timeout != 0) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-      ms = static_cast<unsigned>(std::max<long long>(left, 0));
-    }
-    // A workflow's end is its result, which the master records just before it removes the
-    // workflow: its status alone may say finished while the result is still on its way.
-    const zelcapi::work_client::wait_predicate until = [&](const zelcapi::work_record& r) {
-      if (line) line->show(jobs ? jobs_line(replica, ids) : workflow_line(r));
-      return jobs ? r.ended() : r.has_result;
-    };
-    try {
-      const zelcapi::work_record r =
-          jobs ? client.wait_for_job(id, ms, until) : client.wait_for_workflow(id, ms, until);
-      out.push_back(ended_as(r));
-    } catch (const zelcapi::wait_error& w) {
-      out.push_back(wait_failed(id, w));
-      break;
+    for (;;) {
+      const unsigned ms = left_ms();
+      const unsigned slice = std::min(ms, wait_slice_ms);
+      try {
+        out.push_back(ended_as(jobs ? client.wait_for_job(id, slice, until)
+                                    : client.wait_for_workflow(id, slice, until)));
+        break;
+      } catch (const zelcapi::wait_error& w) {
+        const bool slice_over = w.why() == zelcapi::wait_error::timed_out && slice < ms;
+        if (slice_over && !stop_requested()) continue;
+        if (line) line->finish();
+        out.push_back(slice_over ? interrupted(id, w) : wait_failed(id, w));
+        return out;
+      }
     }
   }
   if (line) line->finish();
@@ -310,6 +334,8 @@ void print_items(const submit_flags& f, const zelcapi::write_result& result,
 int run_submit(const submit_flags& f, const global_options& o, target& t) {
   const zelcapi::work_description d = checked_description(f.file, f.settings);
   const bool waiting = f.wait || f.watch;
+  // From here on a first Ctrl-C ends the wait that follows (a second one ends zelctl at once).
+  if (waiting) install_stop_signals();
   zelcore::plugin_db plugins;
   zelcapi::state_handler quiet;
   // Waiting needs a replica, loaded before the request so that no change of the work is missed.

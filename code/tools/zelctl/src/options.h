@@ -26,6 +26,7 @@ enum exit_code : int {
   exit_work_cancelled = 7,
   exit_wait_timed_out = 8,
   exit_work_removed = 9,
+  exit_interrupted = 130,  // a wait ended by Ctrl-C or SIGTERM (the shell's code for SIGINT)
 };
 
 // An error that ends the program: its message becomes the one line on stderr.
