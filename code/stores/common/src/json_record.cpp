@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "zelbase/exceptions.h"
+#include "zelbase/utf8.h"
 
 namespace zelcapi::store_detail {
 
@@ -22,33 +23,10 @@ using zelcore::property_ptr;
 constexpr const char* source_file = "code\\stores\\common\\src\\json_record";
 constexpr char hex_digits[] = "0123456789abcdef";
 
-// The length of the valid UTF-8 sequence at p (at most `left` bytes there), 0 when invalid:
-// no overlong forms, no surrogates, nothing above U+10FFFF.
+// The length of the valid UTF-8 sequence at p (at most `left` bytes there), 0 when invalid.
 std::size_t utf8_length(const unsigned char* p, std::size_t left) {
-  const unsigned c = p[0];
-  std::size_t n;
-  std::uint32_t code;
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-    code = c & 0x1F;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-    code = c & 0x0F;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-    code = c & 0x07;
-  } else {
-    return 0;
-  }
-  if (left < n) return 0;
-  for (std::size_t i = 1; i < n; ++i) {
-    if ((p[i] & 0xC0) != 0x80) return 0;
-    code = code << 6 | (p[i] & 0x3F);
-  }
-  if (n == 3 && (code < 0x800 || (code >= 0xD800 && code <= 0xDFFF))) return 0;
-  if (n == 4 && (code < 0x10000 || code > 0x10FFFF)) return 0;
-  return n;
+  const zelbase::utf8_sequence sequence = zelbase::read_utf8(p, left);
+  return sequence.valid ? sequence.length : 0;
 }
 
 // The bytes that a JSON string holds as they are: all but the quote, the backslash and controls.

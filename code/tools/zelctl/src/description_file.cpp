@@ -11,6 +11,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include "options.h"
+#include "zelbase/utf8.h"
 
 namespace zelctl {
 
@@ -304,35 +305,17 @@ std::string printable_text(const std::string& text) {
       ++i;
       continue;
     }
-    // The length of a well-formed sequence, and the range of its second byte (which excludes
-    // overlong forms, surrogates and code points past U+10FFFF).
-    std::size_t length = 0;
-    unsigned char low = 0x80, high = 0xbf;
-    if (lead >= 0xc2 && lead <= 0xdf) {
-      length = 2;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-      length = 3;
-      if (lead == 0xe0) low = 0xa0;
-      if (lead == 0xed) high = 0x9f;
-    } else if (lead >= 0xf0 && lead <= 0xf4) {
-      length = 4;
-      if (lead == 0xf0) low = 0x90;
-      if (lead == 0xf4) high = 0x8f;
-    }
-    bool valid =
-        length != 0 && i + length <= text.size() && byte_at(i + 1) >= low && byte_at(i + 1) <= high;
-    for (std::size_t k = 2; valid && k < length; ++k) {
-      valid = byte_at(i + k) >= 0x80 && byte_at(i + k) <= 0xbf;
-    }
+    const zelbase::utf8_sequence sequence = zelbase::read_utf8(
+        reinterpret_cast<const unsigned char*>(text.data()) + i, text.size() - i);
     // The C1 control characters (U+0080 to U+009F) steer terminals as the C0 ones do.
-    const bool control = valid && lead == 0xc2 && byte_at(i + 1) <= 0x9f;
-    if (!valid || control) {
+    const bool control = sequence.valid && lead == 0xc2 && byte_at(i + 1) <= 0x9f;
+    if (!sequence.valid || control) {
       for (std::size_t k = 0; k < (control ? 2 : 1); ++k) escape(byte_at(i + k));
       i += control ? 2 : 1;
       continue;
     }
-    out.append(text, i, length);
-    i += length;
+    out.append(text, i, sequence.length);
+    i += sequence.length;
   }
   return out;
 }

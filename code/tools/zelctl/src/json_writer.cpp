@@ -4,6 +4,8 @@
 
 #include <charconv>
 
+#include "zelbase/utf8.h"
+
 namespace zelctl {
 namespace {
 
@@ -32,24 +34,6 @@ void append_escaped_ascii(std::string& out, unsigned char c) {
   out += static_cast<char>(c);
 }
 
-// The well-formed UTF-8 sequences: how many bytes follow a lead byte and the range of the first
-// of them (the rest are 0x80..0xBF); 0 bytes for a byte that cannot lead.
-struct lead {
-  int follow;
-  unsigned char low, high;
-};
-
-lead lead_of(unsigned char c) {
-  if (c >= 0xC2 && c <= 0xDF) return {1, 0x80, 0xBF};
-  if (c == 0xE0) return {2, 0xA0, 0xBF};
-  if (c == 0xED) return {2, 0x80, 0x9F};
-  if (c >= 0xE1 && c <= 0xEF) return {2, 0x80, 0xBF};
-  if (c == 0xF0) return {3, 0x90, 0xBF};
-  if (c >= 0xF1 && c <= 0xF3) return {3, 0x80, 0xBF};
-  if (c == 0xF4) return {3, 0x80, 0x8F};
-  return {0, 0, 0};
-}
-
 }  // namespace
 
 void append_json_string(std::string& out, std::string_view text) {
@@ -71,28 +55,13 @@ void append_json_string(std::string& out, std::string_view text) {
     }
     // A sequence broken off by a byte that cannot continue it is replaced by one U+FFFD and that
     // byte is read again as the start of the next; a byte that cannot start one is replaced.
-    const lead l = lead_of(c);
-    if (l.follow == 0) {
-      out += replacement;
-      ++i;
-      continue;
-    }
-    std::size_t next = i + 1;
-    bool whole = true;
-    for (int k = 0; k < l.follow; ++k, ++next) {
-      const unsigned char low = k == 0 ? l.low : 0x80;
-      const unsigned char high = k == 0 ? l.high : 0xBF;
-      if (next == n || s[next] < low || s[next] > high) {
-        whole = false;
-        break;
-      }
-    }
-    if (whole) {
-      out.append(text.data() + i, next - i);
+    const zelbase::utf8_sequence sequence = zelbase::read_utf8(s + i, n - i);
+    if (sequence.valid) {
+      out.append(text.data() + i, sequence.length);
     } else {
       out += replacement;
     }
-    i = next;
+    i += sequence.length;
   }
   out += '"';
 }
