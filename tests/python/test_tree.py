@@ -1,6 +1,8 @@
 """Records as dicts: every value kind round-trips, bytes that are not UTF-8 stay bytes, and a
 value that a tree cannot hold raises TypeError naming where it sits."""
 
+import time
+
 import pytest
 
 import zelcapi
@@ -51,3 +53,23 @@ def test_bad_input_raises_the_librarys_error_with_its_text():
         zelcapi.decode(b"\x81\xa1a")
     assert "cannot decode property" in str(raised.value)
     assert isinstance(raised.value, zelcapi.Error)
+
+
+def test_a_large_dict_costs_about_the_same_in_any_key_order():
+    # A dict's keys in descending order once made every key move the ones after it: 50,000 keys
+    # took about fifty times as long as in ascending order. Compared on the same machine, the
+    # faster of three tries of each.
+    keys = ["key-%06d" % i for i in range(50000)]
+    ascending = {k: 1 for k in keys}
+    descending = {k: 1 for k in reversed(keys)}
+
+    def fastest(record):
+        tries = []
+        for _ in range(3):
+            started = time.perf_counter()
+            encoded = zelcapi.encode(record)
+            tries.append(time.perf_counter() - started)
+        assert zelcapi.decode(encoded) == ascending
+        return min(tries)
+
+    assert fastest(descending) < 15 * fastest(ascending)

@@ -2,6 +2,9 @@
 // descriptions converted into the records and actions that the workflow manager applies.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <limits>
 #include <list>
 #include <map>
@@ -137,6 +140,34 @@ TEST(WorkDescription, ALongChainConvertsAndALongCycleIsReportedOnce) {
   const std::string& text = cycle.errors[0].message;
   EXPECT_EQ(text.rfind("dependency cycle: t0 -> t1999 -> t1998 -> ", 0), 0u) << text;
   EXPECT_NE(text.find("t1 -> t0 (each comes after the next)"), std::string::npos) << text;
+}
+
+TEST(WorkDescription, AWorkflowOfManyTasksCostsAboutTheSameInAnyNameOrder) {
+  // Tasks named in descending order once made each task's key move all those after it: 20,000
+  // of them took about thirty times as long as in ascending order. Compared on the same machine,
+  // the faster of two tries of each.
+  const auto workflow = [](bool descending) {
+    nlohmann::json tasks = nlohmann::json::array();
+    for (int i = 0; i < 20000; ++i) {
+      char name[16];
+      std::snprintf(name, sizeof name, "t%05d", descending ? 19999 - i : i);
+      tasks.push_back({{"name", name}, {"command", "run"}});
+    }
+    return tree(nlohmann::json{{"name", "wide"}, {"tasks", tasks}}.dump());
+  };
+  const auto fastest = [](const properties& description) {
+    double best = std::numeric_limits<double>::max();
+    for (int i = 0; i < 2; ++i) {
+      const auto started = std::chrono::steady_clock::now();
+      const work_description d = convert_description(description);
+      best = std::min(
+          best, std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+      EXPECT_EQ(d.workflow.get_properties_value("tasks").size(), 20000u);
+    }
+    return best;
+  };
+  const double ascending = fastest(workflow(false));
+  EXPECT_LT(fastest(workflow(true)), 10 * ascending);
 }
 
 TEST(WorkDescription, NamesTasksAndInValuesAreChecked) {

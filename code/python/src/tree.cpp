@@ -33,7 +33,10 @@ struct key_path {
 zelcore::property_ptr convert(py::handle value, const key_path* at, const std::string& root);
 
 zelcore::properties convert_dict(py::handle value, const key_path* at, const std::string& root) {
-  zelcore::properties tree;
+  // Gathered first and sorted once: a dict's keys come in its own order, and a tree takes keys
+  // out of order one at a time only by moving the keys after them.
+  zelcore::properties::container children;
+  children.reserve(static_cast<std::size_t>(PyDict_Size(value.ptr())));
   for (const auto& [key, item] : py::reinterpret_borrow<py::dict>(value)) {
     if (!PyUnicode_Check(key.ptr())) {
       const std::string where = at != nullptr ? at->text(root) : root;
@@ -43,9 +46,10 @@ zelcore::properties convert_dict(py::handle value, const key_path* at, const std
     }
     const std::string name = key.cast<std::string>();
     const key_path here{at, &name, 0};
-    tree[name] = convert(item, &here, root);
+    zelcore::property_ptr child = convert(item, &here, root);
+    children.emplace_back(name, std::move(child));
   }
-  return tree;
+  return zelcore::properties(std::move(children));
 }
 
 zelcore::property_ptr convert(py::handle value, const key_path* at, const std::string& root) {

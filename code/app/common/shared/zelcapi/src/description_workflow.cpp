@@ -430,11 +430,14 @@ properties encode_tasks(const std::vector<task_entry>& tasks,
     outputs[p] = tasks[p].outputs;
     if (outputs[p].empty() && !dependants[p].empty()) outputs[p].push_back(implicit_output);
   }
-  properties encoded;
+  // Gathered and sorted once: a tree takes keys out of order one at a time only by moving the
+  // keys after them, which a workflow of many tasks (or a task of many inputs) cannot afford.
+  properties::container encoded;
+  encoded.reserve(tasks.size());
   for (std::size_t i = 0; i < tasks.size(); ++i) {
     const task_entry& t = tasks[i];
     properties task = t.encoding;
-    properties in_nodes;
+    properties::container in_nodes;
     for (const std::string& name : t.taken) {
       const auto in = std::find_if(inputs.begin(), inputs.end(),
                                    [&name](const input_entry& e) { return e.name == name; });
@@ -445,13 +448,14 @@ properties encode_tasks(const std::vector<task_entry>& tasks,
       } else {
         node["value"] = values.get_property(name);
       }
-      in_nodes.set_properties_value(name, node);
+      in_nodes.emplace_back(name, zelbase::make_refcount<properties>(std::move(node)));
     }
     for (const auto& [p, k] : t.prerequisites) {
       for (const std::string& o : outputs[p]) {
         properties node;
         node.set_string_value("accepts", "any");
-        in_nodes.set_properties_value(tasks[p].name + "." + o, node);
+        in_nodes.emplace_back(tasks[p].name + "." + o,
+                              zelbase::make_refcount<properties>(std::move(node)));
       }
     }
     properties out_values;
@@ -464,11 +468,11 @@ properties encode_tasks(const std::vector<task_entry>& tasks,
       out_value["destinations"] = zelcore::make_string_list(destinations);
       out_values.set_properties_value(o, out_value);
     }
-    if (!in_nodes.empty()) task.set_properties_value("in-nodes", in_nodes);
+    if (!in_nodes.empty()) task.set_properties_value("in-nodes", properties(std::move(in_nodes)));
     if (!out_values.empty()) task.set_properties_value("out-values", out_values);
-    encoded.set_properties_value(t.name, task);
+    encoded.emplace_back(t.name, zelbase::make_refcount<properties>(std::move(task)));
   }
-  return encoded;
+  return properties(std::move(encoded));
 }
 
 }  // namespace
