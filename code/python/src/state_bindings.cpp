@@ -22,6 +22,8 @@ using zelnet::zelp::packet;
 class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
  public:
   bool ids_only = false;
+  // new_state gets None in place of the snapshot (and ids_only gives it None as well).
+  bool snapshot_as_none = false;
 
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
                           const zelcore::properties& props) override {
@@ -69,7 +71,10 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
     return command_call(pre_workflow_update, "pre_workflow_update", command);
   }
   bool state_new_state(const zelcore::properties& state) override {
-    return tree_call(new_state, "new_state", state);
+    if (!snapshot_as_none) return tree_call(new_state, "new_state", state);
+    gil_for_callback gil;
+    PyObject* f = find(new_state, "new_state");
+    return f == nullptr || truth(methods::call(f, self(), py::none()));
   }
   bool history_request_reply(std::uint32_t request_id,
                              const zelcore::property_list& history) override {
@@ -196,7 +201,12 @@ void bind_state(py::module_& m) {
       .def_property(
           "_ids_only", [](zelcapi::state_handler& h) { return as_python_handler(h).ids_only; },
           [](zelcapi::state_handler& h, bool on) { as_python_handler(h).ids_only = on; },
-          "Calls carry ids without records (None; a workflow command cut to its \"state-id\").");
+          "Calls carry ids without records (None; a workflow command cut to its \"state-id\").")
+      .def_property(
+          "_snapshot_as_none",
+          [](zelcapi::state_handler& h) { return as_python_handler(h).snapshot_as_none; },
+          [](zelcapi::state_handler& h, bool on) { as_python_handler(h).snapshot_as_none = on; },
+          "new_state gets None in place of the snapshot.");
 
   py::class_<replica>(m, "State",
                       "The replica of a state connection; it keeps its connection alive.")

@@ -113,6 +113,8 @@ class _ChangeQueue(_zelcapi.StateHandler):
     def __init__(self) -> None:
         super().__init__()
         self._ids_only = True
+        # The snapshot only settles a future: it is never converted.
+        self._snapshot_as_none = True
         self.recording = False
         self.changes: Deque[Change] = collections.deque()
         self.wakeup: Optional[asyncio.Future] = None
@@ -176,7 +178,7 @@ class _ChangeQueue(_zelcapi.StateHandler):
     def workflow_removed(self, id: str) -> bool:
         return self._put(Change("workflow-removed", None, id, None))
 
-    def new_state(self, state: dict) -> bool:
+    def new_state(self, state: None) -> bool:
         if self.new_state_waiter is not None and not self.new_state_waiter.done():
             self.new_state_waiter.set_result(None)
         return True
