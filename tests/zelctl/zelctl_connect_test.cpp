@@ -64,6 +64,13 @@ TEST(ZelctlCommandLine, AnUnknownFlagIsNamedEvenWithoutASubcommand) {
   EXPECT_EQ(run({"--simulate"}).err, "zelctl: A subcommand is required (see zelctl --help)\n");
 }
 
+TEST(ZelctlCommandLine, AnErrorAfterASubcommandPointsToThatSubcommandsHelp) {
+  EXPECT_EQ(
+      run({"submit", "--bogus"}).err,
+      "zelctl: The following argument was not expected: --bogus (see zelctl submit --help)\n");
+  EXPECT_EQ(run({"cancel"}).err, "zelctl: ids is required (see zelctl cancel --help)\n");
+}
+
 TEST_F(ZelctlConnect, StatusPrintsMasterAndNodesAsJson) {
   const result r = run(at(sim_, pw(), 2) + std::vector<std::string>{"status", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;

@@ -44,8 +44,12 @@ int main(int argc, char** argv) {
     std::reverse(unknown.begin(), unknown.end());  // in the order of the command line
     const bool unknown_flag =
         dynamic_cast<const CLI::RequiredError*>(&e) != nullptr && !unknown.empty();
-    std::fprintf(stderr, "zelctl: %s (see zelctl --help)\n",
-                 unknown_flag ? CLI::ExtrasError(unknown).what() : e.what());
+    // The help of the subcommand that was given, when one was.
+    const std::vector<CLI::App*> given = app.get_subcommands();
+    const std::string help =
+        given.empty() ? "zelctl --help" : "zelctl " + given.front()->get_name() + " --help";
+    std::fprintf(stderr, "zelctl: %s (see %s)\n",
+                 unknown_flag ? CLI::ExtrasError(unknown).what() : e.what(), help.c_str());
     return exit_usage;
   }
   // The library's own reports are for its developers: only errors reach the terminal.
