@@ -58,6 +58,16 @@ TEST_F(ZelctlConfig, MirrorRunsFromTheFile) {
   EXPECT_EQ(zelctl::to_json(*file.load_items(zelcapi::db_item_job)), master()["jobs"]);
 }
 
+TEST_F(ZelctlConfig, TheInstalledExampleIsAcceptedAsItStands) {
+  // Its cluster and user are placeholders: the command line puts the test's in their place.
+  const std::string example = std::string(PACKAGING_DIR) + "/systemd/zelctl.conf";
+  const result r =
+      run({"--config", example, "--port", std::to_string(sim_.port(1)), "--host", "127.0.0.1",
+           "--user", "demo", "--password-file", dir_.file("pw"), "state", "--count"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("jobs"), std::string::npos) << r.out;
+}
+
 TEST_F(ZelctlConfig, AnUnknownKeyIsAUsageErrorThatHidesItsValue) {
   const std::string path =
       config(connection(sim_.port(1)) + "[mirror]\ndb = x.sqlite\npasword = hunter2-secret\n");
