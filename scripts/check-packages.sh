@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian packages, unpacks them with dpkg -x into a scratch root, and checks them as
-# installed files: the installed zelsim starts, a client builds and runs against them, the
-# libraries export only their public API, and lintian finds no error.
+# installed files: the installed zelsim starts, the services' units pass systemd-analyze verify,
+# a client builds and runs against them, the libraries export only their public API, and lintian
+# finds no error.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 unset LD_LIBRARY_PATH
@@ -22,6 +23,17 @@ libdir=$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 echo "unpacked zelsim --help: ok"
 "$root/usr/bin/zelctl" --help >/dev/null
 echo "unpacked zelctl --help: ok"
+
+# The services' units, as systemd reads them beside the distribution's own units (which they
+# name: network-online.target, multi-user.target): any complaint, even one that systemd only
+# warns of, fails the check.
+cp -rn /usr/lib/systemd/system/. "$root/usr/lib/systemd/system/"
+units=(zelctl-mirror@site.service zelctl-serve@site.service)
+if ! complaints=$(systemd-analyze verify --root="$root" "${units[@]}" 2>&1) || [ -n "$complaints" ]; then
+  echo "systemd-analyze verify: $complaints" >&2
+  exit 1
+fi
+echo "systemd-analyze verify ${units[*]}: ok"
 
 PYTHONPATH=$root/usr/lib/python3/dist-packages /usr/bin/python3 -c '
 import zelcapi, zelcapi.aio

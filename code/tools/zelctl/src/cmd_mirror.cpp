@@ -18,6 +18,7 @@
 #include "mirror_location.h"
 #include "mirror_store.h"
 #include "retry_backoff.h"
+#include "service_notify.h"
 #include "stop_signal.h"
 #include "store_health.h"
 #include "time_text.h"
@@ -109,6 +110,16 @@ std::string save_text(const save_figures& f) {
          ")";
 }
 
+// The service manager's status line: "mirroring 101000 records, last save 2 s ago".
+std::string service_status(const nlohmann::json& counts, const save_figures& f) {
+  std::uint64_t records = 0;
+  for (const auto& n : counts) records += n.get<std::uint64_t>();
+  const auto ago = std::chrono::duration_cast<std::chrono::seconds>(
+      std::chrono::system_clock::now() - f.last_end);
+  return "mirroring " + std::to_string(records) + " records, " +
+         (f.saves == 0 ? "no save yet" : "last save " + std::to_string(ago.count()) + " s ago");
+}
+
 // The mirror's run: the replica, the file, the output.
 class mirror {
  public:
@@ -159,6 +170,7 @@ class mirror {
       }
     }
     end_status_line();
+    notify_.stopping();
     finishing_ = true;
     replica_.save_state_to_db(true);
     write_history();
@@ -268,6 +280,7 @@ class mirror {
       log(std::string(connects_ > 1 ? "reconnected" : "connected") + " to " + where.master_id +
           " at " + where.host + ":" + where.port + "; snapshot " +
           counts_text(item_counts(replica_)));
+      if (connects_ == 1) notify_.ready(service_status(item_counts(replica_), store_.figures()));
       return true;
     } catch (const login_refused&) {
       throw;
@@ -279,7 +292,9 @@ class mirror {
       log(std::string(e.what()) + "; retrying in " +
           std::to_string(std::chrono::duration<double>(wait).count()).substr(0, 4) + " s");
       const auto until = steady::now() + wait;
+      notify_.status(e.what());
       while (!finished() && steady::now() < until) {
+        notify_.keep_alive();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
       return false;
@@ -302,6 +317,8 @@ class mirror {
         next_save = now + interval();
       }
       const save_figures figures = store_.figures();
+      notify_.keep_alive();
+      if (notify_.status_due()) notify_.status(service_status(item_counts(replica_), figures));
       if (on_terminal_ && now >= next_status) {
         status_line(figures);
         next_status = now + std::chrono::milliseconds(500);
@@ -340,7 +357,7 @@ class mirror {
   }
 
   void log(const std::string& text) {
-    std::printf("%s zelctl mirror: %s\n", now_text().c_str(), text.c_str());
+    std::printf("%szelctl mirror: %s\n", log_stamp().c_str(), text.c_str());
     std::fflush(stdout);
   }
 
@@ -383,6 +400,7 @@ class mirror {
   zelcapi::state_connection connection_;
   zelcapi::state& replica_;
   bool on_terminal_;
+  service_notify notify_;
   steady::time_point start_{};
   std::uint64_t connects_ = 0;
   std::uint64_t dropped_said_ = 0;  // history writes dropped that a line has told of

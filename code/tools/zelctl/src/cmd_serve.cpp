@@ -18,6 +18,7 @@
 #include "serve/cluster_link.h"
 #include "serve/event_feed.h"
 #include "serve/http_server.h"
+#include "serve/notify_timer.h"
 #include "serve/overview.h"
 #include "zelcapi/asio_attachment.h"
 #include "zelcapi/state_connection.h"
@@ -129,7 +130,16 @@ int run_serve(const serve_flags& f, target& t) {
               static_cast<unsigned>(at.port()), where.master_id.c_str(), where.host.c_str(),
               where.port.c_str());
   std::fflush(stdout);
+  service_notify notify;
+  const std::string url = "http://" + address + ":" + std::to_string(at.port()) + "/";
+  serve::notify_timer notifier(io, notify, [&] {
+    return "serving " + url + ": " + std::to_string(feed.changes()) + " changes in " +
+           std::to_string(feed.batches()) + " batches";
+  });
+  notify.ready("serving " + url);
+  notifier.start();
   io.run();
+  notify.stopping();
   std::printf("zelctl: served %llu changes in %llu batches\n",
               static_cast<unsigned long long>(feed.changes()),
               static_cast<unsigned long long>(feed.batches()));

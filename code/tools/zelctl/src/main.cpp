@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "config_file.h"
 #include "options.h"
 #include "session.h"
 #include "zelbase/exceptions.h"
@@ -24,6 +25,7 @@ int main(int argc, char** argv) {
   // The global flags may also follow the subcommand: "zelctl mirror --simulate ...".
   app.fallthrough();
   add_global_options(app, options);
+  add_config_option(app);
   std::vector<command> commands{
       add_status_command(app, options),  add_login_command(app, options),
       add_state_command(app, options),   add_watch_command(app, options),
@@ -49,7 +51,8 @@ int main(int argc, char** argv) {
     const std::string help =
         given.empty() ? "zelctl --help" : "zelctl " + given.front()->get_name() + " --help";
     std::fprintf(stderr, "zelctl: %s (see %s)\n",
-                 unknown_flag ? CLI::ExtrasError(unknown).what() : e.what(), help.c_str());
+                 unknown_flag ? CLI::ExtrasError(unknown).what() : usage_error_text(app, e).c_str(),
+                 help.c_str());
     return exit_usage;
   }
   // The library's own reports are for its developers: only errors reach the terminal.

@@ -6,6 +6,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include "service_notify.h"
 #include "time_text.h"
 #include "zelbase/exceptions.h"
 
@@ -13,7 +14,7 @@ namespace zelctl::serve {
 namespace {
 
 void log(const std::string& text) {
-  std::printf("%s zelctl serve: %s\n", now_text().c_str(), text.c_str());
+  std::printf("%szelctl serve: %s\n", log_stamp().c_str(), text.c_str());
   std::fflush(stdout);
 }
 
