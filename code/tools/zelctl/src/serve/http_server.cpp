@@ -29,6 +29,13 @@ tcp::endpoint resolve(asio::io_context& io, const std::string& host, const std::
 
 }  // namespace
 
+void write_answer_metrics(metrics_text& out, const answer_counts& answered) {
+  out.family("zelcapi_http_responses_total", "counter", "HTTP answers given, by status code.");
+  for (const auto& [code, n] : answered) {
+    out.sample("zelcapi_http_responses_total", {{"code", std::to_string(code)}}, n);
+  }
+}
+
 // Owned, as the connections are, by its pending operations and by the server.
 class http_server::listener : public std::enable_shared_from_this<listener> {
  public:
@@ -104,8 +111,9 @@ class http_server::listener : public std::enable_shared_from_this<listener> {
 
 http_server::http_server(asio::io_context& io, const std::string& host, const std::string& port,
                          const limits& l, std::string token, route_function routes,
-                         subscribe_function subscribe) {
+                         subscribe_function subscribe, answer_counts* answered) {
   auto context = std::make_shared<server_context>();
+  context->answered = answered;
   context->lim = l;
   context->token = std::move(token);
   context->routes = std::move(routes);
