@@ -41,6 +41,9 @@ TEST(MetricsText, ValuesAreExactOrNamed) {
   EXPECT_EQ(zelctl::metric_value_text(2.5e-7), "2.5e-07");
   EXPECT_EQ(zelctl::metric_value_text(1e21), "1e+21");
   EXPECT_EQ(zelctl::metric_value_text(12), "12");
+  EXPECT_EQ(zelctl::metric_value_text(100000), "100000");
+  EXPECT_EQ(zelctl::metric_value_text(-3), "-3");
+  EXPECT_EQ(zelctl::metric_value_text(0.1 + 0.2), "0.30000000000000004");
   EXPECT_EQ(zelctl::metric_value_text(std::numeric_limits<double>::infinity()), "+Inf");
   EXPECT_EQ(zelctl::metric_value_text(-std::numeric_limits<double>::infinity()), "-Inf");
   EXPECT_EQ(zelctl::metric_value_text(std::numeric_limits<double>::quiet_NaN()), "NaN");

@@ -40,20 +40,6 @@ struct serve_flags {
   std::size_t max_queue_kib = 8192;
 };
 
-// "HOST:PORT" or "[V6HOST]:PORT".
-void split_listen(const std::string& text, std::string& host, std::string& port) {
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon + 1 == text.size()) {
-    throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
-  }
-  host = text.substr(0, colon);
-  port = text.substr(colon + 1);
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  }
-  if (host.empty()) throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
-}
-
 std::string read_token(const std::string& path) {
   if (path.empty()) return "";
   std::ifstream in(path);
@@ -90,7 +76,7 @@ serve::response metrics_answer(const zelcapi::state& replica, const replica_coun
 int run_serve(const serve_flags& f, target& t) {
   std::string host;
   std::string port;
-  split_listen(f.listen, host, port);
+  serve::split_listen(f.listen, "--listen", host, port);
   const std::string token = read_token(f.token_file);
 
   // Before the io_context: its connections count into it until they end.

@@ -21,13 +21,27 @@ tcp::endpoint resolve(asio::io_context& io, const std::string& host, const std::
   tcp::resolver resolver(io);
   const auto results = resolver.resolve(host, port, tcp::resolver::passive, ec);
   if (ec || results.empty()) {
-    throw failure(exit_usage, "cannot use --listen " + host + ":" + port + ": " +
+    throw failure(exit_usage, "cannot listen on " + host + ":" + port + ": " +
                                   (ec ? ec.message() : std::string("no address")));
   }
   return results.begin()->endpoint();
 }
 
 }  // namespace
+
+void split_listen(const std::string& text, const std::string& flag, std::string& host,
+                  std::string& port) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon + 1 == text.size()) {
+    throw failure(exit_usage, flag + " wants HOST:PORT, not '" + text + "'");
+  }
+  host = text.substr(0, colon);
+  port = text.substr(colon + 1);
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  if (host.empty()) throw failure(exit_usage, flag + " wants HOST:PORT, not '" + text + "'");
+}
 
 void write_answer_metrics(metrics_text& out, const answer_counts& answered) {
   out.family("zelcapi_http_responses_total", "counter", "HTTP answers given, by status code.");

@@ -85,6 +85,11 @@ class event_subscriber {
   virtual bool closed() const = 0;
 };
 
+// "HOST:PORT" or "[V6HOST]:PORT" as host and port; raises failure (a usage error naming `flag`)
+// for anything else.
+void split_listen(const std::string& text, const std::string& flag, std::string& host,
+                  std::string& port);
+
 // The answers a server gave, by status code: every answer written, the event streams' included.
 using answer_counts = std::map<unsigned, std::uint64_t>;
 
