@@ -3,6 +3,9 @@
 // leaves a file from which the next mirror loads the last complete save; with --metrics-listen it
 // serves its replica's and its saves' metrics.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "json_output.h"
 #include "metrics_support.h"
@@ -155,6 +158,65 @@ TEST(ZelctlMirror, MetricsListenServesTheReplicaAndTheSaves) {
   EXPECT_EQ(now.at("zelcapi_http_responses_total{code=\"404\"}"), 1);
   mirror.signal(SIGTERM);
   EXPECT_EQ(mirror.wait(), 0) << mirror.err();
+}
+
+// A "cluster" whose port takes connections (the kernel completes them) and never answers: each
+// login waits for --timeout, the mirror's thread with it.
+class hung_port {
+ public:
+  hung_port() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof at;
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0 && ::listen(fd_, 16) == 0 &&
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &size) == 0) {
+      port_ = ntohs(at.sin_port);
+    }
+  }
+  ~hung_port() { ::close(fd_); }
+  std::uint16_t port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  std::uint16_t port_ = 0;
+};
+
+TEST(ZelctlMirror, AScrapeWhileTheMirrorWaitsForTheClusterGets503ThenTheLinkIsDown) {
+  temp_dir dir;
+  std::ofstream(dir.file("pw")) << "demo\n";
+  hung_port cluster;
+  ASSERT_NE(cluster.port(), 0);
+  process mirror({"--port", std::to_string(cluster.port()), "--user", "demo", "--password-file",
+                  dir.file("pw"), "--timeout", "10", "mirror", "--db", dir.file("mirror.sqlite"),
+                  "--metrics-listen", "127.0.0.1:0"});
+  ASSERT_TRUE(mirror.wait_for_output("metrics at http://")) << mirror.err();
+  const std::uint16_t port = zeltest::loopback_port_in(mirror.out());
+  ASSERT_NE(port, 0) << mirror.out();
+  // The first login waits for its time-out: the scrape gets 503, not figures.
+  const zeltest::http_answer busy = zeltest::http_get(port, "/metrics");
+  EXPECT_EQ(busy.status, 503) << busy.body;
+  EXPECT_NE(busy.body.find("busy"), std::string::npos) << busy.body;
+  // Between two attempts the mirror answers: the link is down, no snapshot came.
+  ASSERT_TRUE(mirror.wait_for_output("retrying", std::chrono::seconds(30))) << mirror.out();
+  std::map<std::string, double> now;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < until) {
+    const zeltest::http_answer a = zeltest::http_get(port, "/metrics");
+    if (a.status == 200) {
+      now = metric_samples(a.body);
+      break;
+    }
+    EXPECT_EQ(a.status, 503) << a.body;
+  }
+  ASSERT_FALSE(now.empty()) << mirror.out();
+  EXPECT_EQ(now.at("zelcapi_cluster_connected"), 0);
+  EXPECT_EQ(now.at("zelcapi_snapshots_loaded_total"), 0);
+  EXPECT_EQ(now.at("zelcapi_replica_records{kind=\"jobs\"}"), 0);
+  EXPECT_GE(now.at("zelcapi_http_responses_total{code=\"503\"}"), 1);
+  mirror.signal(SIGTERM);
+  EXPECT_EQ(mirror.wait(std::chrono::seconds(30)), 0) << mirror.err();
 }
 
 }  // namespace
