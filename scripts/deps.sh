@@ -6,7 +6,7 @@ packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config clang-format
   libboost-dev libmsgpack-cxx-dev libssl-dev libsqlite3-dev sqlite3 nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev dpkg-dev file lintian libuv1-dev libxxhash-dev
   python3-dev pybind11-dev python3-pytest python3-pytest-asyncio python3-msgpack
-  postgresql libpq-dev chromium libyaml-cpp-dev libsystemd-dev systemd)
+  postgresql libpq-dev chromium libyaml-cpp-dev libsystemd-dev systemd prometheus)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

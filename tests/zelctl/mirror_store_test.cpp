@@ -147,3 +147,63 @@ TEST(StoreHealth, SavesSkippedWhileASlowSaveRanAreToldWhenItCommits) {
   EXPECT_FALSE(health.failing());
   EXPECT_FALSE(health.take_began());
 }
+
+namespace {
+
+// A state store that refuses records while `down` is set, as a server that is gone.
+class refusing_state_db final : public zelcapi::forwarding_state_db {
+ public:
+  explicit refusing_state_db(zelcapi::state_db& inner) : forwarding_state_db(inner) {}
+  void store_item(zelcapi::db_item_type type, const std::string& id,
+                  const zelcore::properties& record) override {
+    if (down) throw std::runtime_error("server gone");
+    forwarding_state_db::store_item(type, id, record);
+  }
+  bool down = false;
+};
+
+void save_two_jobs(zelctl::timed_state_db& db) {
+  zelcore::properties record;
+  record.set_string_value("state", "queued");
+  db.begin_save();
+  db.store_item(db_item_job, "j1", record);
+  db.store_item(db_item_job, "j2", record);
+  db.store_workflow_results({});
+  db.store_workflow_sequence_number(1);
+}
+
+TEST(TimedStateDb, CommittedSavesGoIntoTheHistogramsAndRefusedOnesAreCounted) {
+  zelcapi::memory_state_db memory;
+  refusing_state_db store(memory);
+  store_health health;
+  std::uint64_t written = 2;
+  zelctl::timed_state_db timed(
+      store, [&written] { return written; }, health);
+  save_two_jobs(timed);
+  written = 0;
+  save_two_jobs(timed);
+  store.down = true;
+  EXPECT_THROW(save_two_jobs(timed), std::runtime_error);
+  const zelctl::save_figures f = timed.figures();
+  EXPECT_EQ(f.saves, 2u);
+  EXPECT_EQ(f.failed, 1u);
+  EXPECT_EQ(f.last_records, 2u);
+  EXPECT_EQ(f.seconds.count, 2u);
+  EXPECT_GE(f.seconds.sum, 0.0);
+  EXPECT_EQ(f.written.count, 2u);
+  EXPECT_EQ(f.written.sum, 2.0);
+  EXPECT_EQ(f.written.buckets[0], 1u);  // the save that wrote nothing: le="0"
+  EXPECT_EQ(f.written.buckets[1], 1u);  // the one that wrote 2: le="10"
+  // The families as a scrape gets them.
+  zelctl::metrics_text out;
+  zelctl::write_save_metrics(out, f);
+  const std::string& text = out.text();
+  EXPECT_NE(text.find("zelcapi_saves_total 2\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("zelcapi_save_failures_total 1\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("zelcapi_save_records_written_bucket{le=\"10\"} 2\n"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("zelcapi_save_duration_seconds_count 2\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("zelcapi_last_save_records 2\n"), std::string::npos) << text;
+}
+
+}  // namespace

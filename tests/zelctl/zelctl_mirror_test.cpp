@@ -1,9 +1,14 @@
 // zelctl mirror: it saves the replica into the SQLite file, survives the loss of its master (a
 // new cluster on the same ports) by reconnecting and reloading, and a mirror killed mid-run
-// leaves a file from which the next mirror loads the last complete save.
+// leaves a file from which the next mirror loads the last complete save; with --metrics-listen it
+// serves its replica's and its saves' metrics.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "json_output.h"
+#include "metrics_support.h"
 #include "zelcapi/sqlite_db.h"
 #include "zelctl_test_support.h"
 
@@ -91,6 +96,127 @@ TEST(ZelctlMirror, AMirrorKilledMidRunLeavesItsLastCompleteSaveForTheNext) {
   const auto summary = nlohmann::json::parse(next.out.substr(next.out.find("\n{") + 1));
   EXPECT_EQ(summary["items"]["jobs"], jobs.size());
   EXPECT_EQ(saved(db, zelcapi::db_item_job), jobs);
+}
+
+TEST(ZelctlMirror, MetricsListenServesTheReplicaAndTheSaves) {
+  temp_dir dir;
+  std::ofstream(dir.file("pw")) << "demo\n";
+  zelsim::cluster sim(cluster_options());
+  sim.start();
+  sim.run_workload(600);
+  ASSERT_TRUE(sim.wait_workload_paused(std::chrono::seconds(10)));
+  process mirror(at(sim, dir.file("pw")) +
+                 std::vector<std::string>{"mirror", "--db", dir.file("mirror.sqlite"),
+                                          "--save-interval", "0.2", "--metrics-listen",
+                                          "127.0.0.1:0"});
+  ASSERT_TRUE(mirror.wait_for_output("metrics at http://")) << mirror.err();
+  const std::uint16_t port = zeltest::loopback_port_in(mirror.out());
+  ASSERT_NE(port, 0) << mirror.out();
+  // Two saves after the snapshot: the second finds the workload paused, so the replica's
+  // figures are the master's.
+  zeltest::http_answer a;
+  std::map<std::string, double> now;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::chrono::steady_clock::now() < until) {
+    a = zeltest::http_get(port, "/metrics");
+    now = metric_samples(a.body);
+    if (a.status == 200 && now["zelcapi_saves_total"] >= 2) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_EQ(a.status, 200) << a.body;
+  EXPECT_EQ(a.headers.at("content-type"), "text/plain; version=0.0.4; charset=utf-8");
+  ASSERT_GE(now["zelcapi_saves_total"], 2) << a.body;
+  if (!prometheus_program("promtool").empty()) {
+    const auto checked =
+        zeltest::run_program(prometheus_program("promtool"), {"check", "metrics"}, a.body);
+    EXPECT_EQ(checked.code, 0) << checked.out << checked.err << a.body;
+  }
+  const nlohmann::json master = zelctl::to_json(sim.master_snapshot());
+  EXPECT_EQ(now.at("zelcapi_replica_records{kind=\"jobs\"}"),
+            static_cast<double>(master["jobs"].size()));
+  EXPECT_EQ(metric_sum(now, "zelcapi_jobs"), static_cast<double>(master["jobs"].size()));
+  EXPECT_EQ(now.at("zelcapi_snapshots_loaded_total"), 1);
+  EXPECT_EQ(now.at("zelcapi_cluster_connected"), 1);
+  const double saves = now.at("zelcapi_saves_total");
+  EXPECT_EQ(now.at("zelcapi_save_duration_seconds_count"), saves);
+  EXPECT_EQ(now.at("zelcapi_save_duration_seconds_bucket{le=\"+Inf\"}"), saves);
+  EXPECT_GT(now.at("zelcapi_save_duration_seconds_sum"), 0);
+  EXPECT_EQ(now.at("zelcapi_save_records_written_count"), saves);
+  // The first save wrote every record.
+  EXPECT_GE(now.at("zelcapi_save_records_written_sum"), now.at("zelcapi_last_save_records"));
+  EXPECT_GT(now.at("zelcapi_last_save_records"), static_cast<double>(master["jobs"].size()));
+  EXPECT_EQ(now.at("zelcapi_save_failures_total"), 0);
+  EXPECT_GT(now.at("zelcapi_last_save_timestamp_seconds"), 1.7e9);
+  // Nothing but /metrics; HEAD is its header alone; answers are counted.
+  EXPECT_EQ(zeltest::http_get(port, "/api/state").status, 404);
+  zeltest::http_peer peer(port);
+  peer.send("HEAD /metrics HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n");
+  const zeltest::http_answer head = peer.read_answer(std::chrono::seconds(10), true);
+  EXPECT_EQ(head.status, 200);
+  EXPECT_EQ(head.body, "");
+  now = metric_samples(zeltest::http_get(port, "/metrics").body);
+  EXPECT_EQ(now.at("zelcapi_http_responses_total{code=\"404\"}"), 1);
+  mirror.signal(SIGTERM);
+  EXPECT_EQ(mirror.wait(), 0) << mirror.err();
+}
+
+// A "cluster" whose port takes connections (the kernel completes them) and never answers: each
+// login waits for --timeout, the mirror's thread with it.
+class hung_port {
+ public:
+  hung_port() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof at;
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0 && ::listen(fd_, 16) == 0 &&
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &size) == 0) {
+      port_ = ntohs(at.sin_port);
+    }
+  }
+  ~hung_port() { ::close(fd_); }
+  std::uint16_t port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  std::uint16_t port_ = 0;
+};
+
+TEST(ZelctlMirror, AScrapeWhileTheMirrorWaitsForTheClusterGets503ThenTheLinkIsDown) {
+  temp_dir dir;
+  std::ofstream(dir.file("pw")) << "demo\n";
+  hung_port cluster;
+  ASSERT_NE(cluster.port(), 0);
+  process mirror({"--port", std::to_string(cluster.port()), "--user", "demo", "--password-file",
+                  dir.file("pw"), "--timeout", "10", "mirror", "--db", dir.file("mirror.sqlite"),
+                  "--metrics-listen", "127.0.0.1:0"});
+  ASSERT_TRUE(mirror.wait_for_output("metrics at http://")) << mirror.err();
+  const std::uint16_t port = zeltest::loopback_port_in(mirror.out());
+  ASSERT_NE(port, 0) << mirror.out();
+  // The first login waits for its time-out: the scrape gets 503, not figures.
+  const zeltest::http_answer busy = zeltest::http_get(port, "/metrics");
+  EXPECT_EQ(busy.status, 503) << busy.body;
+  EXPECT_NE(busy.body.find("busy"), std::string::npos) << busy.body;
+  // Between two attempts the mirror answers: the link is down, no snapshot came.
+  ASSERT_TRUE(mirror.wait_for_output("retrying", std::chrono::seconds(30))) << mirror.out();
+  std::map<std::string, double> now;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < until) {
+    const zeltest::http_answer a = zeltest::http_get(port, "/metrics");
+    if (a.status == 200) {
+      now = metric_samples(a.body);
+      break;
+    }
+    EXPECT_EQ(a.status, 503) << a.body;
+  }
+  ASSERT_FALSE(now.empty()) << mirror.out();
+  EXPECT_EQ(now.at("zelcapi_cluster_connected"), 0);
+  EXPECT_EQ(now.at("zelcapi_snapshots_loaded_total"), 0);
+  EXPECT_EQ(now.at("zelcapi_replica_records{kind=\"jobs\"}"), 0);
+  EXPECT_GE(now.at("zelcapi_http_responses_total{code=\"503\"}"), 1);
+  mirror.signal(SIGTERM);
+  EXPECT_EQ(mirror.wait(std::chrono::seconds(30)), 0) << mirror.err();
 }
 
 }  // namespace

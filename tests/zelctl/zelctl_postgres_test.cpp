@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "metrics_support.h"
 #include "support/postgres_server.h"
 #include "support/silent_socket.h"
 #include "zelctl_test_support.h"
@@ -133,8 +134,11 @@ TEST(ZelctlPostgres, ServerThatCannotBeReachedIsOneLineAndExitThree) {
 
 TEST(ZelctlPostgres, ServerOutageIsSaidOnceWhenItGoesAndOnceWhenItIsBack) {
   const std::string db = server().fresh_database() + " connect_timeout=2";
-  process mirror({"--simulate", "--rate", "400", "mirror", "--db", db, "--save-interval", "0.2"});
+  process mirror({"--simulate", "--rate", "400", "mirror", "--db", db, "--save-interval", "0.2",
+                  "--metrics-listen", "127.0.0.1:0"});
   ASSERT_TRUE(mirror.wait_for_output("saved ")) << mirror.err();
+  const std::uint16_t metrics_port = zeltest::loopback_port_in(mirror.out());
+  ASSERT_NE(metrics_port, 0) << mirror.out();
   server().stop_immediately();
   {
     // While the server is down, a socket in its place takes the mirror's connections and never
@@ -153,6 +157,12 @@ TEST(ZelctlPostgres, ServerOutageIsSaidOnceWhenItGoesAndOnceWhenItIsBack) {
   while (lines_with(mirror.out(), "saved ") < saves_back + 2 &&
          std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // The metrics count the saves that failed in the outage beside those that committed.
+  const zeltest::http_answer scraped = zeltest::http_get(metrics_port, "/metrics");
+  ASSERT_EQ(scraped.status, 200) << scraped.body;
+  const auto figures = metric_samples(scraped.body);
+  EXPECT_GE(figures.at("zelcapi_save_failures_total"), 1) << scraped.body;
+  EXPECT_GE(figures.at("zelcapi_saves_total"), static_cast<double>(saves_back + 2)) << scraped.body;
   mirror.signal(SIGTERM);
   ASSERT_EQ(mirror.wait(), 0) << mirror.err();
 

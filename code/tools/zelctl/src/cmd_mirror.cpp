@@ -15,8 +15,10 @@
 #include "commands.h"
 #include "json_output.h"
 #include "kinds.h"
+#include "metrics_listener.h"
 #include "mirror_location.h"
 #include "mirror_store.h"
+#include "replica_metrics.h"
 #include "retry_backoff.h"
 #include "service_notify.h"
 #include "stop_signal.h"
@@ -36,43 +38,16 @@ struct mirror_flags {
   double duration = 0;
   double save_interval = 5;
   std::uint32_t history_keep = 600;
+  std::string metrics_listen;
 };
 
-// Counts the changes applied to the replica and notes a lost link.
-class change_counter final : public zelcapi::state_handler {
+// Notes why the link went.
+class link_watch final : public zelcapi::state_handler {
  public:
-  bool state_item_updated(zelcapi::state_item_type, const std::string&,
-                          const zelcore::properties&) override {
-    return count();
-  }
-  bool state_item_set(zelcapi::state_item_type, const std::string&,
-                      const zelcore::properties&) override {
-    return count();
-  }
-  bool state_item_removed(zelcapi::state_item_type, const std::string&) override { return count(); }
-  bool state_item_erased_property_ref(zelcapi::state_item_type, const std::string&,
-                                      const std::string&) override {
-    return count();
-  }
-  bool state_item_historized(zelcapi::state_item_type, const std::string&) override {
-    return count();
-  }
-  bool state_workflow_result_added(const std::string&, zelcapi::workflow_result_info) override {
-    return count();
-  }
-  bool state_workflow_result_removed(const std::string&) override { return count(); }
-  bool state_workflow_updated(const zelcore::properties&) override { return count(); }
   void disconnected(const std::string& reason, bool) override { lost_ = reason; }
-
-  std::uint64_t changes() const noexcept { return changes_; }
   const std::string& lost() const noexcept { return lost_; }
 
  private:
-  bool count() {
-    ++changes_;
-    return true;
-  }
-  std::uint64_t changes_ = 0;
   std::string lost_;
 };
 
@@ -131,6 +106,7 @@ class mirror {
         store_(
             *location_.states, [this] { return location_.last_save_counts().written; }, health_),
         history_(*location_.histories, history_held_at_most),
+        counter_(watch_, counts_),
         connection_(&counter_, flags.history_keep, &plugins_),
         replica_(*connection_.get_state_non_const()),
         on_terminal_(::isatty(STDOUT_FILENO) != 0) {
@@ -157,6 +133,10 @@ class mirror {
         std::fprintf(stderr, "zelctl: mirror: %s\n", r.message.c_str());
       }
     });
+    if (!flags_.metrics_listen.empty()) {
+      metrics_ = std::make_unique<metrics_listener>(flags_.metrics_listen, "--metrics-listen");
+      log("metrics at http://" + metrics_->address() + "/metrics");
+    }
     load_file();
     start_ = steady::now();
     retry_backoff backoff;
@@ -166,7 +146,7 @@ class mirror {
       keep_current();
       if (!connection_.is_connected() && !finished()) {
         end_status_line();
-        log("lost the link to the cluster (" + counter_.lost() + "); reconnecting");
+        log("lost the link to the cluster (" + watch_.lost() + "); reconnecting");
       }
     }
     end_status_line();
@@ -296,6 +276,7 @@ class mirror {
       while (!finished() && steady::now() < until) {
         notify_.keep_alive();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        serve_metrics();
       }
       return false;
     }
@@ -308,6 +289,7 @@ class mirror {
     std::uint64_t saves_logged = store_.figures().saves;
     while (connection_.is_connected() && !finished()) {
       connection_.wait(100);
+      serve_metrics();
       write_history();
       announce_store();
       const auto now = steady::now();
@@ -325,10 +307,20 @@ class mirror {
       } else if (!on_terminal_ && figures.saves > saves_logged) {
         log("saved " + std::to_string(figures.last_records) + " records (" +
             std::to_string(figures.last_written) + " written) in " + ms_text(figures.last_seconds) +
-            "; " + std::to_string(counter_.changes()) + " changes applied");
+            "; " + std::to_string(counts_.changes) + " changes applied");
       }
       saves_logged = figures.saves;
     }
+  }
+
+  // Makes the metrics text when a scrape waits for it.
+  void serve_metrics() {
+    if (!metrics_) return;
+    metrics_->serve_pending([this](metrics_text& out) {
+      write_replica_metrics(out, replica_, counts_,
+                            {connection_.is_connected(), connects_ > 0 ? connects_ - 1 : 0});
+      write_save_metrics(out, store_.figures());
+    });
   }
 
   steady::duration interval() const {
@@ -340,9 +332,9 @@ class mirror {
     const auto now = steady::now();
     const double seconds = std::chrono::duration<double>(now - rate_since_).count();
     if (seconds >= 1) {
-      rate_ = static_cast<double>(counter_.changes() - rate_changes_) / seconds;
+      rate_ = static_cast<double>(counts_.changes - rate_changes_) / seconds;
       rate_since_ = now;
-      rate_changes_ = counter_.changes();
+      rate_changes_ = counts_.changes;
     }
     std::printf("\r%.0f changes/s | %s | %s\x1b[K", rate_,
                 counts_text(item_counts(replica_)).c_str(), save_text(figures).c_str());
@@ -366,7 +358,7 @@ class mirror {
     const nlohmann::json items = item_counts(replica_);
     if (json_) {
       nlohmann::json summary{
-          {"file", location_.name}, {"seconds", elapsed()}, {"changes-applied", counter_.changes()},
+          {"file", location_.name}, {"seconds", elapsed()}, {"changes-applied", counts_.changes},
           {"connects", connects_},  {"saves", f.saves},     {"items", items}};
       if (f.saves > 0) {
         summary["last-save"] = iso_time(f.last_end);
@@ -381,7 +373,7 @@ class mirror {
     std::printf("  mirror:          %s\n", location_.name.c_str());
     std::printf("  ran:             %.1f s, %llu connection(s)\n", elapsed(),
                 static_cast<unsigned long long>(connects_));
-    std::printf("  changes applied: %llu\n", static_cast<unsigned long long>(counter_.changes()));
+    std::printf("  changes applied: %llu\n", static_cast<unsigned long long>(counts_.changes));
     std::printf("  saves:           %llu, %s\n", static_cast<unsigned long long>(f.saves),
                 save_text(f).c_str());
     std::printf("  items:           %s\n", counts_text(items).c_str());
@@ -396,7 +388,9 @@ class mirror {
   timed_state_db store_;
   queued_history_db history_;
   zelcore::plugin_db plugins_;
-  change_counter counter_;
+  link_watch watch_;
+  replica_counters counts_;
+  counting_handler counter_;
   zelcapi::state_connection connection_;
   zelcapi::state& replica_;
   bool on_terminal_;
@@ -408,6 +402,7 @@ class mirror {
   // Read by the report sink, which the saver's thread calls too.
   std::atomic<bool> finishing_{false};
   std::atomic<bool> taking_snapshot_{false};
+  std::unique_ptr<metrics_listener> metrics_;  // with --metrics-listen
   steady::time_point rate_since_ = steady::now();
   std::uint64_t rate_changes_ = 0;
   double rate_ = 0;
@@ -435,6 +430,9 @@ command add_mirror_command(CLI::App& app, global_options& options) {
   sub->add_option("--history-keep", flags->history_keep,
                   "seconds to keep historized records in the replica")
       ->capture_default_str();
+  sub->add_option("--metrics-listen", flags->metrics_listen,
+                  "HOST:PORT to serve the mirror's metrics on, at /metrics (port 0: any free "
+                  "port)");
   add_json_flag(*sub, options);
   return {sub, [flags, &options](target& t) {
             mirror m(*flags, options.json, t);

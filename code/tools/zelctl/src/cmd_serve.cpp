@@ -14,6 +14,8 @@
 #include <boost/asio/signal_set.hpp>
 
 #include "commands.h"
+#include "metrics.h"
+#include "replica_metrics.h"
 #include "serve/api_routes.h"
 #include "serve/cluster_link.h"
 #include "serve/event_feed.h"
@@ -39,20 +41,6 @@ struct serve_flags {
   std::size_t max_queue_kib = 8192;
 };
 
-// "HOST:PORT" or "[V6HOST]:PORT".
-void split_listen(const std::string& text, std::string& host, std::string& port) {
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon + 1 == text.size()) {
-    throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
-  }
-  host = text.substr(0, colon);
-  port = text.substr(colon + 1);
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  }
-  if (host.empty()) throw failure(exit_usage, "--listen wants HOST:PORT, not '" + text + "'");
-}
-
 std::string read_token(const std::string& path) {
   if (path.empty()) return "";
   std::ifstream in(path);
@@ -69,19 +57,40 @@ std::string read_token(const std::string& path) {
   return token;
 }
 
+// GET /metrics: the replica's figures, the event stream's clients and the answers given, made
+// now from counters and one walk over the jobs and the nodes.
+serve::response metrics_answer(const zelcapi::state& replica, const replica_counters& counts,
+                               const serve::replica_source& source, const serve::event_feed& feed,
+                               const serve::answer_counts& answered) {
+  metrics_text out;
+  const serve::source_status& link = source.status();
+  write_replica_metrics(out, replica, counts, {link.connected, link.reconnects});
+  out.family("zelcapi_event_stream_clients", "gauge", "Clients of the event stream.");
+  out.sample("zelcapi_event_stream_clients", std::uint64_t{feed.clients()});
+  serve::write_answer_metrics(out, answered);
+  serve::response r;
+  r.content_type = metrics_content_type;
+  r.body = out.take();
+  return r;
+}
+
 int run_serve(const serve_flags& f, target& t) {
   std::string host;
   std::string port;
-  split_listen(f.listen, host, port);
+  serve::split_listen(f.listen, "--listen", host, port);
   const std::string token = read_token(f.token_file);
 
+  // Before the io_context: its connections count into it until they end.
+  serve::answer_counts answered;
   boost::asio::io_context io;
   serve::feed_options feed_options;
   feed_options.batch_interval = std::chrono::milliseconds(f.batch_ms);
   feed_options.max_queue_bytes = f.max_queue_kib * 1024;
   serve::event_feed feed(io, feed_options);
   zelcore::plugin_db plugins;
-  zelcapi::state_connection replica_link(&feed, f.history_keep, &plugins);
+  replica_counters counts;
+  counting_handler counted(feed, counts);
+  zelcapi::state_connection replica_link(&counted, f.history_keep, &plugins);
   const zelcapi::state& replica = *replica_link.get_state();
   feed.attach(replica);
   const login_result where = load_snapshot(replica_link, t);
@@ -95,10 +104,17 @@ int run_serve(const serve_flags& f, target& t) {
   lim.idle = std::chrono::milliseconds(f.idle_ms);
   lim.write = std::chrono::milliseconds(f.write_ms);
   serve::http_server server(
-      io, host, port, lim, token, [&routes](const serve::request& in) { return routes(in); },
+      io, host, port, lim, token,
+      [&](const serve::request& in) {
+        if (in.target.path == "/metrics") {
+          return metrics_answer(replica, counts, source, feed, answered);
+        }
+        return routes(in);
+      },
       [&feed](const std::shared_ptr<serve::event_subscriber>& client, const serve::request& in) {
         feed.subscribe(client, in);
-      });
+      },
+      &answered);
   zelcapi::asio_attachment attached(io, replica_link);
   feed.start();
   view.start();

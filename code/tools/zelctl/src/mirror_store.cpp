@@ -3,6 +3,25 @@
 
 namespace zelctl {
 
+void write_save_metrics(metrics_text& out, const save_figures& f) {
+  out.family("zelcapi_saves_total", "counter", "Saves of the replica committed to the store.");
+  out.sample("zelcapi_saves_total", f.saves);
+  out.family("zelcapi_save_failures_total", "counter",
+             "Saves that the store refused or that broke off.");
+  out.sample("zelcapi_save_failures_total", f.failed);
+  out.histogram("zelcapi_save_duration_seconds", "How long each committed save took.", f.seconds);
+  out.histogram("zelcapi_save_records_written",
+                "Records each committed save wrote (new or changed since the save before).",
+                f.written);
+  out.family("zelcapi_last_save_records", "gauge", "Records in the last committed save.");
+  out.sample("zelcapi_last_save_records", f.last_records);
+  out.family("zelcapi_last_save_timestamp_seconds", "gauge",
+             "When the last committed save ended, in seconds since 1970 (0: none yet).");
+  out.sample(
+      "zelcapi_last_save_timestamp_seconds",
+      f.saves == 0 ? 0.0 : std::chrono::duration<double>(f.last_end.time_since_epoch()).count());
+}
+
 save_figures timed_state_db::figures() const {
   std::lock_guard<std::mutex> guard(lock_);
   return figures_;
@@ -14,6 +33,10 @@ void timed_state_db::_save_call(F&& call) {
     call();
   } catch (const std::exception& e) {
     health_.save_failed(e.what());
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      ++figures_.failed;
+    }
     throw;
   }
 }
@@ -44,6 +67,8 @@ void timed_state_db::store_workflow_sequence_number(std::uint64_t sequence_numbe
   figures_.last_seconds = std::chrono::duration<double>(end - save_start_).count();
   figures_.last_records = save_records_;
   figures_.last_written = written_by_last_save_();
+  figures_.seconds.observe(figures_.last_seconds);
+  figures_.written.observe(static_cast<double>(figures_.last_written));
 }
 
 void queued_history_db::flush() {

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 
+#include "metrics.h"
 #include "store_health.h"
 #include "zelcapi/state.h"
 
@@ -24,7 +25,17 @@ struct save_figures {
   double last_seconds = 0;
   std::uint64_t last_records = 0;
   std::uint64_t last_written = 0;  // of last_records, those new or changed since the save before
+  std::uint64_t failed = 0;        // saves that the store refused or that broke off
+  // Of each committed save: how long it took, in seconds (from milliseconds for a few changes
+  // to a minute for the first save of a large replica), and how many records it wrote.
+  histogram_counts seconds{{0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30, 60}};
+  histogram_counts written{{0, 10, 100, 1000, 10000, 100000, 1000000}};
 };
+
+// The saves' families: zelcapi_saves_total, zelcapi_save_failures_total,
+// zelcapi_save_duration_seconds and zelcapi_save_records_written (histograms),
+// zelcapi_last_save_records and zelcapi_last_save_timestamp_seconds.
+void write_save_metrics(metrics_text& out, const save_figures& f);
 
 class timed_state_db final : public zelcapi::forwarding_state_db {
  public:

@@ -203,7 +203,12 @@ bool connection::authorized(const http::request<http::string_body>& req,
   return false;
 }
 
+void connection::count_answer(unsigned status) {
+  if (context_->answered != nullptr) ++(*context_->answered)[status];
+}
+
 void connection::write(const response& r, bool keep_alive, bool head, unsigned version) {
+  count_answer(r.status);
   http::response<http::empty_body> res{static_cast<http::status>(r.status), 11};
   add_common_headers(res, r);
   // A body in pieces has no length in advance: chunked, or until the close for HTTP/1.0.
@@ -229,6 +234,7 @@ void connection::start_stream(const response& r, const request& in) {
   add_common_headers(res, r);
   res.set(http::field::content_type, "text/event-stream");
   res.set(http::field::connection, "close");
+  count_answer(200);
   if (in.method == "HEAD") {
     then_ = then::close;
     send(std::make_shared<const std::string>(header_text(res)));

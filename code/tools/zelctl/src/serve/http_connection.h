@@ -26,6 +26,7 @@ struct server_context {
   std::string token;
   route_function routes;
   subscribe_function subscribe;
+  answer_counts* answered = nullptr;
   std::size_t held = 0;  // slots held by open connections
   // The connections waiting for (the header of) a request, the longest waiting first: when every
   // slot is held, the first of them gives its slot to a new connection.
@@ -66,6 +67,7 @@ class connection final : public event_subscriber, public std::enable_shared_from
   // Queues the answer; `head`: its header alone (a HEAD request). Then reads the next request
   // (keep-alive) or closes.
   void write(const response& r, bool keep_alive, bool head, unsigned version = 11);
+  void count_answer(unsigned status);
   void start_stream(const response& r, const request& in);
   // Reads while the stream writes: what a client sends is dropped, its end closes the stream.
   void read_stream();

@@ -21,13 +21,34 @@ tcp::endpoint resolve(asio::io_context& io, const std::string& host, const std::
   tcp::resolver resolver(io);
   const auto results = resolver.resolve(host, port, tcp::resolver::passive, ec);
   if (ec || results.empty()) {
-    throw failure(exit_usage, "cannot use --listen " + host + ":" + port + ": " +
+    throw failure(exit_usage, "cannot listen on " + host + ":" + port + ": " +
                                   (ec ? ec.message() : std::string("no address")));
   }
   return results.begin()->endpoint();
 }
 
 }  // namespace
+
+void split_listen(const std::string& text, const std::string& flag, std::string& host,
+                  std::string& port) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon + 1 == text.size()) {
+    throw failure(exit_usage, flag + " wants HOST:PORT, not '" + text + "'");
+  }
+  host = text.substr(0, colon);
+  port = text.substr(colon + 1);
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  if (host.empty()) throw failure(exit_usage, flag + " wants HOST:PORT, not '" + text + "'");
+}
+
+void write_answer_metrics(metrics_text& out, const answer_counts& answered) {
+  out.family("zelcapi_http_responses_total", "counter", "HTTP answers given, by status code.");
+  for (const auto& [code, n] : answered) {
+    out.sample("zelcapi_http_responses_total", {{"code", std::to_string(code)}}, n);
+  }
+}
 
 // Owned, as the connections are, by its pending operations and by the server.
 class http_server::listener : public std::enable_shared_from_this<listener> {
@@ -104,8 +125,9 @@ class http_server::listener : public std::enable_shared_from_this<listener> {
 
 http_server::http_server(asio::io_context& io, const std::string& host, const std::string& port,
                          const limits& l, std::string token, route_function routes,
-                         subscribe_function subscribe) {
+                         subscribe_function subscribe, answer_counts* answered) {
   auto context = std::make_shared<server_context>();
+  context->answered = answered;
   context->lim = l;
   context->token = std::move(token);
   context->routes = std::move(routes);

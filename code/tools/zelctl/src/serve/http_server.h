@@ -7,7 +7,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,6 +18,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
+#include "metrics.h"
 #include "serve/request_target.h"
 
 namespace zelctl::serve {
@@ -82,6 +85,17 @@ class event_subscriber {
   virtual bool closed() const = 0;
 };
 
+// "HOST:PORT" or "[V6HOST]:PORT" as host and port; raises failure (a usage error naming `flag`)
+// for anything else.
+void split_listen(const std::string& text, const std::string& flag, std::string& host,
+                  std::string& port);
+
+// The answers a server gave, by status code: every answer written, the event streams' included.
+using answer_counts = std::map<unsigned, std::uint64_t>;
+
+// The family zelcapi_http_responses_total{code}.
+void write_answer_metrics(metrics_text& out, const answer_counts& answered);
+
 using route_function = std::function<response(const request&)>;
 using subscribe_function =
     std::function<void(const std::shared_ptr<event_subscriber>&, const request&)>;
@@ -89,10 +103,11 @@ using subscribe_function =
 class http_server {
  public:
   // Listens on host:port (port 0: a free one) at once; raises failure when it cannot. An
-  // empty token lets every request in.
+  // empty token lets every request in. Each answer is counted into `answered` (not owned; null:
+  // not counted), which must outlive the server's connections.
   http_server(boost::asio::io_context& io, const std::string& host, const std::string& port,
               const limits& l, std::string token, route_function routes,
-              subscribe_function subscribe);
+              subscribe_function subscribe, answer_counts* answered = nullptr);
   ~http_server();
   http_server(const http_server&) = delete;
   http_server& operator=(const http_server&) = delete;

@@ -1,21 +1,12 @@
 // The overview's counts, rate and samples.
 #include "serve/overview.h"
 
-#include <map>
-
 #include "json_output.h"
 #include "kinds.h"
+#include "replica_metrics.h"
 #include "time_text.h"
 
 namespace zelctl::serve {
-
-nlohmann::json count_by_state(const zelcapi::state::item_map& items) {
-  std::map<std::string, std::uint64_t> counts;
-  for (const auto& [id, record] : items) ++counts[record.get_string_value("state", "")];
-  nlohmann::json out = nlohmann::json::object();
-  for (const auto& [state, n] : counts) out[state] = n;
-  return out;
-}
 
 overview::overview(boost::asio::io_context& io, const zelcapi::state& replica,
                    const event_feed& feed, const replica_source& source, std::size_t samples)
@@ -39,8 +30,9 @@ void overview::arm() {
 }
 
 void overview::take_sample() {
-  samples_.push_back(
-      {now_ms(), count_by_state(replica_.get_items(zelcapi::state_item_job)), feed_.changes()});
+  samples_.push_back({now_ms(),
+                      nlohmann::json(count_by_state(replica_.get_items(zelcapi::state_item_job))),
+                      feed_.changes()});
   while (samples_.size() > capacity_) samples_.pop_front();
 }
 
@@ -75,8 +67,8 @@ nlohmann::json overview::summary() const {
       {"address", link.address},
       {"nodes", std::move(nodes)},
       {"counts",
-       {{"jobs", count_by_state(replica_.get_items(zelcapi::state_item_job))},
-        {"tasks", count_by_state(replica_.get_items(zelcapi::state_item_task))}}},
+       {{"jobs", nlohmann::json(count_by_state(replica_.get_items(zelcapi::state_item_job)))},
+        {"tasks", nlohmann::json(count_by_state(replica_.get_items(zelcapi::state_item_task)))}}},
       {"totals", std::move(totals)},
       {"changes", feed_.changes()},
       {"batches", feed_.batches()},

@@ -50,7 +50,4 @@ class overview {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-// The records of an item kind counted by their "state" field ("" when it has none).
-nlohmann::json count_by_state(const zelcapi::state::item_map& items);
-
 }  // namespace zelctl::serve
