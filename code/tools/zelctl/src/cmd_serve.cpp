@@ -14,6 +14,7 @@
 #include <boost/asio/signal_set.hpp>
 
 #include "commands.h"
+#include "description_check.h"
 #include "metrics.h"
 #include "replica_metrics.h"
 #include "serve/api_routes.h"
@@ -148,17 +149,17 @@ int run_serve(const serve_flags& f, target& t) {
   std::fflush(stdout);
   service_notify notify;
   const std::string url = "http://" + address + ":" + std::to_string(at.port()) + "/";
-  serve::notify_timer notifier(io, notify, [&] {
-    return "serving " + url + ": " + std::to_string(feed.changes()) + " changes in " +
-           std::to_string(feed.batches()) + " batches";
-  });
+  // "52000 changes in 410 batches".
+  const auto served = [&feed] {
+    return plural(feed.changes(), "change", "changes") + " in " +
+           plural(feed.batches(), "batch", "batches");
+  };
+  serve::notify_timer notifier(io, notify, [&] { return "serving " + url + ": " + served(); });
   notify.ready("serving " + url);
   notifier.start();
   io.run();
   notify.stopping();
-  std::printf("zelctl: served %llu changes in %llu batches\n",
-              static_cast<unsigned long long>(feed.changes()),
-              static_cast<unsigned long long>(feed.batches()));
+  std::printf("zelctl: served %s\n", served().c_str());
   std::fflush(stdout);
   return exit_ok;
 }
