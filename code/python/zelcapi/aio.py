@@ -115,8 +115,8 @@ class _ChangeQueue(_zelcapi.StateHandler):
         self._ids_only = True
         # The snapshot only settles a future: it is never converted.
         self._snapshot_as_none = True
-        self.recording = False
-        self.changes: Deque[Change] = collections.deque()
+        # The queue, from the first call of changes() on.
+        self.changes: Optional[Deque[Change]] = None
         self.wakeup: Optional[asyncio.Future] = None
         self.new_state_waiter: Optional[asyncio.Future] = None
         self.lost: Optional[str] = None
@@ -136,47 +136,48 @@ class _ChangeQueue(_zelcapi.StateHandler):
 
     def record(self) -> None:
         """Queues the changes from now on, each with its record."""
-        self.recording = True
-        self._ids_only = False
+        if self.changes is None:
+            self.changes = collections.deque()
+            self._ids_only = False
 
-    def _put(self, change: Change) -> bool:
-        if self.recording:
-            self.changes.append(change)
+    def _put(self, kind: str, type: Optional[int], id: str, data: Any) -> bool:
+        if self.changes is not None:
+            self.changes.append(Change(kind, type, id, data))
             if self.wakeup is not None and not self.wakeup.done():
                 self.wakeup.set_result(None)
         if self.watchers:
-            self._wake(self.watchers.pop(change.id, None))
+            self._wake(self.watchers.pop(id, None))
         return True
 
     def item_set(self, type: int, id: str, record: dict) -> bool:
-        return self._put(Change("set", type, id, record))
+        return self._put("set", type, id, record)
 
     def item_updated(self, type: int, id: str, update: dict) -> bool:
-        return self._put(Change("update", type, id, update))
+        return self._put("update", type, id, update)
 
     def item_removed(self, type: int, id: str) -> bool:
-        return self._put(Change("remove", type, id, None))
+        return self._put("remove", type, id, None)
 
     def item_historized(self, type: int, id: str) -> bool:
-        return self._put(Change("historize", type, id, None))
+        return self._put("historize", type, id, None)
 
     def item_erased_property_ref(self, type: int, id: str, ref: str) -> bool:
-        return self._put(Change("erase", type, id, ref))
+        return self._put("erase", type, id, ref)
 
     def workflow_result_added(self, id: str, status: int, ht: int) -> bool:
-        return self._put(Change("result", None, id, {"st": status, "ht": ht}))
+        return self._put("result", None, id, {"st": status, "ht": ht})
 
     def workflow_result_removed(self, id: str) -> bool:
-        return self._put(Change("result-removed", None, id, None))
+        return self._put("result-removed", None, id, None)
 
     def workflow_updated(self, command: dict) -> bool:
-        return self._put(Change("workflow", None, str(command.get("state-id", "")), command))
+        return self._put("workflow", None, str(command.get("state-id", "")), command)
 
     def workflow_added(self, id: str, workflow: dict) -> bool:
-        return self._put(Change("workflow-added", None, id, workflow))
+        return self._put("workflow-added", None, id, workflow)
 
     def workflow_removed(self, id: str) -> bool:
-        return self._put(Change("workflow-removed", None, id, None))
+        return self._put("workflow-removed", None, id, None)
 
     def new_state(self, state: None) -> bool:
         if self.new_state_waiter is not None and not self.new_state_waiter.done():
