@@ -22,7 +22,7 @@ using zelnet::zelp::packet;
 class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
  public:
   bool ids_only = false;
-  // new_state gets None in place of the snapshot (and ids_only gives it None as well).
+  // new_state gets None in place of the snapshot (as it does with ids_only).
   bool snapshot_as_none = false;
 
   bool state_item_updated(zelcapi::state_item_type type, const std::string& id,
@@ -71,10 +71,7 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
     return command_call(pre_workflow_update, "pre_workflow_update", command);
   }
   bool state_new_state(const zelcore::properties& state) override {
-    if (!snapshot_as_none) return tree_call(new_state, "new_state", state);
-    gil_for_callback gil;
-    PyObject* f = find(new_state, "new_state");
-    return f == nullptr || truth(methods::call(f, self(), py::none()));
+    return tree_call(new_state, "new_state", state, ids_only || snapshot_as_none);
   }
   bool history_request_reply(std::uint32_t request_id,
                              const zelcore::property_list& history) override {
@@ -116,15 +113,16 @@ class py_state_handler : public handler_trampoline<zelcapi::state_handler, 13> {
     PyObject* f = find(s, name);
     return f == nullptr || truth(methods::call(f, self(), id));
   }
-  bool tree_call(slot s, const char* name, const zelcore::properties& tree) {
+  // Calls the method with the tree, or with None when `as_none`.
+  bool tree_call(slot s, const char* name, const zelcore::properties& tree, bool as_none) {
     gil_for_callback gil;
     PyObject* f = find(s, name);
     if (f == nullptr) return true;
-    if (ids_only) return truth(methods::call(f, self(), py::none()));
+    if (as_none) return truth(methods::call(f, self(), py::none()));
     return truth(methods::call(f, self(), to_python(tree)));
   }
   bool command_call(slot s, const char* name, const zelcore::properties& command) {
-    if (!ids_only) return tree_call(s, name, command);
+    if (!ids_only) return tree_call(s, name, command, false);
     gil_for_callback gil;
     PyObject* f = find(s, name);
     if (f == nullptr) return true;
