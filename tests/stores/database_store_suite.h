@@ -86,31 +86,31 @@ TYPED_TEST_SUITE_P(DatabaseStoreTest);
 TYPED_TEST_P(DatabaseStoreTest, SaveCommittedInTheMiddleOfALoadIsNotSeenByIt) {
   using namespace database_store_suite;
   save_all(*this->db, 1);
-  // The next save comes through another connection of its own, as another mirror's would, and
+  // A reader of its own, as another program's would be, loads while the writer's next save
   // commits between the load's read of the nodes and its read of the jobs.
-  const auto saver = TypeParam::open(this->location);
-  acting_after_nodes loading(*this->db, [&] { save_all(*saver, 2); });
+  const auto reader = TypeParam::open_reader(this->location);
+  acting_after_nodes loading(*reader, [&] { save_all(*this->db, 2); });
   zelcapi::state st(this->plugins, nullptr);
   st.set_and_update_from_state_db(&loading);
   expect_loaded(st, 1);
-  EXPECT_EQ(this->db->load_workflow_sequence_number(), 2u);
+  EXPECT_EQ(reader->load_workflow_sequence_number(), 2u);
 
   // The next load sees the new save whole.
   zelcapi::state again(this->plugins, nullptr);
-  again.set_and_update_from_state_db(this->db.get());
+  again.set_and_update_from_state_db(reader.get());
   expect_loaded(again, 2);
 }
 
 TYPED_TEST_P(DatabaseStoreTest, LoadThatRaisesEndsItsSnapshot) {
   using namespace database_store_suite;
   save_all(*this->db, 1);
-  const auto saver = TypeParam::open(this->location);
-  acting_after_nodes failing(*this->db, [] { throw std::runtime_error("the load fails here"); });
+  const auto reader = TypeParam::open_reader(this->location);
+  acting_after_nodes failing(*reader, [] { throw std::runtime_error("the load fails here"); });
   zelcapi::state st(this->plugins, nullptr);
   EXPECT_THROW(st.set_and_update_from_state_db(&failing), std::runtime_error);
-  save_all(*saver, 2);
+  save_all(*this->db, 2);
   zelcapi::state again(this->plugins, nullptr);
-  again.set_and_update_from_state_db(this->db.get());
+  again.set_and_update_from_state_db(reader.get());
   expect_loaded(again, 2);
 }
 

@@ -49,6 +49,12 @@ struct counting_sqlite_store {
   using db = zelcapi::sqlite_state_db;
   static std::string location(const zeltest::scratch_dir& dir) { return dir.file("state.db"); }
   static std::unique_ptr<db> open(const std::string& path) { return std::make_unique<db>(path); }
+  // A store of another program that only reads the file while this one writes it.
+  static std::unique_ptr<db> open_reader(const std::string& path) {
+    zelcapi::sqlite_options options;
+    options.read_only = true;
+    return std::make_unique<db>(path, options);
+  }
   static std::unique_ptr<history_db> open_history(const std::string& path) {
     return std::make_unique<zelcapi::sqlite_history_db>(path);
   }

@@ -228,6 +228,121 @@ TEST_F(PostgresStateDbTest, ConnectionsDroppedInTheMiddleOfASaveAreOpenedAgain) 
   expect_saved(db, third, 3);
 }
 
+namespace {
+
+// The writer lock's holder, as pg_locks shows it: the pid of its session, or 0.
+std::int64_t lock_holder(const std::string& conninfo, std::int64_t key) {
+  return postgres_session(conninfo).query_int(
+      "SELECT coalesce(max(pid), 0) FROM pg_locks WHERE locktype = 'advisory' AND granted"
+      " AND objsubid = 1 AND objid = " +
+      std::to_string(key));
+}
+
+// Calls `attempt` until it is true or 10 s have passed; whether it became true.
+bool eventually(const std::function<bool()>& attempt) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!attempt()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+constexpr std::int64_t state_writer_lock = 2053467252;
+
+// Ends the session that holds the lock `key`, as a network failure or an administrator would.
+void end_holder_session(const std::string& conninfo, std::int64_t key) {
+  const std::int64_t holder = lock_holder(conninfo, key);
+  ASSERT_NE(holder, 0);
+  postgres_session(conninfo).execute("SELECT pg_terminate_backend(" + std::to_string(holder) + ")");
+}
+
+// The records of `first` with a third of them changed, ten gone and one of its own.
+properties another_save_of(const properties& first) {
+  properties out = with_changes(first, 3);
+  for (int n = 0; n < 10; ++n) out.erase("j" + std::to_string(n));
+  out.set_properties_value("only-the-standby-saved-this", zeltest::job("x", 5));
+  return out;
+}
+
+}  // namespace
+
+TEST_F(PostgresStateDbTest, LeadingStoresWriteByTurnsOnlyOnTheSessionThatHoldsTheLock) {
+  const std::string does_not_lead =
+      "PostgreSQL store '" + db.server() +
+      "': does not lead: another session holds this database's writer lock (the session that "
+      "held it for this store ended, or it never did)";
+  ASSERT_TRUE(db.try_lead());
+  EXPECT_TRUE(db.try_lead()) << "taken again by its holder";
+  auto standby = std::make_unique<postgres_state_db>(conninfo);
+  EXPECT_FALSE(standby->try_lead());
+  EXPECT_FALSE(standby->leads());
+  const properties first = jobs(300, 1);
+  save_jobs(db, first, 1);
+  EXPECT_EQ(uspec_of([&] { save_jobs(*standby, jobs(5, 7), 7); }), does_not_lead);
+  expect_saved(*standby, first, 1);  // reading needs no lead
+
+  end_holder_session(conninfo, state_writer_lock);
+  ASSERT_TRUE(eventually([&] { return standby->try_lead(); }));
+  const properties second = another_save_of(first);
+  save_jobs(*standby, second, 2);
+
+  // The former leader does not know yet; its next save opens a new session, which may not take
+  // the lock: it writes nothing, then or later.
+  EXPECT_TRUE(db.leads());
+  EXPECT_EQ(uspec_of([&] { save_jobs(db, first, 3); }), does_not_lead);
+  EXPECT_FALSE(db.leads());
+  EXPECT_EQ(uspec_of([&] { save_jobs(db, first, 3); }), does_not_lead);
+  expect_saved(db, second, 2);
+
+  // Once the standby's session ends, it leads again.
+  standby.reset();
+  ASSERT_TRUE(eventually([&] { return db.try_lead(); }));
+  save_jobs(db, first, 3);
+  expect_saved(*std::make_unique<postgres_state_db>(conninfo), first, 3);
+}
+
+TEST_F(PostgresStateDbTest, ALeaderOnANewSessionReadsTheTablesAgainBeforeItSaves) {
+  ASSERT_TRUE(db.try_lead());
+  const properties first = jobs(300, 1);
+  save_jobs(db, first, 1);
+  // While the leader's session is gone, another store leads for a while and saves.
+  end_holder_session(conninfo, state_writer_lock);
+  {
+    postgres_state_db other(conninfo);
+    ASSERT_TRUE(eventually([&] { return other.try_lead(); }));
+    save_jobs(other, another_save_of(first), 2);
+  }
+  // The leader's next save finds its session gone, opens a new one and takes the lock again:
+  // what it knew of the tables is of its old session, so it reads them again, and its save
+  // holds exactly its records.
+  ASSERT_TRUE(eventually([&] { return lock_holder(conninfo, state_writer_lock) == 0; }));
+  save_jobs(db, first, 3);
+  EXPECT_TRUE(db.leads());
+  EXPECT_EQ(db.last_save_counts().removed, 1u);
+  expect_saved(*std::make_unique<postgres_state_db>(conninfo), first, 3);
+}
+
+TEST_F(PostgresStateDbTest, ALeadingHistoryWritesOnlyOnItsLockedSession) {
+  postgres_history_db leader(conninfo), standby(conninfo);
+  ASSERT_TRUE(leader.try_lead());
+  EXPECT_FALSE(standby.try_lead());
+  leader.store_item(db_item_job, "j1", zeltest::job("one", 1));
+  const std::string refused =
+      uspec_of([&] { standby.store_item(db_item_job, "j2", zeltest::job("two", 1)); });
+  EXPECT_NE(refused.find("': does not lead: "), std::string::npos) << refused;
+  EXPECT_EQ(count("SELECT count(*) FROM history"), 1);
+
+  end_holder_session(conninfo, 2053467253);
+  ASSERT_TRUE(eventually([&] { return standby.try_lead(); }));
+  standby.store_item(db_item_job, "j2", zeltest::job("two", 1));
+  EXPECT_NE(uspec_of([&] {
+              leader.store_item(db_item_job, "j3", zeltest::job("three", 1));
+            }).find("': does not lead: "),
+            std::string::npos);
+  EXPECT_EQ(count("SELECT count(*) FROM history"), 2);
+}
+
 TEST_F(PostgresStateDbTest, StatementTimeoutRollsTheSaveBackWithTheServersText) {
   postgres_state_db impatient(conninfo + " options='-c statement_timeout=300'");
   const properties first = jobs(50, 1);

@@ -37,6 +37,7 @@ struct counting_postgres_store {
   static std::unique_ptr<db> open(const std::string& conninfo) {
     return std::make_unique<db>(conninfo);
   }
+  static std::unique_ptr<db> open_reader(const std::string& conninfo) { return open(conninfo); }
   static std::unique_ptr<zelcapi::history_db> open_history(const std::string& conninfo) {
     return std::make_unique<zelcapi::postgres_history_db>(conninfo);
   }

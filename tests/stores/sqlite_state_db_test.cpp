@@ -205,6 +205,51 @@ TEST_F(SqliteStateDbTest, NewerSchemaVersionIsRefused) {
                 "': schema version 2 is newer than version 1 that this library reads");
 }
 
+TEST_F(SqliteStateDbTest, OneWriterAtATimeWhileReadersComeAndGo) {
+  auto writer = std::make_unique<sqlite_state_db>(path);
+  writer->begin_save();
+  writer->store_item(zelcapi::db_item_job, "j1", zelcore::properties(false));
+  writer->store_workflow_sequence_number(1);
+
+  // A second store loads, but its first write is refused; so is its lead.
+  sqlite_state_db second(path);
+  EXPECT_EQ(second.load_workflow_sequence_number(), 1u);
+  const std::string refused =
+      "SQLite store '" + path +
+      "': another writer has it open (a second mirror?): one writes at a time";
+  EXPECT_EQ(uspec_of([&] { second.begin_save(); }), refused);
+  EXPECT_EQ(uspec_of([&] { second.clear(); }), refused);
+  EXPECT_FALSE(second.try_lead());
+  EXPECT_TRUE(writer->try_lead()) << "its holder leads";
+  EXPECT_EQ(second.load_workflow_sequence_number(), 1u) << "the refused writes changed the file";
+
+  // Closed, the writer leaves no lock file, and the other store may write.
+  writer.reset();
+  EXPECT_NE(::access((path + "-lock").c_str(), F_OK), 0);
+  EXPECT_TRUE(second.try_lead());
+  second.begin_save();
+  second.store_workflow_sequence_number(2);
+  EXPECT_EQ(sqlite_state_db(path).load_workflow_sequence_number(), 2u);
+}
+
+TEST_F(SqliteStateDbTest, LockFileLeftByAKilledWriterDoesNotHoldTheNextOne) {
+  { sqlite_state_db db(path); }
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    sqlite_state_db db(path);
+    db.try_lead();
+    ::kill(::getpid(), SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(::access((path + "-lock").c_str(), F_OK), 0) << "the killed writer left its lock file";
+  sqlite_state_db next(path);
+  EXPECT_TRUE(next.try_lead());
+  EXPECT_FALSE(next.has_saved_state());
+}
+
 TEST_F(SqliteStateDbTest, FileThatCannotBeOpenedIsRefused) {
   const std::string missing = dir.file("no-such-dir/mirror.db");
   EXPECT_EQ(uspec_of([&] { sqlite_state_db db(missing); }),

@@ -220,3 +220,26 @@ TEST(ZelctlMirror, AScrapeWhileTheMirrorWaitsForTheClusterGets503ThenTheLinkIsDo
 }
 
 }  // namespace
+
+TEST(ZelctlMirror, ASecondMirrorOnOneFileIsRefusedWithOneLineAndReadersAreNot) {
+  temp_dir dir;
+  const std::string file = dir.file("mirror.db");
+  process first({"--simulate", "mirror", "--db", file, "--save-interval", "0.2"});
+  ASSERT_TRUE(first.wait_for_output("saved ")) << first.out() << first.err();
+
+  const result second = run({"--simulate", "mirror", "--db", file, "--duration", "1"});
+  EXPECT_EQ(second.code, 3);
+  EXPECT_EQ(second.err, "zelctl: cannot open --db '" + file +
+                            "': another mirror writes it (it "
+                            "holds " +
+                            file + "-lock): one mirror a file\n");
+  EXPECT_EQ(second.out, "");
+  const result read = run({"state", "--from", file, "--count"});
+  EXPECT_EQ(read.code, 0) << read.err;
+
+  first.signal(SIGTERM);
+  EXPECT_EQ(first.wait(), 0) << first.err();
+  EXPECT_NE(::access((file + "-lock").c_str(), F_OK), 0) << "the lock file is left behind";
+  const result next = run({"--simulate", "mirror", "--db", file, "--duration", "0.5"});
+  EXPECT_EQ(next.code, 0) << next.err;
+}

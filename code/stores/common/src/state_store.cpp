@@ -36,7 +36,7 @@ void state_store::_begin(bool emptied) {
   phase_ = phase::abandoned;
   digests_.counts = {};
   try {
-    begin_transaction();
+    if (begin_transaction()) digests_.forget();
     if (emptied) {
       empty_tables();
       digests_.rebuild_empty();

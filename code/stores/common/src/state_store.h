@@ -63,6 +63,14 @@ class state_store {
   save_counts last_save_counts() const;
   std::size_t digest_memory_bytes() const;
 
+  // Runs `body` with the write lock held: an operation of the store's own on its writing
+  // connection, between the saves of a saver thread.
+  template <class F>
+  auto holding_write_lock(F&& body) {
+    std::lock_guard<std::mutex> hold(write_lock_);
+    return body();
+  }
+
   // Raises the store's error: es::uspec with error_text(why).
   [[noreturn]] void fail(const std::string& why) const;
 
@@ -72,8 +80,10 @@ class state_store {
 
   // --- Write hooks, on the writing connection with the write lock held. ---
 
-  // Begins a transaction (of a save, or of one write outside a save).
-  virtual void begin_transaction() = 0;
+  // Begins a transaction (of a save, or of one write outside a save); true when it runs on a
+  // new session of a server, which cannot know what other sessions wrote while there was none
+  // (the digests are then read again).
+  virtual bool begin_transaction() = 0;
   virtual void commit_transaction() = 0;
   // Rolls back an open transaction, ignoring errors (the caller is already failing).
   virtual void rollback_transaction() noexcept = 0;
@@ -128,7 +138,7 @@ class state_store {
       fail("the save was abandoned after an error; begin_save starts a new one");
     const bool own = phase_ == phase::idle;
     try {
-      if (own) begin_transaction();
+      if (own && begin_transaction()) digests_.forget();
       body();
       if (own || completes) commit_transaction();
     } catch (...) {

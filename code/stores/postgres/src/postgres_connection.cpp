@@ -87,6 +87,11 @@ int hex_digit(char c) {
 
 void ignore_notice(void*, const char*) {}
 
+// A store that leads writes only on the session that holds its lock.
+constexpr const char* lost_lead =
+    "does not lead: another session holds this database's writer lock (the session that held "
+    "it for this store ended, or it never did)";
+
 // The settings that a connection string (or, for the time-out, PGCONNECT_TIMEOUT) does not give
 // are these: a connection attempt gives up after 10 s, and an idle connection whose server stops
 // answering is found dead after about a minute (30 s idle, then 3 probes 10 s apart).
@@ -216,6 +221,7 @@ std::string connection::setting(const char* keyword) const {
 void connection::_connect() {
   copying_ = false;
   broken_ = false;
+  ++sessions_;
   std::vector<const char*> keywords, values;
   for (const auto& [keyword, value] : settings_) {
     keywords.push_back(keyword.c_str());
@@ -232,8 +238,34 @@ void connection::_connect() {
 }
 
 void connection::ensure_open() {
+  if (wants_lock_ && !holds_lock_ && !lost()) fail(lost_lead);
   if (!lost()) return;
+  // A server that cannot be reached leaves the lock as it was known: nobody else took it from
+  // this store yet, as far as it can tell.
   _connect();
+  if (!wants_lock_) return;
+  bool taken = false;
+  try {
+    taken = _take_lock(lock_key_);
+  } catch (...) {
+    broken_ = true;  // the next attempt opens a session again and takes the lock first
+    throw;
+  }
+  if (!taken) fail(lost_lead);
+}
+
+bool connection::try_lock_session(std::int64_t key) {
+  if (holds_lock_ && key == lock_key_ && !lost()) return true;
+  if (lost()) _connect();
+  wants_lock_ = true;
+  lock_key_ = key;
+  return _take_lock(key);
+}
+
+bool connection::_take_lock(std::int64_t key) {
+  const result taken = exec("SELECT pg_try_advisory_lock($1)", {std::to_string(key)});
+  holds_lock_ = taken.rows() == 1 && taken.text(0, 0) == "t";
+  return holds_lock_;
 }
 
 result connection::_checked(PGresult* r, ExecStatusType expected) {

@@ -5,6 +5,7 @@
 
 #include <libpq-fe.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -59,8 +60,21 @@ class connection {
   connection(const connection&) = delete;
   connection& operator=(const connection&) = delete;
 
-  // Connects again when the connection was lost; raises as the constructor does.
+  // Connects again when the connection was lost; raises as the constructor does. A connection
+  // that took a session lock (try_lock_session) takes it again on the new session first, and
+  // raises "lost the lead" when another session holds it by then; it then stays refused until
+  // try_lock_session succeeds again.
   void ensure_open();
+  // Takes the session-level advisory lock `key` when no other session holds it (opening the
+  // connection when it was lost); true when this session holds it.
+  bool try_lock_session(std::int64_t key);
+  // Whether this connection holds the lock that try_lock_session took, as far as it knows: it
+  // is false once a new session found the lock held by another, not while the server cannot be
+  // reached.
+  bool holds_session_lock() const noexcept { return holds_lock_; }
+  // How many times the connection was opened: a new number is a new session, which cannot know
+  // what other sessions wrote while there was none.
+  std::uint64_t sessions() const noexcept { return sessions_; }
   // The value of a connection setting (connect_timeout, keepalives_idle, ...) in effect on the
   // open connection, as libpq reports it; "" when it has none.
   std::string setting(const char* keyword) const;
@@ -105,6 +119,8 @@ class connection {
     void operator()(PGconn* c) const noexcept { PQfinish(c); }
   };
   void _connect();
+  // pg_try_advisory_lock(key) on the open session.
+  bool _take_lock(std::int64_t key);
   result _checked(PGresult* r, ExecStatusType expected);
   // Raises the error that `r` holds, marking the connection lost when the error says so.
   [[noreturn]] void _fail_with(const result& r) const;
@@ -116,6 +132,11 @@ class connection {
   std::unique_ptr<PGconn, closer> conn_;
   bool copying_ = false;
   mutable bool broken_ = false;
+  std::uint64_t sessions_ = 0;
+  bool wants_lock_ = false;  // try_lock_session was called: a new session takes the lock first
+  std::int64_t lock_key_ = 0;
+  // Read by other threads (whether a store still leads) while the writing thread sets it.
+  std::atomic<bool> holds_lock_{false};
 };
 
 // The tree of a stored record; raises es::uspec naming the table and the id when its JSON text

@@ -108,6 +108,14 @@ postgres_history_db::~postgres_history_db() { impl_->db.rollback_quietly(); }
 
 const std::string& postgres_history_db::server() const noexcept { return impl_->db.server(); }
 
+bool postgres_history_db::try_lead() {
+  std::lock_guard<std::mutex> hold(impl_->lock);
+  if (impl_->batch_depth > 0) impl_->db.fail("try_lead inside a batch");
+  return impl_->db.try_lock_session(postgres_detail::history_writer_lock);
+}
+
+bool postgres_history_db::leads() const noexcept { return impl_->db.holds_session_lock(); }
+
 properties_cptr postgres_history_db::load_items(db_item_type type) {
   const std::string kind = kind_name(type);
   std::lock_guard<std::mutex> hold(impl_->lock);

@@ -58,7 +58,7 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
 
   // Begins a transaction; a connection found lost on the way (the server restarted since the
   // last write) is opened again once, as nothing of the transaction was sent yet.
-  void begin_transaction() override {
+  bool begin_transaction() override {
     const auto begin = [this] {
       writer.ensure_open();
       writer.exec(std::string("BEGIN; ") + staging);
@@ -69,6 +69,9 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
       if (!writer.lost()) throw;
       begin();
     }
+    const bool new_session = writer.sessions() != known_session;
+    known_session = writer.sessions();
+    return new_session;
   }
 
   void commit_transaction() override {
@@ -236,10 +239,11 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
   }
 
   connection writer;
-  zelbase::encoder_network json;  // the JSON text of the record being written
-  int copy_kind = -1;             // the kind whose COPY is open, or -1
-  bool copy_direct = false;       // whether it goes straight into the kind's table
-  std::string copy_rows;          // COPY text not yet handed to libpq
+  std::uint64_t known_session = 0;  // the writer's session that the last transaction ran on
+  zelbase::encoder_network json;    // the JSON text of the record being written
+  int copy_kind = -1;               // the kind whose COPY is open, or -1
+  bool copy_direct = false;         // whether it goes straight into the kind's table
+  std::string copy_rows;            // COPY text not yet handed to libpq
 
   connection reader;
 };
@@ -250,6 +254,13 @@ postgres_state_db::postgres_state_db(const std::string& conninfo)
 postgres_state_db::~postgres_state_db() { impl_->writer.rollback_quietly(); }
 
 const std::string& postgres_state_db::server() const noexcept { return impl_->writer.server(); }
+
+bool postgres_state_db::try_lead() {
+  return impl_->holding_write_lock(
+      [this] { return impl_->writer.try_lock_session(postgres_detail::state_writer_lock); });
+}
+
+bool postgres_state_db::leads() const noexcept { return impl_->writer.holds_session_lock(); }
 
 void postgres_state_db::clear() { impl_->clear(); }
 

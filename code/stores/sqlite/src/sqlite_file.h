@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "json_record.h"
 #include "zelcapi/sqlite_db.h"
@@ -18,6 +19,29 @@ namespace zelcapi::sqlite_detail {
 // PRAGMA application_id of a store file ("zels"), and the schema version this library writes.
 constexpr std::int64_t application_id = 0x7a656c73;
 constexpr std::int64_t schema_version = 1;
+
+// The lock that makes a state store the only writer of its file (two writers would each save
+// over the other's records with digests of their own): an exclusive flock on "<path>-lock",
+// given up, the lock file removed, when the store closes. A writer killed leaves the file
+// behind, unlocked. A lock file apart from the database, since closing a descriptor of the
+// database would drop SQLite's own locks of this process.
+class writer_lock {
+ public:
+  explicit writer_lock(std::string path) : path_(std::move(path)) {}
+  ~writer_lock();
+  writer_lock(const writer_lock&) = delete;
+  writer_lock& operator=(const writer_lock&) = delete;
+
+  // Takes the lock unless another writer holds it; true when this one holds it. Raises
+  // es::uspec when the lock file cannot be created.
+  bool try_take();
+  // Takes the lock; raises es::uspec when another writer holds it as well.
+  void take();
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
 
 class connection;
 // The tree of a stored record; raises es::uspec naming the table and the id when its JSON text

@@ -59,7 +59,9 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
   };
 
   impl(const std::string& path, const sqlite_options& options)
-      : writer(path, options, schema),
+      : read_only(options.read_only),
+        lock(path),
+        writer(path, options, schema),
         writes(per_kind<kind_writes>(writer, std::make_index_sequence<8>())),
         results_remove_all(writer, "DELETE FROM workflow_results"),
         results_insert(writer, "INSERT OR REPLACE INTO workflow_results VALUES(?1, ?2, ?3)"),
@@ -74,7 +76,11 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
 
   std::string error_text(const std::string& why) const override { return writer.error_text(why); }
 
-  void begin_transaction() override { begin.run(); }
+  bool begin_transaction() override {
+    if (!read_only) lock.take();
+    begin.run();
+    return false;
+  }
   void commit_transaction() override { commit.run(); }
   void rollback_transaction() noexcept override { writer.rollback_quietly(); }
 
@@ -165,6 +171,8 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
     return true;
   }
 
+  bool read_only;
+  sqlite_detail::writer_lock lock;  // taken at the first write; given up after the connections
   connection writer;
   std::array<kind_writes, 8> writes;
   statement results_remove_all, results_insert, sequence_remove_all, sequence_insert;
@@ -182,6 +190,10 @@ sqlite_state_db::sqlite_state_db(const std::string& path, const sqlite_options& 
 sqlite_state_db::~sqlite_state_db() { impl_->writer.rollback_quietly(); }
 
 const std::string& sqlite_state_db::path() const noexcept { return impl_->writer.path(); }
+
+bool sqlite_state_db::try_lead() {
+  return impl_->holding_write_lock([this] { return impl_->lock.try_take(); });
+}
 
 void sqlite_state_db::clear() { impl_->clear(); }
 

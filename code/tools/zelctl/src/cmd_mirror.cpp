@@ -137,20 +137,31 @@ class mirror {
       metrics_ = std::make_unique<metrics_listener>(flags_.metrics_listen, "--metrics-listen");
       log("metrics at http://" + metrics_->address() + "/metrics");
     }
-    load_file();
     start_ = steady::now();
+    if (!take_lead()) {
+      notify_.stopping();
+      log("stopped standing by");
+      return exit_ok;
+    }
+    load_file();
     retry_backoff backoff;
-    while (!finished()) {
+    while (!finished() && !lost_lead()) {
       if (!reach_cluster(backoff)) continue;
       backoff.reset();
       keep_current();
-      if (!connection_.is_connected() && !finished()) {
+      if (!connection_.is_connected() && !finished() && !lost_lead()) {
         end_status_line();
         log("lost the link to the cluster (" + watch_.lost() + "); reconnecting");
       }
     }
     end_status_line();
     notify_.stopping();
+    if (lost_lead()) {
+      throw failure(exit_failure,
+                    "mirror: lost the lead of " + location_.name +
+                        ": its session ended and another mirror holds the writer lock now; "
+                        "ending without a final save (start again to stand by)");
+    }
     finishing_ = true;
     replica_.save_state_to_db(true);
     write_history();
@@ -166,6 +177,8 @@ class mirror {
   }
 
  private:
+  // How often a standby tries to take the lead: the longest wait after the leader's end.
+  static constexpr std::chrono::milliseconds lead_poll{100};
   // History writes held while the store fails, at most (the oldest go first).
   static constexpr std::size_t history_held_at_most = 100000;
 
@@ -173,6 +186,45 @@ class mirror {
   bool finished() const {
     return stop_requested() || (flags_.duration > 0 && elapsed() >= flags_.duration);
   }
+
+  // A server's database is kept by one mirror at a time: while another leads, this one stands
+  // by and takes over when the leader's sessions end. False when the mirror was stopped first.
+  bool take_lead() {
+    if (!location_.try_lead || try_lead()) return true;
+    const auto since = steady::now();
+    log("standing by: another mirror leads " + location_.name +
+        "; taking over when its sessions end");
+    notify_.ready("standing by: another mirror leads");
+    while (!finished()) {
+      notify_.keep_alive();
+      serve_metrics();
+      std::this_thread::sleep_for(lead_poll);
+      if (try_lead()) {
+        log("took over " + location_.name + " after " +
+            std::to_string(std::chrono::duration<double>(steady::now() - since).count())
+                .substr(0, 5) +
+            " s standing by");
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // One attempt to take the lead; a server that cannot be reached is said once, and again
+  // when its error changes.
+  bool try_lead() {
+    try {
+      const bool taken = location_.try_lead();
+      lead_error_.clear();
+      return taken;
+    } catch (const zelbase::es::base& e) {
+      if (e.message() != lead_error_) log("standing by: " + e.message());
+      lead_error_ = e.message();
+      return false;
+    }
+  }
+
+  bool lost_lead() const { return location_.leads && !location_.leads(); }
 
   void load_file() {
     try {
@@ -202,6 +254,7 @@ class mirror {
   // Says an outage of the store that began, once, and one that ended, with what it cost; and
   // the saves skipped while a slow one was still writing.
   void announce_store() {
+    if (lost_lead()) return;  // the mirror ends with its own line
     if (const auto skipped = health_.take_skipped()) {
       end_status_line();
       std::fprintf(stderr,
@@ -287,7 +340,7 @@ class mirror {
     auto next_save = steady::now() + interval();
     auto next_status = steady::now();
     std::uint64_t saves_logged = store_.figures().saves;
-    while (connection_.is_connected() && !finished()) {
+    while (connection_.is_connected() && !finished() && !lost_lead()) {
       connection_.wait(100);
       serve_metrics();
       write_history();
@@ -320,6 +373,11 @@ class mirror {
       write_replica_metrics(out, replica_, counts_,
                             {connection_.is_connected(), connects_ > 0 ? connects_ - 1 : 0});
       write_save_metrics(out, store_.figures());
+      if (location_.leads) {
+        out.family("zelcapi_mirror_leader", "gauge",
+                   "Whether this mirror leads its database (1) or stands by (0).");
+        out.sample("zelcapi_mirror_leader", std::uint64_t{location_.leads() ? 1u : 0u});
+      }
     });
   }
 
@@ -397,6 +455,7 @@ class mirror {
   service_notify notify_;
   steady::time_point start_{};
   std::uint64_t connects_ = 0;
+  std::string lead_error_;          // the last error of a standby's attempt to lead, said once
   std::uint64_t dropped_said_ = 0;  // history writes dropped that a line has told of
   bool status_shown_ = false;
   // Read by the report sink, which the saver's thread calls too.

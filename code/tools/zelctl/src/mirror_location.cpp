@@ -59,26 +59,45 @@ void open_states(mirror_location& out, std::unique_ptr<Store> states) {
 
 mirror_location open_server(const std::string& where, mirror_use use) {
   mirror_location out;
+  zelcapi::postgres_state_db* states_db = nullptr;
+  zelcapi::postgres_history_db* histories_db = nullptr;
   if (use != mirror_use::read_history) {
     auto states = std::make_unique<zelcapi::postgres_state_db>(where);
     out.name = states->server();
+    states_db = states.get();
     open_states(out, std::move(states));
   }
   if (use != mirror_use::read_states) {
     auto histories = std::make_unique<zelcapi::postgres_history_db>(where);
     out.name = histories->server();
+    histories_db = histories.get();
     out.histories = std::move(histories);
+  }
+  if (use == mirror_use::write) {
+    // The state's lock first: a standby that holds it waits for the history's, which a leader
+    // gives up when it ends on finding that its state session no longer leads.
+    out.try_lead = [states_db, histories_db] {
+      return states_db->try_lead() && histories_db->try_lead();
+    };
+    out.leads = [states_db, histories_db] { return states_db->leads() && histories_db->leads(); };
   }
   return out;
 }
 
-mirror_location open_file(const std::string& where, mirror_use use) {
+mirror_location open_file(const std::string& where, const std::string& named, mirror_use use) {
   zelcapi::sqlite_options options;
   options.read_only = use != mirror_use::write;
   mirror_location out;
   out.name = where;
-  if (use != mirror_use::read_history)
-    open_states(out, std::make_unique<zelcapi::sqlite_state_db>(where, options));
+  if (use != mirror_use::read_history) {
+    auto states = std::make_unique<zelcapi::sqlite_state_db>(where, options);
+    // A file has one machine: a second mirror there is refused rather than standing by.
+    if (use == mirror_use::write && !states->try_lead()) {
+      throw failure(exit_failure, "cannot open " + named + ": another mirror writes it (it holds " +
+                                      where + "-lock): one mirror a file");
+    }
+    open_states(out, std::move(states));
+  }
   if (use != mirror_use::read_states)
     out.histories = std::make_unique<zelcapi::sqlite_history_db>(where, options);
   return out;
@@ -110,7 +129,7 @@ mirror_location open_mirror(const std::string& where, const char* flag, mirror_u
   if (use != mirror_use::write && ::stat(where.c_str(), &file) != 0)
     throw failure(exit_failure, "no mirror at " + named + ": no such file");
   try {
-    return open_file(where, use);
+    return open_file(where, named, use);
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot open " + named + ": " + e.message());
   }

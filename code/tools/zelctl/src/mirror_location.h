@@ -20,6 +20,14 @@ struct mirror_location {
   std::string name;
   // What the state store's last save wrote.
   std::function<zelcapi::save_counts()> last_save_counts;
+  // A server's database, which mirrors keep by turns (a standby beside the one that leads):
+  // takes the writer locks of both stores when they are free and says whether this mirror
+  // leads; raises es::uspec when the server cannot be reached. Null for a file, whose writer
+  // lock its store took when it opened (a second mirror is refused there).
+  std::function<bool()> try_lead;
+  // Whether both stores still hold their locks, as far as they know: a session that ended is
+  // found at the next write.
+  std::function<bool()> leads;
 };
 
 enum class mirror_use {

@@ -12,6 +12,14 @@
 // Threading: each store object takes its own locks, so a saver thread may write while another
 // thread loads. A connection lost (a server restart, a network failure) fails the operation in
 // progress; the next operation connects again.
+//
+// Leading: processes that keep one database by turns (a mirror and its standby) each call
+// try_lead, which takes the store's writer lock (a session-level advisory lock of the database,
+// docs/postgresql-schema.md) when no other session holds it. A store that called it writes only
+// on the session that holds the lock: when that session ends, the next write opens a new one and
+// takes the lock again first, and raises "does not lead ..." when another session holds it by
+// then (as every write does until try_lead succeeds again). A store that never calls try_lead
+// takes no lock.
 #pragma once
 
 #include <cstdint>
@@ -57,6 +65,14 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
   void begin_load() override;
   void end_load() noexcept override;
 
+  // Takes the state's writer lock when no other session holds it; true when this store holds
+  // it. Raises es::uspec when the server cannot be reached.
+  bool try_lead();
+  // Whether this store holds the writer lock, as far as it knows: false once a new session
+  // found the lock held by another; a session that ended is found at the next write, and a
+  // server that cannot be reached changes nothing (nobody took the lock from this store yet).
+  bool leads() const noexcept;
+
   save_counts last_save_counts() const;
   // Heap bytes that the digests of the committed records take.
   std::size_t digest_memory_bytes() const;
@@ -101,6 +117,10 @@ class ZELCAPI_POSTGRES_EXPORT postgres_history_db final : public history_db {
   void begin_batch() override;
   // Raises es::uspec when the commit fails (the batch is then rolled back).
   void end_batch() override;
+
+  // As postgres_state_db's, with the history's own writer lock; not inside a batch.
+  bool try_lead();
+  bool leads() const noexcept;
 
   const std::string& server() const noexcept;
 

@@ -46,6 +46,10 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
  public:
   // Opens the file, creating it and its tables when it does not exist. Raises es::uspec when it
   // cannot be opened, is not a database, belongs to another application or has a newer schema.
+  //
+  // One store writes a file at a time: the first write (a save, clear) takes "<path>-lock" (a
+  // flock, the file removed when the store closes), and raises "another writer has it open"
+  // when another store, of this process or another, holds it. Stores that only load take none.
   explicit sqlite_state_db(const std::string& path, const sqlite_options& options = {});
   // Rolls back a save left open.
   ~sqlite_state_db() override;
@@ -72,6 +76,9 @@ class ZELCAPI_SQLITE_EXPORT sqlite_state_db final : public state_db {
   // Heap bytes that the digests of the committed records take.
   std::size_t digest_memory_bytes() const;
   const std::string& path() const noexcept;
+  // Takes the file's writer lock now, before any write: false when another store holds it (a
+  // program that must be the file's only writer asks before it begins its work).
+  bool try_lead();
 
  private:
   struct impl;
