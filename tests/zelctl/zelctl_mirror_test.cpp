@@ -243,3 +243,28 @@ TEST(ZelctlMirror, ASecondMirrorOnOneFileIsRefusedWithOneLineAndReadersAreNot) {
   const result next = run({"--simulate", "mirror", "--db", file, "--duration", "0.5"});
   EXPECT_EQ(next.code, 0) << next.err;
 }
+
+TEST(ZelctlMirror, ARefusedLoginLeavesNoNewFileAndKeepsAnOldOne) {
+  zelsim::cluster sim(cluster_options());
+  sim.start();
+  temp_dir dir;
+  std::ofstream(dir.file("wrong")) << "not-the-password\n";
+  const std::string file = dir.file("mirror.db");
+  const result refused = run(at(sim, dir.file("wrong")) +
+                             std::vector<std::string>{"mirror", "--db", file, "--duration", "5"});
+  EXPECT_EQ(refused.code, 2) << refused.err;
+  EXPECT_NE(refused.err.find("Access Denied"), std::string::npos) << refused.err;
+  for (const char* suffix : {"", "-wal", "-shm", "-lock"})
+    EXPECT_NE(::access((file + suffix).c_str(), F_OK), 0) << file + suffix << " is left";
+
+  // A mirror that saved before is kept whole.
+  const result saved = run({"--simulate", "mirror", "--db", file, "--duration", "0.5"});
+  ASSERT_EQ(saved.code, 0) << saved.err;
+  EXPECT_EQ(run(at(sim, dir.file("wrong")) +
+                std::vector<std::string>{"mirror", "--db", file, "--duration", "5"})
+                .code,
+            2);
+  const result read = run({"state", "--from", file, "--count"});
+  ASSERT_EQ(read.code, 0) << read.err;
+  EXPECT_GT(nlohmann::json::parse(read.out)["jobs"].get<std::uint64_t>(), 0u) << read.out;
+}

@@ -95,6 +95,20 @@ std::string service_status(const nlohmann::json& counts, const save_figures& f) 
          (f.saves == 0 ? "no save yet" : "last save " + std::to_string(ago.count()) + " s ago");
 }
 
+// A file that a mirror created and that is removed at the end (with SQLite's files beside it)
+// when the mirror never reached its cluster: a refused login leaves no empty mirror behind.
+class unused_file {
+ public:
+  void discard(const std::string& path) { path_ = path; }
+  ~unused_file() {
+    if (path_.empty()) return;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) ::unlink((path_ + suffix).c_str());
+  }
+
+ private:
+  std::string path_;
+};
+
 // The mirror's run: the replica, the file, the output.
 class mirror {
  public:
@@ -114,6 +128,16 @@ class mirror {
   }
 
   int run() {
+    try {
+      return run_mirror();
+    } catch (...) {
+      if (connects_ == 0 && location_.created) unused_file_.discard(location_.name);
+      throw;
+    }
+  }
+
+ private:
+  int run_mirror() {
     install_stop_signals();
     // The library's errors (a failed save) become log lines of the mirror.
     // The final save waits for one still running: that is no error there.
@@ -176,7 +200,6 @@ class mirror {
     return exit_ok;
   }
 
- private:
   // How often a standby tries to take the lead: the longest wait after the leader's end.
   static constexpr std::chrono::milliseconds lead_poll{100};
   // History writes held while the store fails, at most (the oldest go first).
@@ -441,7 +464,8 @@ class mirror {
   const mirror_flags& flags_;
   bool json_;
   target& target_;
-  store_health health_;  // before the stores that tell it
+  store_health health_;      // before the stores that tell it
+  unused_file unused_file_;  // removed after the stores closed it
   mirror_location location_;
   timed_state_db store_;
   queued_history_db history_;

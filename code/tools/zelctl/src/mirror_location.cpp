@@ -126,10 +126,13 @@ mirror_location open_mirror(const std::string& where, const char* flag, mirror_u
   }
   const std::string named = std::string(flag) + " '" + where + "'";
   struct stat file {};
-  if (use != mirror_use::write && ::stat(where.c_str(), &file) != 0)
+  const bool exists = ::stat(where.c_str(), &file) == 0;
+  if (use != mirror_use::write && !exists)
     throw failure(exit_failure, "no mirror at " + named + ": no such file");
   try {
-    return open_file(where, named, use);
+    mirror_location out = open_file(where, named, use);
+    out.created = !exists;
+    return out;
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot open " + named + ": " + e.message());
   }

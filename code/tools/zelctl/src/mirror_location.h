@@ -18,6 +18,8 @@ struct mirror_location {
   // How output and errors name it: the file's path, or the server's host, port, database and
   // user (never a password).
   std::string name;
+  // Whether opening it created the file (an SQLite file that did not exist).
+  bool created = false;
   // What the state store's last save wrote.
   std::function<zelcapi::save_counts()> last_save_counts;
   // A server's database, which mirrors keep by turns (a standby beside the one that leads):
