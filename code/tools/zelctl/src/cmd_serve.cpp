@@ -59,8 +59,8 @@ std::string read_token(const std::string& path) {
 }
 
 // GET /metrics: the replica's figures, the event stream's clients and the answers given, made
-// now from counters and one walk over the jobs and the nodes.
-serve::response metrics_answer(const zelcapi::state& replica, const replica_counters& counts,
+// now from counters and the tallies of the jobs and the nodes by state.
+serve::response metrics_answer(const zelcapi::state& replica, replica_counters& counts,
                                const serve::replica_source& source, const serve::event_feed& feed,
                                const serve::answer_counts& answered) {
   metrics_text out;

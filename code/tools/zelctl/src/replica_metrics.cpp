@@ -2,6 +2,8 @@
 // replica's figures as metrics.
 #include "replica_metrics.h"
 
+#include <algorithm>
+
 #include "kinds.h"
 
 namespace zelctl {
@@ -21,15 +23,79 @@ const char* const notification_texts[replica_counters::notification_count] = {
 };
 
 void write_by_state(metrics_text& out, const char* name, const char* help,
-                    const zelcapi::state::item_map& items) {
+                    const std::map<std::string, std::uint64_t>& counts) {
   out.family(name, "gauge", help);
-  for (const auto& [state, n] : count_by_state(items)) out.sample(name, {{"state", state}}, n);
+  for (const auto& [state, n] : counts) out.sample(name, {{"state", state}}, n);
 }
 
 }  // namespace
 
+void state_tally::touched(const std::string& id) {
+  if (!whole_) dirty_.insert(id);
+}
+
+void state_tally::replaced() {
+  whole_ = true;
+  dirty_.clear();
+}
+
+state_tally::state_index state_tally::_index_of(const std::string& state) {
+  const auto [at, added] = index_of_.emplace(state, static_cast<state_index>(names_.size()));
+  if (added) {
+    names_.push_back(state);
+    by_index_.push_back(0);
+  }
+  return at->second;
+}
+
+// Moves the record `id` from the state it had to the one `items` gives it (none when gone).
+void state_tally::_count(const std::string& id, const zelcapi::state::item_map& items) {
+  const auto record = items.find(id);
+  const auto known = state_of_.find(id);
+  if (known != state_of_.end()) --by_index_[known->second];
+  if (record == items.end()) {
+    if (known != state_of_.end()) state_of_.erase(known);
+    return;
+  }
+  const state_index now = _index_of(record->second.get_string_value("state", ""));
+  ++by_index_[now];
+  if (known != state_of_.end()) {
+    known->second = now;
+  } else {
+    state_of_.emplace(id, now);
+  }
+}
+
+const std::map<std::string, std::uint64_t>& state_tally::counts(const zelcapi::state& replica) {
+  const zelcapi::state::item_map& items = replica.get_items(kind_);
+  if (whole_) {
+    state_of_.clear();
+    std::fill(by_index_.begin(), by_index_.end(), 0);
+    state_of_.reserve(items.size());
+    for (const auto& [id, record] : items) {
+      const state_index now = _index_of(record.get_string_value("state", ""));
+      ++by_index_[now];
+      state_of_.emplace(id, now);
+    }
+    whole_ = false;
+  } else {
+    for (const std::string& id : dirty_) _count(id, items);
+  }
+  dirty_.clear();
+  counts_.clear();
+  for (state_index n = 0; n < names_.size(); ++n) {
+    if (by_index_[n] > 0) counts_.emplace(names_[n], by_index_[n]);
+  }
+  return counts_;
+}
+
 const char* replica_counters::name_of(unsigned n) {
   return n < notification_count ? notification_texts[n] : "";
+}
+
+void counting_handler::touched(zelcapi::state_item_type type, const std::string& id) {
+  if (type == zelcapi::state_item_job) counts_.jobs.touched(id);
+  if (type == zelcapi::state_item_node) counts_.nodes.touched(id);
 }
 
 void counting_handler::heard(replica_counters::notification n) {
@@ -42,17 +108,20 @@ void counting_handler::heard(replica_counters::notification n) {
 bool counting_handler::state_item_updated(zelcapi::state_item_type type, const std::string& id,
                                           const zelcore::properties& props) {
   heard(replica_counters::update_item);
+  touched(type, id);
   return next_.state_item_updated(type, id, props);
 }
 
 bool counting_handler::state_item_set(zelcapi::state_item_type type, const std::string& id,
                                       const zelcore::properties& props) {
   heard(replica_counters::set_item);
+  touched(type, id);
   return next_.state_item_set(type, id, props);
 }
 
 bool counting_handler::state_item_removed(zelcapi::state_item_type type, const std::string& id) {
   heard(replica_counters::remove_item);
+  touched(type, id);
   return next_.state_item_removed(type, id);
 }
 
@@ -60,11 +129,13 @@ bool counting_handler::state_item_erased_property_ref(zelcapi::state_item_type t
                                                       const std::string& id,
                                                       const std::string& ref) {
   heard(replica_counters::erase_property_ref);
+  touched(type, id);
   return next_.state_item_erased_property_ref(type, id, ref);
 }
 
 bool counting_handler::state_item_historized(zelcapi::state_item_type type, const std::string& id) {
   heard(replica_counters::historize_item);
+  touched(type, id);
   return next_.state_item_historized(type, id);
 }
 
@@ -102,6 +173,8 @@ bool counting_handler::state_pre_workflow_update(const zelcore::properties& comm
 
 bool counting_handler::state_new_state(const zelcore::properties& state) {
   ++counts_.snapshots;
+  counts_.jobs.replaced();
+  counts_.nodes.replaced();
   return next_.state_new_state(state);
 }
 
@@ -129,7 +202,7 @@ std::map<std::string, std::uint64_t> count_by_state(const zelcapi::state::item_m
 }
 
 void write_replica_metrics(metrics_text& out, const zelcapi::state& replica,
-                           const replica_counters& counts, const link_figures& link) {
+                           replica_counters& counts, const link_figures& link) {
   out.family("zelcapi_replica_records", "gauge", "Records in the replica, by kind.");
   for (std::uint32_t t = zelcapi::state_item_client; t <= zelcapi::state_item_task; ++t) {
     const auto type = static_cast<zelcapi::state_item_type>(t);
@@ -141,9 +214,9 @@ void write_replica_metrics(metrics_text& out, const zelcapi::state& replica,
   out.sample("zelcapi_replica_records", {{"kind", "workflow-results"}},
              std::uint64_t{replica.get_workflow_results().size()});
   write_by_state(out, "zelcapi_jobs", "Jobs in the replica, by state.",
-                 replica.get_items(zelcapi::state_item_job));
+                 counts.jobs.counts(replica));
   write_by_state(out, "zelcapi_nodes", "Nodes in the replica, by state.",
-                 replica.get_items(zelcapi::state_item_node));
+                 counts.nodes.counts(replica));
   out.family("zelcapi_changes_applied_total", "counter", "Notifications that changed the replica.");
   out.sample("zelcapi_changes_applied_total", counts.changes);
   out.family("zelcapi_notifications_total", "counter",

@@ -1,17 +1,51 @@
-// The metrics of a replica kept by serve or mirror: what its state connection heard, counted as
-// it happens (a handler between the connection and the program's own), and the replica's
-// records per kind and per state, counted when the metrics are asked for.
+// The metrics of a replica kept by serve or mirror: what its state connection heard and the
+// replica's records per state, counted as it happens (a handler between the connection and the
+// program's own), and its records per kind.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 #include "metrics.h"
 #include "zelcapi/state.h"
 #include "zelcapi/state_connection.h"
 
 namespace zelctl {
+
+// The records of one kind of a replica by their "state" field ("" when a record has none), kept
+// as the changes arrive: the handler notes each id that a notification touched, and a reading
+// takes in those alone, against the state that each record had at the reading before. A
+// replica replaced whole (a snapshot) is counted whole at the next reading. What it keeps: the
+// state of each record, about 60 bytes a record.
+class state_tally {
+ public:
+  explicit state_tally(zelcapi::state_item_type kind) : kind_(kind) {}
+
+  // A record of the kind that a notification touched (set, updated, removed, historized).
+  void touched(const std::string& id);
+  // The replica was replaced: the next reading counts it whole.
+  void replaced();
+  // The counts as `replica` holds them now, by state; a state that no record has is not there.
+  const std::map<std::string, std::uint64_t>& counts(const zelcapi::state& replica);
+
+ private:
+  using state_index = std::uint32_t;
+  state_index _index_of(const std::string& state);
+  void _count(const std::string& id, const zelcapi::state::item_map& items);
+
+  zelcapi::state_item_type kind_;
+  bool whole_ = true;                      // count the replica whole at the next reading
+  std::unordered_set<std::string> dirty_;  // ids touched since the last reading
+  std::unordered_map<std::string, state_index> state_of_;
+  std::vector<std::string> names_;  // of the states, by index
+  std::unordered_map<std::string, state_index> index_of_;
+  std::vector<std::uint64_t> by_index_;
+  std::map<std::string, std::uint64_t> counts_;  // the last reading
+};
 
 // The "cluster.api.state." notifications by name, and what they did to the replica.
 struct replica_counters {
@@ -36,6 +70,9 @@ struct replica_counters {
   std::uint64_t changes = 0;
   // Snapshots that replaced the replica, the first one included.
   std::uint64_t snapshots = 0;
+  // The jobs and the nodes by state.
+  state_tally jobs{zelcapi::state_item_job};
+  state_tally nodes{zelcapi::state_item_node};
 };
 
 // Sits between a state connection and the program's handler `next`: counts into `counts`, then
@@ -70,6 +107,7 @@ class counting_handler final : public zelcapi::state_handler {
 
  private:
   void heard(replica_counters::notification n);
+  void touched(zelcapi::state_item_type type, const std::string& id);
 
   zelcapi::state_handler& next_;
   replica_counters& counts_;
@@ -86,9 +124,9 @@ struct link_figures {
 
 // The replica's families: zelcapi_replica_records{kind}, zelcapi_jobs{state},
 // zelcapi_nodes{state}, zelcapi_changes_applied_total, zelcapi_notifications_total{name},
-// zelcapi_snapshots_loaded_total, zelcapi_reconnects_total, zelcapi_cluster_connected. A walk
-// over the jobs and the nodes, no copy of a record.
+// zelcapi_snapshots_loaded_total, zelcapi_reconnects_total, zelcapi_cluster_connected. The
+// states' counts are the tallies' (no walk over the records but after a snapshot).
 void write_replica_metrics(metrics_text& out, const zelcapi::state& replica,
-                           const replica_counters& counts, const link_figures& link);
+                           replica_counters& counts, const link_figures& link);
 
 }  // namespace zelctl
