@@ -30,6 +30,32 @@ void write_by_state(metrics_text& out, const char* name, const char* help,
 
 }  // namespace
 
+const std::string& state_text(const zelcore::properties& record) {
+  static const std::string none;
+  const zelcore::property_ptr state = record.get_property("state");
+  if (!state || state->kind() != zelcore::property::kind_string) return none;
+  return static_cast<const zelcore::property_string&>(*state).value();
+}
+
+void state_tally::set(const std::string& id, const zelcore::properties& record) {
+  if (!whole_) _move(id, state_text(record));
+}
+
+void state_tally::updated(const std::string& id, const zelcore::properties& update) {
+  if (whole_) return;
+  const zelcore::property_ptr state = update.get_property("state");
+  if (!state) return;  // the merge leaves the state as it was
+  if (state->kind() == zelcore::property::kind_string) {
+    _move(id, static_cast<const zelcore::property_string&>(*state).value());
+  } else {
+    dirty_.insert(id);  // merged into whatever the record held there
+  }
+}
+
+void state_tally::gone(const std::string& id) {
+  if (!whole_) _remove(id);
+}
+
 void state_tally::touched(const std::string& id) {
   if (!whole_) dirty_.insert(id);
 }
@@ -48,22 +74,20 @@ state_tally::state_index state_tally::_index_of(const std::string& state) {
   return at->second;
 }
 
-// Moves the record `id` from the state it had to the one `items` gives it (none when gone).
-void state_tally::_count(const std::string& id, const zelcapi::state::item_map& items) {
-  const auto record = items.find(id);
-  const auto known = state_of_.find(id);
-  if (known != state_of_.end()) --by_index_[known->second];
-  if (record == items.end()) {
-    if (known != state_of_.end()) state_of_.erase(known);
-    return;
-  }
-  const state_index now = _index_of(record->second.get_string_value("state", ""));
+void state_tally::_move(const std::string& id, const std::string& state) {
+  const state_index now = _index_of(state);
   ++by_index_[now];
-  if (known != state_of_.end()) {
-    known->second = now;
-  } else {
-    state_of_.emplace(id, now);
-  }
+  const auto [known, added] = state_of_.emplace(id, now);
+  if (added) return;
+  --by_index_[known->second];
+  known->second = now;
+}
+
+void state_tally::_remove(const std::string& id) {
+  const auto known = state_of_.find(id);
+  if (known == state_of_.end()) return;
+  --by_index_[known->second];
+  state_of_.erase(known);
 }
 
 const std::map<std::string, std::uint64_t>& state_tally::counts(const zelcapi::state& replica) {
@@ -73,13 +97,20 @@ const std::map<std::string, std::uint64_t>& state_tally::counts(const zelcapi::s
     std::fill(by_index_.begin(), by_index_.end(), 0);
     state_of_.reserve(items.size());
     for (const auto& [id, record] : items) {
-      const state_index now = _index_of(record.get_string_value("state", ""));
+      const state_index now = _index_of(state_text(record));
       ++by_index_[now];
       state_of_.emplace(id, now);
     }
     whole_ = false;
   } else {
-    for (const std::string& id : dirty_) _count(id, items);
+    for (const std::string& id : dirty_) {
+      const auto record = items.find(id);
+      if (record == items.end()) {
+        _remove(id);
+      } else {
+        _move(id, state_text(record->second));
+      }
+    }
   }
   dirty_.clear();
   counts_.clear();
@@ -93,9 +124,10 @@ const char* replica_counters::name_of(unsigned n) {
   return n < notification_count ? notification_texts[n] : "";
 }
 
-void counting_handler::touched(zelcapi::state_item_type type, const std::string& id) {
-  if (type == zelcapi::state_item_job) counts_.jobs.touched(id);
-  if (type == zelcapi::state_item_node) counts_.nodes.touched(id);
+state_tally* counting_handler::tally_of(zelcapi::state_item_type type) {
+  if (type == zelcapi::state_item_job) return &counts_.jobs;
+  if (type == zelcapi::state_item_node) return &counts_.nodes;
+  return nullptr;
 }
 
 void counting_handler::heard(replica_counters::notification n) {
@@ -108,20 +140,20 @@ void counting_handler::heard(replica_counters::notification n) {
 bool counting_handler::state_item_updated(zelcapi::state_item_type type, const std::string& id,
                                           const zelcore::properties& props) {
   heard(replica_counters::update_item);
-  touched(type, id);
+  if (state_tally* tally = tally_of(type)) tally->updated(id, props);
   return next_.state_item_updated(type, id, props);
 }
 
 bool counting_handler::state_item_set(zelcapi::state_item_type type, const std::string& id,
                                       const zelcore::properties& props) {
   heard(replica_counters::set_item);
-  touched(type, id);
+  if (state_tally* tally = tally_of(type)) tally->set(id, props);
   return next_.state_item_set(type, id, props);
 }
 
 bool counting_handler::state_item_removed(zelcapi::state_item_type type, const std::string& id) {
   heard(replica_counters::remove_item);
-  touched(type, id);
+  if (state_tally* tally = tally_of(type)) tally->gone(id);
   return next_.state_item_removed(type, id);
 }
 
@@ -129,13 +161,13 @@ bool counting_handler::state_item_erased_property_ref(zelcapi::state_item_type t
                                                       const std::string& id,
                                                       const std::string& ref) {
   heard(replica_counters::erase_property_ref);
-  touched(type, id);
+  if (state_tally* tally = tally_of(type)) tally->touched(id);
   return next_.state_item_erased_property_ref(type, id, ref);
 }
 
 bool counting_handler::state_item_historized(zelcapi::state_item_type type, const std::string& id) {
   heard(replica_counters::historize_item);
-  touched(type, id);
+  if (state_tally* tally = tally_of(type)) tally->gone(id);
   return next_.state_item_historized(type, id);
 }
 
@@ -197,7 +229,7 @@ void counting_handler::disconnected(const std::string& reason, bool reconnecting
 
 std::map<std::string, std::uint64_t> count_by_state(const zelcapi::state::item_map& items) {
   std::map<std::string, std::uint64_t> counts;
-  for (const auto& [id, record] : items) ++counts[record.get_string_value("state", "")];
+  for (const auto& [id, record] : items) ++counts[state_text(record)];
   return counts;
 }
 

@@ -16,16 +16,23 @@
 
 namespace zelctl {
 
-// The records of one kind of a replica by their "state" field ("" when a record has none), kept
-// as the changes arrive: the handler notes each id that a notification touched, and a reading
-// takes in those alone, against the state that each record had at the reading before. A
-// replica replaced whole (a snapshot) is counted whole at the next reading. What it keeps: the
-// state of each record, about 60 bytes a record.
+// The records of one kind of a replica by their "state" field ("" when a record has none, or a
+// state that is no string), kept as the changes arrive: the handler tells each change, whose
+// record or update mostly names the new state; a change that does not (a property erased, a
+// state merged into) is looked up in the replica at the next reading. A replica replaced whole
+// (a snapshot) is counted whole at the next reading. What it keeps: the state of each record,
+// about 60 bytes a record.
 class state_tally {
  public:
   explicit state_tally(zelcapi::state_item_type kind) : kind_(kind) {}
 
-  // A record of the kind that a notification touched (set, updated, removed, historized).
+  // The record `id` was set whole to `record`.
+  void set(const std::string& id, const zelcore::properties& record);
+  // The update `update` was merged into the record `id`.
+  void updated(const std::string& id, const zelcore::properties& update);
+  // The record `id` goes (removed or historized).
+  void gone(const std::string& id);
+  // The record `id` changed otherwise: its state is read from the replica at the next reading.
   void touched(const std::string& id);
   // The replica was replaced: the next reading counts it whole.
   void replaced();
@@ -35,11 +42,13 @@ class state_tally {
  private:
   using state_index = std::uint32_t;
   state_index _index_of(const std::string& state);
-  void _count(const std::string& id, const zelcapi::state::item_map& items);
+  // Moves the record from the state it had (if any) to `state`.
+  void _move(const std::string& id, const std::string& state);
+  void _remove(const std::string& id);
 
   zelcapi::state_item_type kind_;
   bool whole_ = true;                      // count the replica whole at the next reading
-  std::unordered_set<std::string> dirty_;  // ids touched since the last reading
+  std::unordered_set<std::string> dirty_;  // ids to read from the replica at the next reading
   std::unordered_map<std::string, state_index> state_of_;
   std::vector<std::string> names_;  // of the states, by index
   std::unordered_map<std::string, state_index> index_of_;
@@ -107,13 +116,16 @@ class counting_handler final : public zelcapi::state_handler {
 
  private:
   void heard(replica_counters::notification n);
-  void touched(zelcapi::state_item_type type, const std::string& id);
+  // The tally of the kind, if one is kept (jobs, nodes).
+  state_tally* tally_of(zelcapi::state_item_type type);
 
   zelcapi::state_handler& next_;
   replica_counters& counts_;
 };
 
-// The records of an item kind by their "state" field ("" when a record has none).
+// A record's "state" as the tallies count it: "" when it has none, or one that is no string.
+const std::string& state_text(const zelcore::properties& record);
+// The records of an item kind by their state_text.
 std::map<std::string, std::uint64_t> count_by_state(const zelcapi::state::item_map& items);
 
 // How the replica's link to the cluster stands, as its keeper knows it.
