@@ -62,7 +62,7 @@ class connection {
 
   // Connects again when the connection was lost; raises as the constructor does. A connection
   // that took a session lock (try_lock_session) takes it again on the new session first, and
-  // raises "lost the lead" when another session holds it by then; it then stays refused until
+  // raises "does not lead ..." when another session holds it by then; it then stays refused until
   // try_lock_session succeeds again.
   void ensure_open();
   // Takes the session-level advisory lock `key` when no other session holds it (opening the

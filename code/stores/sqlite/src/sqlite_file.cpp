@@ -31,21 +31,20 @@ std::string text_of(const std::string& path, const std::string& why) {
 
 bool writer_lock::try_take() {
   if (fd_ >= 0) return true;
-  const std::string lock_path = path_ + "-lock";
   for (;;) {
-    const int fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = ::open(lock_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) raise(path_, "unable to open database file: " + std::string(std::strerror(errno)));
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
       const int error = errno;
       ::close(fd);
       if (error == EWOULDBLOCK) return false;
-      raise(path_, "cannot lock " + lock_path + ": " + std::strerror(error));
+      raise(path_, "cannot lock " + lock_path_ + ": " + std::strerror(error));
     }
     // Locked, unless its holder removed the file between our open and our lock: then the lock
     // is on a file that nobody else will open, and the path's new file is the one to lock.
     struct stat held {
     }, named{};
-    if (::fstat(fd, &held) == 0 && ::stat(lock_path.c_str(), &named) == 0 &&
+    if (::fstat(fd, &held) == 0 && ::stat(lock_path_.c_str(), &named) == 0 &&
         held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
       fd_ = fd;
       return true;
@@ -61,7 +60,7 @@ void writer_lock::take() {
 
 writer_lock::~writer_lock() {
   if (fd_ < 0) return;
-  ::unlink((path_ + "-lock").c_str());
+  ::unlink(lock_path_.c_str());
   ::close(fd_);
 }
 

@@ -27,7 +27,7 @@ constexpr std::int64_t schema_version = 1;
 // database would drop SQLite's own locks of this process.
 class writer_lock {
  public:
-  explicit writer_lock(std::string path) : path_(std::move(path)) {}
+  explicit writer_lock(std::string path) : path_(std::move(path)), lock_path_(path_ + "-lock") {}
   ~writer_lock();
   writer_lock(const writer_lock&) = delete;
   writer_lock& operator=(const writer_lock&) = delete;
@@ -40,6 +40,7 @@ class writer_lock {
 
  private:
   std::string path_;
+  std::string lock_path_;
   int fd_ = -1;
 };
 
