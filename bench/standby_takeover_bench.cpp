@@ -18,39 +18,14 @@
 #include <thread>
 #include <vector>
 
-#include "support/child_process.h"
+#include "child_timing.h"
 #include "support/postgres_server.h"
 #include "zelsim/cluster.h"
 
-namespace {
-
-using clock_type = std::chrono::steady_clock;
-
-double ms_since(clock_type::time_point start) {
-  return std::chrono::duration<double, std::milli>(clock_type::now() - start).count();
-}
-
-// Waits until `p`'s stdout holds `text` `times` times, polling every half millisecond; false
-// after 60 s.
-bool wait_for(const zeltest::child_process& p, const std::string& text, std::size_t times = 1) {
-  const auto until = clock_type::now() + std::chrono::seconds(60);
-  for (;;) {
-    const std::string out = p.out();
-    std::size_t seen = 0;
-    for (auto at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++seen;
-    if (seen >= times) return true;
-    if (clock_type::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(500));
-  }
-}
-
-void summary(const char* what, std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  std::printf("%-44s fastest %8.1f ms  median %8.1f ms\n", what, values.front(),
-              values[values.size() / 2]);
-}
-
-}  // namespace
+using zelbench::clock_type;
+using zelbench::ms_since;
+using zelbench::summary;
+using zelbench::wait_for;
 
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 7;

@@ -70,11 +70,6 @@ class PostgresStateDbTest : public testing::Test {
         " WHERE xmin::text = (SELECT xmin::text FROM workflow_sequence)");
   }
   std::int64_t count(const std::string& sql) { return postgres_session(conninfo).query_int(sql); }
-  // How error texts name the server of a database of the fixture's.
-  std::string label_of(const std::string& database) const {
-    return "host=" + server.socket_dir() + " dbname=" + database.substr(database.rfind('=') + 1) +
-           " user=" + server.user();
-  }
 
   zeltest::postgres_server& server = postgres_environment::server();
   std::string conninfo = server.fresh_database();
@@ -196,7 +191,8 @@ TEST_F(PostgresStateDbTest, ServerKilledInTheMiddleOfASaveLosesNoCommittedSave) 
   save_jobs(db, first, 1);
   interrupting_db crashing(db, 1000, [&] { server.stop_immediately(); });
   const std::string message = uspec_of([&] { save_jobs(crashing, with_changes(first, 1), 2); });
-  EXPECT_EQ(message.rfind("PostgreSQL store '" + label_of(conninfo) + "': ", 0), 0u) << message;
+  EXPECT_EQ(message.rfind("PostgreSQL store '" + server.label_of(conninfo) + "': ", 0), 0u)
+      << message;
   EXPECT_EQ(message.find('\n'), std::string::npos) << message;
   server.start();
 
@@ -441,7 +437,7 @@ TEST_F(PostgresStateDbTest, RecordsAreJsonbThatQueriesAnswer) {
   EXPECT_EQ(psql.query("SELECT record->'nul'->>'~x' FROM jobs WHERE id = '~xfe'"), "610062");
   EXPECT_EQ(psql.query("SELECT record->'bytes'->>'~x' FROM jobs WHERE id = '~xfe'"), "ff");
   EXPECT_EQ(psql.query("SELECT record->>'utf8' FROM jobs WHERE id = '~xfe'"), "\xc3\xa9t\xc3\xa9");
-  EXPECT_EQ(psql.query("SELECT value FROM zelcapi_meta WHERE key = 'schema_version'"), "1");
+  EXPECT_EQ(psql.query("SELECT value FROM zelcapi_meta WHERE key = 'schema_version'"), "2");
 }
 
 TEST_F(PostgresStateDbTest, RecordInJsonbsOwnKeyOrderAndSpacingLoadsAsStored) {
@@ -459,10 +455,10 @@ TEST_F(PostgresStateDbTest, RecordInJsonbsOwnKeyOrderAndSpacingLoadsAsStored) {
 
 TEST_F(PostgresStateDbTest, NewerSchemaVersionIsRefused) {
   postgres_session(conninfo).execute(
-      "UPDATE zelcapi_meta SET value = '2' WHERE key = 'schema_version'");
+      "UPDATE zelcapi_meta SET value = '3' WHERE key = 'schema_version'");
   EXPECT_EQ(uspec_of([&] { postgres_state_db again(conninfo); }),
             "PostgreSQL store '" + db.server() +
-                "': schema version 2 is newer than version 1 that this library reads");
+                "': schema version 3 is newer than version 2 that this library reads");
 }
 
 TEST_F(PostgresStateDbTest, TablesOfAnotherLayoutAreRefused) {
@@ -471,12 +467,12 @@ TEST_F(PostgresStateDbTest, TablesOfAnotherLayoutAreRefused) {
   EXPECT_EQ(uspec_of([&] { postgres_state_db again(conninfo); }),
             "PostgreSQL store '" + db.server() +
                 "': table nodes has the columns (id text,data text) where this library expects "
-                "(id text,record jsonb): not a zelcapi store");
+                "(id text,record jsonb,saved_in bigint): not a zelcapi store");
 
   const std::string other = server.fresh_database();
   postgres_session(other).execute("CREATE TABLE jobs(id integer)");
   EXPECT_EQ(uspec_of([&] { postgres_state_db foreign(other); }),
-            "PostgreSQL store '" + label_of(other) +
+            "PostgreSQL store '" + server.label_of(other) +
                 "': table jobs exists in a database without table zelcapi_meta: not a zelcapi "
                 "store");
 }

@@ -59,6 +59,12 @@ class postgres_server {
   // on; the fixture's own connections give it.
   void require_password(const std::string& password);
 
+  // How the stores' error texts name the server of `conninfo`, a database of this server:
+  // "host=<dir> dbname=<name> user=<user>".
+  std::string label_of(const std::string& conninfo) const {
+    return "host=" + dir_ + " dbname=" + conninfo.substr(conninfo.rfind('=') + 1) +
+           " user=" + user_;
+  }
   const std::string& socket_dir() const noexcept { return dir_; }
   const std::string& user() const noexcept { return user_; }
 

@@ -39,8 +39,10 @@ class server {
  public:
   server(zelsim::cluster& sim, const temp_dir& dir, const std::vector<std::string>& flags = {},
          const std::string& listen = "127.0.0.1:0")
-      : process_(at(sim, dir.file("pw"), 2) +
-                 std::vector<std::string>{"serve", "--listen", listen} + flags) {
+      : server(at(sim, dir.file("pw"), 2) + std::vector<std::string>{"serve", "--listen", listen} +
+               flags) {}
+  // zelctl with `args` (a serve command of its own, on a port of 127.0.0.1).
+  explicit server(const std::vector<std::string>& args) : process_(args) {
     if (!process_.wait_for_output("serving", std::chrono::seconds(15))) return;
     port_ = zeltest::loopback_port_in(process_.out());
   }

@@ -2,8 +2,11 @@
 // login, never with the password), statements, COPY streams, and the text forms of ids.
 #include "postgres_connection.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -283,6 +286,30 @@ void connection::_fail_with(const result& r) const {
     broken_ = true;
   const char* primary = r.error_field(PG_DIAG_MESSAGE_PRIMARY);
   fail(one_line(primary ? primary : r.error_message()));
+}
+
+bool connection::await_notification(std::chrono::milliseconds timeout) {
+  const auto consume = [this] {
+    bool any = false;
+    while (PGnotify* n = PQnotifies(conn_.get())) {
+      any = true;
+      PQfreemem(n);
+    }
+    return any;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (consume()) return true;
+    // A server going away sends its reason first and closes the socket after.
+    if (PQstatus(conn_.get()) != CONNECTION_OK) fail_last();
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd ready{PQsocket(conn_.get()), POLLIN, 0};
+    const int polled = ::poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(0, left.count())));
+    if (polled < 0 && errno != EINTR) fail(std::string("poll: ") + std::strerror(errno));
+    if (polled == 0) return false;
+    if (polled > 0 && !PQconsumeInput(conn_.get())) fail_last();
+  }
 }
 
 result connection::exec(const std::string& sql) {

@@ -6,6 +6,7 @@
 #include <libpq-fe.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -97,6 +98,11 @@ class connection {
   void copy_put(const std::string& rows);
   void copy_end();
   bool copying() const noexcept { return copying_; }
+
+  // Waits up to `timeout` for a notification (NOTIFY) of a channel that the session listens to;
+  // true when at least one arrived (all that arrived are consumed). Raises, marking the
+  // connection lost, when it fails meanwhile.
+  bool await_notification(std::chrono::milliseconds timeout);
 
   // Ends a COPY in progress and rolls back an open transaction, ignoring errors (the caller is
   // already failing).

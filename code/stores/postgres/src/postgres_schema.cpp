@@ -8,8 +8,9 @@ namespace zelcapi::postgres_detail {
 
 namespace {
 
-// The version of the tables that this library writes, kept in zelcapi_meta.
-constexpr int schema_version = 1;
+// The version of the tables that this library writes, kept in zelcapi_meta. Version 2 numbers
+// the saves (a record's row carries the save that wrote it) for the readers that follow them.
+constexpr int schema_version = 2;
 // The advisory lock that serializes the creators of a database's schema ("zels").
 constexpr const char* creators_lock = "SELECT pg_advisory_xact_lock(2053467251)";
 
@@ -35,6 +36,8 @@ void check_columns(connection& db, const table_layout& table, const std::string&
             ") where this library expects (" + table.columns + "): not a zelcapi store");
 }
 
+// Refuses a newer version; an older one is raised to this library's, whose tables the store
+// then brings up to date (the other store's tables, when it opens).
 void check_version(connection& db) {
   const result r = db.exec("SELECT value FROM zelcapi_meta WHERE key = $1", {"schema_version"});
   if (r.rows() == 0) db.fail("table zelcapi_meta holds no schema_version: not a zelcapi store");
@@ -42,6 +45,9 @@ void check_version(connection& db) {
   if (version > schema_version)
     db.fail("schema version " + std::to_string(version) + " is newer than version " +
             std::to_string(schema_version) + " that this library reads");
+  if (version < schema_version)
+    db.exec("UPDATE zelcapi_meta SET value = '" + std::to_string(schema_version) +
+            "' WHERE key = 'schema_version'");
 }
 
 void create_or_check(connection& db, const table_layout* tables, std::size_t count) {
@@ -64,11 +70,14 @@ void create_or_check(connection& db, const table_layout* tables, std::size_t cou
         std::to_string(schema_version) + "')");
   }
   for (std::size_t i = 0; i < count; ++i) {
-    const auto columns = existing.find(tables[i].name);
-    if (columns != existing.end())
-      check_columns(db, tables[i], columns->second);
+    const table_layout& table = tables[i];
+    const auto columns = existing.find(table.name);
+    if (columns == existing.end())
+      db.exec(table.create);
+    else if (table.previous_columns && columns->second == table.previous_columns)
+      db.exec(table.upgrade);
     else
-      db.exec(tables[i].create);
+      check_columns(db, table, columns->second);
   }
 }
 

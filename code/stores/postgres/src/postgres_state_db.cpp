@@ -1,6 +1,9 @@
 // The PostgreSQL state_db: one transaction per save on a writing connection whose changed records
 // stream through COPY, loads on a second connection that sees the last committed save.
+#include <algorithm>
 #include <iterator>
+#include <optional>
+#include <string>
 
 #include "postgres_connection.h"
 #include "postgres_schema.h"
@@ -16,10 +19,18 @@ using store_detail::record_tables;
 
 namespace {
 
-#define ZEL_RECORD_TABLE(name)                                              \
-  postgres_detail::table_layout {                                           \
-    name, "id text,record jsonb",                                           \
-        "CREATE TABLE " name "(id text PRIMARY KEY, record jsonb NOT NULL)" \
+// A record's row carries the number of the save that wrote it last (`saved_in`), indexed, so that
+// a reader that holds a save fetches only the rows written after it.
+#define ZEL_RECORD_TABLE(name)                                                                   \
+  postgres_detail::table_layout {                                                                \
+    name, "id text,record jsonb,saved_in bigint",                                                \
+        "CREATE TABLE " name                                                                     \
+        "(id text PRIMARY KEY, record jsonb NOT NULL,"                                           \
+        " saved_in bigint NOT NULL DEFAULT 0); CREATE INDEX " name "_saved_in ON " name          \
+        "(saved_in)",                                                                            \
+        "id text,record jsonb",                                                                  \
+        "ALTER TABLE " name " ADD COLUMN saved_in bigint NOT NULL DEFAULT 0; CREATE INDEX " name \
+        "_saved_in ON " name "(saved_in)"                                                        \
   }
 constexpr postgres_detail::table_layout layout[] = {
     ZEL_RECORD_TABLE("clients"),
@@ -35,6 +46,15 @@ constexpr postgres_detail::table_layout layout[] = {
      " ht bigint NOT NULL)"},
     {"workflow_sequence", "number bigint",
      "CREATE TABLE workflow_sequence(number bigint NOT NULL)"},
+    // One row per committed transaction of the writers, kept for the last saves: whether it
+    // emptied the tables first (readers then load again) and whether it wrote the results.
+    {"zelcapi_saves", "number bigint,whole boolean,results boolean,began timestamp with time zone",
+     "CREATE TABLE zelcapi_saves(number bigint PRIMARY KEY, whole boolean NOT NULL DEFAULT false,"
+     " results boolean NOT NULL DEFAULT false, began timestamptz NOT NULL DEFAULT now())"},
+    // The ids that each kept save removed, by their table.
+    {"zelcapi_removed", "save bigint,kind text,id text",
+     "CREATE TABLE zelcapi_removed(save bigint NOT NULL, kind text NOT NULL, id text NOT NULL);"
+     " CREATE INDEX zelcapi_removed_save ON zelcapi_removed(save)"},
 };
 #undef ZEL_RECORD_TABLE
 
@@ -56,12 +76,19 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
 
   std::string error_text(const std::string& why) const override { return writer.error_text(why); }
 
-  // Begins a transaction; a connection found lost on the way (the server restarted since the
-  // last write) is opened again once, as nothing of the transaction was sent yet.
+  // Begins a transaction, which takes the next save number; a connection found lost on the way
+  // (the server restarted since the last write) is opened again once, as nothing of the
+  // transaction was sent yet. The table lock makes the writers' transactions, and so their
+  // numbers, commit in order (readers are not held up).
   bool begin_transaction() override {
     const auto begin = [this] {
       writer.ensure_open();
-      writer.exec(std::string("BEGIN; ") + staging);
+      const result r =
+          writer.exec(std::string("BEGIN; ") + staging +
+                      "; LOCK TABLE zelcapi_saves IN EXCLUSIVE MODE;"
+                      " INSERT INTO zelcapi_saves(number) SELECT coalesce(max(number), 0) + 1"
+                      " FROM zelcapi_saves RETURNING number");
+      save_number = std::to_string(r.integer(0, 0));
     };
     try {
       begin();
@@ -71,25 +98,39 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
     }
     const bool new_session = writer.sessions() != known_session;
     known_session = writer.sessions();
+    // Another session may have written the results meanwhile.
+    if (new_session) committed_results.reset();
     return new_session;
   }
 
+  // Forgets the saves that readers no longer need and announces this one with the commit.
   void commit_transaction() override {
     end_copy();
-    writer.exec("COMMIT");
+    const std::string oldest_dropped =
+        std::to_string(std::stoll(save_number) - postgres_detail::kept_saves);
+    writer.exec("DELETE FROM zelcapi_removed WHERE save <= " + oldest_dropped +
+                "; DELETE FROM zelcapi_saves WHERE number <= " + oldest_dropped + "; NOTIFY " +
+                postgres_detail::saves_channel + ", '" + save_number + "'; COMMIT");
+    if (written_results) committed_results = std::move(written_results);
+    written_results.reset();
   }
 
   void rollback_transaction() noexcept override {
     copy_kind = -1;
     copy_rows.clear();
+    written_results.reset();
     writer.rollback_quietly();
   }
 
   void empty_tables() override {
-    // DELETE, not TRUNCATE: readers keep seeing the previous save until the commit.
+    // DELETE, not TRUNCATE: readers keep seeing the previous save until the commit, and then
+    // load again, as the save says it emptied the tables.
     std::string all = "DELETE FROM workflow_results; DELETE FROM workflow_sequence";
     for (const char* table : record_tables) all += std::string("; DELETE FROM ") + table;
-    writer.exec(all);
+    writer.exec(all + "; UPDATE zelcapi_saves SET whole = true WHERE number = " + save_number);
+    // No results from now on, unless the transaction writes some; not known if it fails.
+    committed_results.reset();
+    written_results = workflow_result_map();
   }
 
   // The ids decoded from their row text, the records as jsonb's text (its own key order and
@@ -113,18 +154,22 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
     store_detail::write_json(record, json, store_detail::json_nul::as_bytes);
     if (in_save) {
       start_copy(kind);
-      postgres_detail::append_copy_row(copy_rows, {postgres_detail::encode_id(id), json.view()});
+      if (copy_direct)
+        postgres_detail::append_copy_row(
+            copy_rows, {postgres_detail::encode_id(id), json.view(), save_number});
+      else
+        postgres_detail::append_copy_row(copy_rows, {postgres_detail::encode_id(id), json.view()});
       if (copy_rows.size() >= copy_piece) {
         writer.copy_put(copy_rows);
         copy_rows.clear();
       }
       return;
     }
-    writer.exec(for_table("INSERT INTO @(id, record) VALUES($1, $2) ON CONFLICT (id)"
-                          " DO UPDATE SET record = EXCLUDED.record",
+    writer.exec(for_table("INSERT INTO @(id, record, saved_in) VALUES($1, $2, $3) ON CONFLICT (id)"
+                          " DO UPDATE SET record = EXCLUDED.record, saved_in = EXCLUDED.saved_in",
                           record_tables[kind])
                     .c_str(),
-                {postgres_detail::encode_id(id), std::string(json.view())});
+                {postgres_detail::encode_id(id), std::string(json.view()), save_number});
   }
 
   void delete_records(std::size_t kind, const std::vector<std::string>& ids) override {
@@ -132,13 +177,25 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
     std::vector<std::string> texts;
     texts.reserve(ids.size());
     for (const std::string& id : ids) texts.push_back(postgres_detail::encode_id(id));
-    writer.exec(for_table("DELETE FROM @ WHERE id = ANY($1::text[])", record_tables[kind]).c_str(),
-                {postgres_detail::text_array(texts)});
+    // The ids go into the save's list of removals, which readers fetch.
+    writer.exec(
+        for_table("WITH gone AS (DELETE FROM @ WHERE id = ANY($1::text[]) RETURNING id)"
+                  " INSERT INTO zelcapi_removed(save, kind, id) SELECT $2, '@', id FROM gone",
+                  record_tables[kind])
+            .c_str(),
+        {postgres_detail::text_array(texts), save_number});
   }
 
+  // Written again only when they differ from what this session committed last, so that readers
+  // fetch them only then.
   void write_results(const workflow_result_map& results) override {
     end_copy();
-    writer.exec("DELETE FROM workflow_results");
+    if (committed_results && same_results(*committed_results, results)) return;
+    written_results = results;
+    writer.exec(
+        "DELETE FROM workflow_results; UPDATE zelcapi_saves SET results = true"
+        " WHERE number = " +
+        save_number);
     if (results.empty()) return;
     std::string rows;
     for (const auto& [id, result] : results) {
@@ -217,8 +274,9 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
     if (copy_kind == static_cast<int>(kind)) return;
     end_copy();
     copy_direct = empty_at_save_start(kind);
-    writer.copy_begin(copy_direct ? for_table("COPY @(id, record) FROM STDIN", record_tables[kind])
-                                  : std::string("COPY zelcapi_staging(id, record) FROM STDIN"));
+    writer.copy_begin(
+        copy_direct ? for_table("COPY @(id, record, saved_in) FROM STDIN", record_tables[kind])
+                    : std::string("COPY zelcapi_staging(id, record) FROM STDIN"));
     copy_kind = static_cast<int>(kind);
   }
 
@@ -232,18 +290,31 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
     writer.copy_end();
     if (!copy_direct)
       writer.exec(
-          for_table("INSERT INTO @(id, record) SELECT id, record FROM zelcapi_staging"
-                    " ON CONFLICT (id) DO UPDATE SET record = EXCLUDED.record;"
-                    " TRUNCATE zelcapi_staging",
+          for_table(("INSERT INTO @(id, record, saved_in) SELECT id, record, " + save_number +
+                     " FROM zelcapi_staging ON CONFLICT (id) DO UPDATE SET"
+                     " record = EXCLUDED.record, saved_in = EXCLUDED.saved_in;"
+                     " TRUNCATE zelcapi_staging")
+                        .c_str(),
                     table));
+  }
+
+  static bool same_results(const workflow_result_map& a, const workflow_result_map& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
+      return x.first == y.first && x.second.status == y.second.status && x.second.ht == y.second.ht;
+    });
   }
 
   connection writer;
   std::uint64_t known_session = 0;  // the writer's session that the last transaction ran on
-  zelbase::encoder_network json;    // the JSON text of the record being written
-  int copy_kind = -1;               // the kind whose COPY is open, or -1
-  bool copy_direct = false;         // whether it goes straight into the kind's table
-  std::string copy_rows;            // COPY text not yet handed to libpq
+  std::string save_number;          // of the open transaction, as text
+  // The results as this session committed them last (none known: write them), and as the open
+  // transaction wrote them.
+  std::optional<workflow_result_map> committed_results;
+  std::optional<workflow_result_map> written_results;
+  zelbase::encoder_network json;  // the JSON text of the record being written
+  int copy_kind = -1;             // the kind whose COPY is open, or -1
+  bool copy_direct = false;       // whether it goes straight into the kind's table
+  std::string copy_rows;          // COPY text not yet handed to libpq
 
   connection reader;
 };

@@ -1,6 +1,7 @@
 // zelctl serve: keeps a replica of the cluster's state and serves it over HTTP (pages, a JSON
 // API and a stream of its changes) on one thread: an io_context runs both the state connection
-// (through the Asio adapter) and the sockets of the HTTP server.
+// (through the Asio adapter) and the sockets of the HTTP server. With --from the replica follows
+// the saves of a mirror's PostgreSQL database instead of the cluster.
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -16,11 +17,13 @@
 #include "commands.h"
 #include "description_check.h"
 #include "metrics.h"
+#include "mirror_location.h"
 #include "replica_metrics.h"
 #include "serve/api_routes.h"
 #include "serve/cluster_link.h"
 #include "serve/event_feed.h"
 #include "serve/http_server.h"
+#include "serve/mirror_link.h"
 #include "serve/notify_timer.h"
 #include "serve/overview.h"
 #include "zelcapi/asio_attachment.h"
@@ -31,6 +34,7 @@ namespace {
 
 struct serve_flags {
   std::string listen = "127.0.0.1:8080";
+  std::string from;
   std::string token_file;
   std::uint32_t history_keep = 600;
   double duration = 0;
@@ -66,6 +70,11 @@ serve::response metrics_answer(const zelcapi::state& replica, replica_counters& 
   metrics_text out;
   const serve::source_status& link = source.status();
   write_replica_metrics(out, replica, counts, {link.connected, link.reconnects});
+  if (link.source == "mirror") {
+    out.family("zelcapi_mirror_save", "gauge",
+               "Number of the mirror's save that the replica holds (serve --from).");
+    out.sample("zelcapi_mirror_save", link.save);
+  }
   out.family("zelcapi_event_stream_clients", "gauge", "Clients of the event stream.");
   out.sample("zelcapi_event_stream_clients", std::uint64_t{feed.clients()});
   serve::write_answer_metrics(out, answered);
@@ -75,28 +84,40 @@ serve::response metrics_answer(const zelcapi::state& replica, replica_counters& 
   return r;
 }
 
-int run_serve(const serve_flags& f, target& t) {
+// What serves a replica, whatever its source: where it listens, the change stream's feed and the
+// counts, which the source's changes pass through, and the answers given. The flags are checked
+// before the source is reached.
+struct serving {
+  explicit serving(const serve_flags& f)
+      : token(read_token(f.token_file)), feed(io, feed_options_of(f)), counted(feed, counts) {
+    serve::split_listen(f.listen, "--listen", host, port);
+  }
+  static serve::feed_options feed_options_of(const serve_flags& f) {
+    serve::feed_options o;
+    o.batch_interval = std::chrono::milliseconds(f.batch_ms);
+    o.max_queue_bytes = f.max_queue_kib * 1024;
+    return o;
+  }
+
+  std::string token;
   std::string host;
   std::string port;
-  serve::split_listen(f.listen, "--listen", host, port);
-  const std::string token = read_token(f.token_file);
-
   // Before the io_context: its connections count into it until they end.
   serve::answer_counts answered;
   boost::asio::io_context io;
-  serve::feed_options feed_options;
-  feed_options.batch_interval = std::chrono::milliseconds(f.batch_ms);
-  feed_options.max_queue_bytes = f.max_queue_kib * 1024;
-  serve::event_feed feed(io, feed_options);
+  serve::event_feed feed;
   zelcore::plugin_db plugins;
   replica_counters counts;
-  counting_handler counted(feed, counts);
-  zelcapi::state_connection replica_link(&counted, f.history_keep, &plugins);
-  const zelcapi::state& replica = *replica_link.get_state();
-  feed.attach(replica);
-  const login_result where = load_snapshot(replica_link, t);
+  counting_handler counted;
+};
 
-  serve::cluster_link source(io, replica_link, t, feed, where);
+// Serves `replica`, which `source` keeps current, until a signal or the --duration; `origin`
+// says where it comes from in the first line ("master node-1 at host:port").
+int serve_replica(const serve_flags& f, serving& s, const zelcapi::state& replica,
+                  const serve::replica_source& source, const std::string& origin) {
+  const std::string& token = s.token;
+  boost::asio::io_context& io = s.io;
+  serve::event_feed& feed = s.feed;
   serve::overview view(io, replica, feed, source);
   serve::api_routes routes(replica, view);
   serve::limits lim;
@@ -105,18 +126,17 @@ int run_serve(const serve_flags& f, target& t) {
   lim.idle = std::chrono::milliseconds(f.idle_ms);
   lim.write = std::chrono::milliseconds(f.write_ms);
   serve::http_server server(
-      io, host, port, lim, token,
+      io, s.host, s.port, lim, token,
       [&](const serve::request& in) {
         if (in.target.path == "/metrics") {
-          return metrics_answer(replica, counts, source, feed, answered);
+          return metrics_answer(replica, s.counts, source, feed, s.answered);
         }
         return routes(in);
       },
       [&feed](const std::shared_ptr<serve::event_subscriber>& client, const serve::request& in) {
         feed.subscribe(client, in);
       },
-      &answered);
-  zelcapi::asio_attachment attached(io, replica_link);
+      &s.answered);
   feed.start();
   view.start();
 
@@ -142,10 +162,9 @@ int run_serve(const serve_flags& f, target& t) {
                  address.c_str(), static_cast<unsigned>(at.port()));
     std::fflush(stderr);
   }
-  std::printf("zelctl: serving %s at http://%s:%u/ (master %s at %s:%s; Ctrl-C stops)\n",
+  std::printf("zelctl: serving %s at http://%s:%u/ (%s; Ctrl-C stops)\n",
               token.empty() ? "without token" : "with token", address.c_str(),
-              static_cast<unsigned>(at.port()), where.master_id.c_str(), where.host.c_str(),
-              where.port.c_str());
+              static_cast<unsigned>(at.port()), origin.c_str());
   std::fflush(stdout);
   service_notify notify;
   const std::string url = "http://" + address + ":" + std::to_string(at.port()) + "/";
@@ -164,6 +183,41 @@ int run_serve(const serve_flags& f, target& t) {
   return exit_ok;
 }
 
+int serve_cluster(const serve_flags& f, target& t) {
+  serving s(f);
+  zelcapi::state_connection replica_link(&s.counted, f.history_keep, &s.plugins);
+  const zelcapi::state& replica = *replica_link.get_state();
+  s.feed.attach(replica);
+  const login_result where = load_snapshot(replica_link, t);
+  serve::cluster_link source(s.io, replica_link, t, s.feed, where);
+  zelcapi::asio_attachment attached(s.io, replica_link);
+  return serve_replica(f, s, replica, source,
+                       "master " + where.master_id + " at " + where.host + ":" + where.port);
+}
+
+// The replica follows the mirror's saves; it keeps no history of its own (the mirror's is in its
+// database).
+int serve_mirror(const serve_flags& f) {
+  serving s(f);
+  zelcapi::state replica(s.plugins, nullptr);
+  s.feed.attach(replica);
+  std::unique_ptr<serve::mirror_link> source;
+  try {
+    source = std::make_unique<serve::mirror_link>(s.io, replica, s.plugins, s.counted, s.feed,
+                                                  follow_mirror(f.from, "--from"));
+  } catch (const zelbase::es::base& e) {
+    throw failure(exit_failure, "cannot read --from: " + e.message());
+  }
+  source->start();
+  const serve::source_status& link = source->status();
+  return serve_replica(f, s, replica, *source,
+                       "mirror at " + link.address + ", save " + std::to_string(link.save));
+}
+
+int run_serve(const serve_flags& f, target& t) {
+  return f.from.empty() ? serve_cluster(f, t) : serve_mirror(f);
+}
+
 }  // namespace
 
 command add_serve_command(CLI::App& app, global_options&) {
@@ -172,6 +226,9 @@ command add_serve_command(CLI::App& app, global_options&) {
   auto f = std::make_shared<serve_flags>();
   sub->add_option("--listen", f->listen, "HOST:PORT to listen on (port 0: any free port)")
       ->capture_default_str();
+  sub->add_option("--from", f->from,
+                  "serve the saves of a mirror's PostgreSQL database (a libpq connection string) "
+                  "instead of the cluster's state");
   sub->add_option("--token-file", f->token_file,
                   "every request must carry the token in the first line of this file")
       ->check(CLI::ExistingFile);

@@ -103,25 +103,35 @@ mirror_location open_file(const std::string& where, const std::string& named, mi
   return out;
 }
 
+// The string is never repeated: it may hold a password. The store's errors name the server by
+// host, port, database and user only.
+conninfo_facts checked_server(const std::string& where, const char* flag) {
+  const conninfo_facts server = read_conninfo(where);
+  if (server.has_password) {
+    throw failure(exit_usage, std::string(flag) +
+                                  " holds a password, which every user of this machine can "
+                                  "read in the process list: put it in a password file "
+                                  "(PGPASSFILE or ~/.pgpass) or a service file instead");
+  }
+  return server;
+}
+
+// A store's error on opening: for a string that libpq cannot read, a usage error with libpq's
+// own text.
+failure open_failure(const conninfo_facts& server, const char* flag, const zelbase::es::base& e) {
+  return failure(server.readable ? exit_failure : exit_usage,
+                 "cannot open " + std::string(flag) + ": " + e.message());
+}
+
 }  // namespace
 
 mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use) {
   if (names_server(where)) {
-    // The string is never repeated: it may hold a password. The store's errors name the server
-    // by host, port, database and user only.
-    const conninfo_facts server = read_conninfo(where);
-    if (server.has_password) {
-      throw failure(exit_usage, std::string(flag) +
-                                    " holds a password, which every user of this machine can "
-                                    "read in the process list: put it in a password file "
-                                    "(PGPASSFILE or ~/.pgpass) or a service file instead");
-    }
+    const conninfo_facts server = checked_server(where, flag);
     try {
       return open_server(where, use);
     } catch (const zelbase::es::base& e) {
-      // A string that libpq cannot read is a usage error, with libpq's own text.
-      throw failure(server.readable ? exit_failure : exit_usage,
-                    "cannot open " + std::string(flag) + ": " + e.message());
+      throw open_failure(server, flag, e);
     }
   }
   const std::string named = std::string(flag) + " '" + where + "'";
@@ -135,6 +145,21 @@ mirror_location open_mirror(const std::string& where, const char* flag, mirror_u
     return out;
   } catch (const zelbase::es::base& e) {
     throw failure(exit_failure, "cannot open " + named + ": " + e.message());
+  }
+}
+
+std::unique_ptr<zelcapi::postgres_save_reader> follow_mirror(const std::string& where,
+                                                             const char* flag) {
+  if (!names_server(where)) {
+    throw failure(exit_usage, std::string(flag) + " '" + where +
+                                  "' is no PostgreSQL connection string: it follows the saves "
+                                  "of a mirror's PostgreSQL database (\"postgresql://...\")");
+  }
+  const conninfo_facts server = checked_server(where, flag);
+  try {
+    return std::make_unique<zelcapi::postgres_save_reader>(where);
+  } catch (const zelbase::es::base& e) {
+    throw open_failure(server, flag, e);
   }
 }
 

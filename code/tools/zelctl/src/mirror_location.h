@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "zelcapi/postgres_db.h"
 #include "zelcapi/save_counts.h"
 #include "zelcapi/state.h"
 
@@ -43,5 +44,11 @@ enum class mirror_use {
 // password, since the process list shows it to every user, and failure (exit_failure) with the
 // store's text when the mirror cannot be opened.
 mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use);
+
+// Opens a reader of the saves of the mirror's PostgreSQL database that `where` names. Raises
+// failure (exit_usage) for a file name or a string with a password, and failure (exit_failure,
+// or exit_usage for a string that libpq cannot read) with the store's text when it cannot open.
+std::unique_ptr<zelcapi::postgres_save_reader> follow_mirror(const std::string& where,
+                                                             const char* flag);
 
 }  // namespace zelctl

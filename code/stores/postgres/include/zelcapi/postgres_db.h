@@ -22,10 +22,13 @@
 // takes no lock.
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "zelcapi/save_counts.h"
 #include "zelcapi/state.h"
@@ -78,6 +81,58 @@ class ZELCAPI_POSTGRES_EXPORT postgres_state_db final : public state_db {
   std::size_t digest_memory_bytes() const;
   // The server as error texts name it: host, port, database and user that the connection
   // string sets (no password).
+  const std::string& server() const noexcept;
+
+ private:
+  struct impl;
+  std::unique_ptr<impl> impl_;
+};
+
+// What the saves after a reader's last one changed (postgres_save_reader::read_since).
+struct save_changes {
+  // The save that the changes bring the reader to: the last one committed (0: none yet).
+  std::uint64_t save = 0;
+  // The records are all there are: what the reader holds and they lack is gone. So it is when
+  // the reader held no save, when the saves after its own are no longer kept, or when one of
+  // them emptied the tables.
+  bool whole = false;
+  // By db_item_type: each record written by a save after the reader's (id -> record; every
+  // record when `whole`), never null.
+  std::array<properties_cptr, 8> items;
+  // By db_item_type: the ids that those saves removed and did not write again (none when
+  // `whole`).
+  std::array<std::vector<std::string>, 8> removed;
+  // Every workflow result (id -> {"st", "ht"}) when a save after the reader's wrote them or
+  // when `whole`; null when they did not change.
+  properties_cptr workflow_results;
+  std::uint64_t workflow_sequence_number = 0;
+};
+
+// Follows the saves that postgres_state_db commits to a database, for a reader that keeps a
+// state of its own from them (`zelctl serve --from`): each save carries a number, each row the
+// number of the save that wrote it, the ids each save removed are kept for the last 1,000 saves,
+// and each commit is announced (NOTIFY zelcapi_saves). A reader loads the last save whole once,
+// then fetches only what the later saves wrote and removed. One connection; it creates nothing,
+// so a role that may only SELECT reads with it. Use it from one thread at a time.
+class ZELCAPI_POSTGRES_EXPORT postgres_save_reader {
+ public:
+  // Connects and listens for the saves' announcements. Raises es::uspec as postgres_state_db's
+  // constructor does, and when the database holds no state store ("holds no zelcapi state
+  // store") or one of a schema version that numbers no saves or is newer.
+  explicit postgres_save_reader(const std::string& conninfo);
+  ~postgres_save_reader();
+  postgres_save_reader(const postgres_save_reader&) = delete;
+  postgres_save_reader& operator=(const postgres_save_reader&) = delete;
+
+  // What the saves committed after save `since` changed (everything when `since` is 0), read in
+  // one snapshot of the database. A lost connection is opened again first. Raises es::uspec
+  // when the server cannot be reached or a row cannot be read.
+  save_changes read_since(std::uint64_t since);
+  // Waits up to `timeout` for the announcement of a committed save: true when one came, or when
+  // the connection was opened again (announcements may have been missed meanwhile), false at
+  // the time-out. Raises es::uspec when the connection fails or cannot be opened again.
+  bool wait_for_save(std::chrono::milliseconds timeout);
+
   const std::string& server() const noexcept;
 
  private:

@@ -6,17 +6,13 @@
 
 #include <boost/asio/post.hpp>
 
+#include "serve/link_log.h"
 #include "service_notify.h"
 #include "time_text.h"
 #include "zelbase/exceptions.h"
 
 namespace zelctl::serve {
 namespace {
-
-void log(const std::string& text) {
-  std::printf("%szelctl serve: %s\n", log_stamp().c_str(), text.c_str());
-  std::fflush(stdout);
-}
 
 std::string message_of(const std::exception_ptr& error) {
   try {
@@ -26,12 +22,6 @@ std::string message_of(const std::exception_ptr& error) {
   } catch (const std::exception& e) {
     return e.what();
   }
-}
-
-std::string seconds_text(retry_backoff::duration wait) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f s", std::chrono::duration<double>(wait).count());
-  return text;
 }
 
 }  // namespace
@@ -64,7 +54,7 @@ void cluster_link::lost(const std::string& reason) {
   status_.lost_ms = now_ms();
   status_.attempts = 0;
   status_.last_error.clear();
-  log("lost the link to the cluster (" + reason + "); reconnecting");
+  log_link("lost the link to the cluster (" + reason + "); reconnecting");
   changed();
   // Not inside the connection's own report of the loss: the next step starts afresh.
   phase_ = phase::waiting;
@@ -149,7 +139,7 @@ void cluster_link::snapshot_loaded() {
   status_.attempts = 0;
   status_.last_error.clear();
   status_.next_attempt_ms = 0;
-  log("reconnected to " + status_.master + " at " + status_.address + "; snapshot reloaded");
+  log_link("reconnected to " + status_.master + " at " + status_.address + "; snapshot reloaded");
   changed();
 }
 
@@ -162,7 +152,7 @@ void cluster_link::failed(const std::string& error, bool drop_link) {
   ++status_.attempts;
   status_.last_error = error;
   status_.next_attempt_ms = now_ms() + wait.count();
-  log(error + "; retrying in " + seconds_text(wait));
+  log_link(error + "; retrying in " + seconds_text(wait));
   changed();
   retry_timer_.expires_after(wait);
   retry_timer_.async_wait(

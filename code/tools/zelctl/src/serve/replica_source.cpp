@@ -14,14 +14,17 @@ nlohmann::json time_or_null(std::int64_t ms) {
 }  // namespace
 
 nlohmann::json status_json(const source_status& s) {
-  return {{"connected", s.connected},
-          {"lost", s.lost},
-          {"lost-at", time_or_null(s.lost_ms)},
-          {"attempts", s.attempts},
-          {"last-error", s.last_error},
-          {"next-attempt", time_or_null(s.next_attempt_ms)},
-          {"retrying", s.retrying},
-          {"reconnects", s.reconnects}};
+  nlohmann::json out = {{"source", s.source},
+                        {"connected", s.connected},
+                        {"lost", s.lost},
+                        {"lost-at", time_or_null(s.lost_ms)},
+                        {"attempts", s.attempts},
+                        {"last-error", s.last_error},
+                        {"next-attempt", time_or_null(s.next_attempt_ms)},
+                        {"retrying", s.retrying},
+                        {"reconnects", s.reconnects}};
+  if (s.source == "mirror") out["save"] = s.save;
+  return out;
 }
 
 }  // namespace zelctl::serve

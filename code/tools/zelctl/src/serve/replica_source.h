@@ -12,8 +12,11 @@ namespace zelctl::serve {
 
 struct source_status {
   bool connected = true;
-  std::string master;   // the master's id
-  std::string address;  // where the replica comes from ("host:port")
+  // "cluster", or "mirror" for a mirror's database, whose save `save` the replica holds.
+  std::string source = "cluster";
+  std::uint64_t save = 0;
+  std::string master;   // the master's id ("" for a mirror's database)
+  std::string address;  // where the replica comes from ("host:port", or the database)
   // Since the link went: why, when (milliseconds since 1970; 0 while connected), the attempts
   // to get it back that failed, the last one's error and when the next one starts (0: none).
   std::string lost;
@@ -34,8 +37,8 @@ class replica_source {
 };
 
 // The status as /api/summary and the change stream's "cluster" event carry it
-// (docs/http-api.md): "connected", "lost", "lost-at", "attempts", "last-error",
-// "next-attempt", "retrying", "reconnects".
+// (docs/http-api.md): "source", "connected", "lost", "lost-at", "attempts", "last-error",
+// "next-attempt", "retrying", "reconnects", and a mirror's "save".
 nlohmann::json status_json(const source_status& s);
 
 }  // namespace zelctl::serve
