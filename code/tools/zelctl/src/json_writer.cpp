@@ -115,6 +115,16 @@ void json_writer::value(std::int64_t n) {
   out_.append(digits, end);
 }
 
+void json_writer::value(std::string_view text) {
+  before_value();
+  append_json_string(out_, text);
+}
+
+void json_writer::raw_value(std::string_view json) {
+  before_value();
+  out_ += json;
+}
+
 void json_writer::value(const zelcore::property_ptr& p) {
   if (p) {
     value(*p);

@@ -32,6 +32,9 @@ class json_writer {
   // A null pointer gives null.
   void value(const zelcore::property_ptr& p);
   void value(std::int64_t n);
+  void value(std::string_view text);
+  // A value already written as JSON text.
+  void raw_value(std::string_view json);
 
  private:
   struct level {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "json_output.h"
+#include "json_writer.h"
 #include "kinds.h"
 #include "replica_json.h"
 #include "serve/json_pieces.h"
@@ -91,12 +92,29 @@ outgoing event_feed::snapshot_event(bool full) {
 }
 
 void event_feed::add(const std::string& kind, const std::string& id, const char* op,
-                     nlohmann::json data) {
+                     const std::function<void(json_writer&)>& data) {
   ++changes_;
   last_change_ms_ = now_ms();
-  nlohmann::json change{{"kind", kind}, {"id", id}, {"op", op}};
-  if (!data.is_null()) change["data"] = std::move(data);
-  pending_.push_back(std::move(change));
+  append_change(kind, id, op, data);
+}
+
+// The members in key order, as a JSON document of the change would print them.
+void event_feed::append_change(const std::string& kind, const std::string& id, const char* op,
+                               const std::function<void(json_writer&)>& data) {
+  if (!pending_.empty()) pending_ += ',';
+  json_writer out(pending_, false);
+  out.begin_object();
+  if (data) {
+    out.key("data");
+    data(out);
+  }
+  out.key("id");
+  out.value(id);
+  out.key("kind");
+  out.value(kind);
+  out.key("op");
+  out.value(op);
+  out.end_object();
 }
 
 void event_feed::add_workflow_changes() {
@@ -109,7 +127,7 @@ void event_feed::add_workflow_changes() {
       ++it;
       continue;
     }
-    pending_.push_back({{"kind", "workflows"}, {"id", it->first}, {"op", "remove"}});
+    append_change("workflows", it->first, "remove", {});
     it = sent_workflows_.erase(it);
   }
   for (const auto& [id, workflow] : live.items()) {
@@ -117,7 +135,7 @@ void event_feed::add_workflow_changes() {
     auto& sent = sent_workflows_[id];
     if (sent == text) continue;
     sent = std::move(text);
-    pending_.push_back({{"kind", "workflows"}, {"id", id}, {"op", "set"}, {"data", workflow}});
+    append_change("workflows", id, "set", [&](json_writer& out) { out.raw_value(sent); });
   }
 }
 
@@ -129,7 +147,7 @@ void event_feed::flush() {
   const auto now = std::chrono::steady_clock::now();
   if (resnapshot_) {
     resnapshot_ = false;
-    pending_ = nlohmann::json::array();
+    pending_.clear();
     ++seq_;
     for (const auto& c : clients_) c.out->replace_queue(snapshot_event(c.full_snapshots));
     last_write_ = now;
@@ -144,11 +162,16 @@ void event_feed::flush() {
     return;
   }
   ++seq_;
-  nlohmann::json batch{{"seq", seq_}, {"changes", std::move(pending_)}};
-  if (replica_ != nullptr)
-    batch["workflow-seq-nr"] = replica_->get_workflow_manager().get_current_sequence_number();
-  pending_ = nlohmann::json::array();
-  const auto text = event_text("batch", seq_, batch);
+  // {"changes":[...],"seq":N,"workflow-seq-nr":W}, the changes' text as they came.
+  std::string data = "{\"changes\":[" + pending_ + "],\"seq\":" + std::to_string(seq_);
+  if (replica_ != nullptr) {
+    data += ",\"workflow-seq-nr\":" +
+            std::to_string(replica_->get_workflow_manager().get_current_sequence_number());
+  }
+  data += '}';
+  pending_.clear();
+  const auto text = std::make_shared<const std::string>(
+      "event: batch\nid: " + std::to_string(seq_) + "\ndata: " + data + "\n\n");
   for (const auto& c : clients_) {
     if (c.out->queued_bytes() >= options_.max_queue_bytes) {
       ++laggards_;
@@ -162,29 +185,29 @@ void event_feed::flush() {
 
 bool event_feed::state_item_updated(zelcapi::state_item_type type, const std::string& id,
                                     const zelcore::properties& props) {
-  add(snapshot_key_of(type), id, "update", to_json(props));
+  add(snapshot_key_of(type), id, "update", [&](json_writer& out) { out.value(props); });
   return true;
 }
 
 bool event_feed::state_item_set(zelcapi::state_item_type type, const std::string& id,
                                 const zelcore::properties& props) {
-  add(snapshot_key_of(type), id, "set", to_json(props));
+  add(snapshot_key_of(type), id, "set", [&](json_writer& out) { out.value(props); });
   return true;
 }
 
 bool event_feed::state_item_removed(zelcapi::state_item_type type, const std::string& id) {
-  add(snapshot_key_of(type), id, "remove", nullptr);
+  add(snapshot_key_of(type), id, "remove", {});
   return true;
 }
 
 bool event_feed::state_item_erased_property_ref(zelcapi::state_item_type type,
                                                 const std::string& id, const std::string& ref) {
-  add(snapshot_key_of(type), id, "erase", ref);
+  add(snapshot_key_of(type), id, "erase", [&](json_writer& out) { out.value(ref); });
   return true;
 }
 
 bool event_feed::state_item_historized(zelcapi::state_item_type type, const std::string& id) {
-  add(snapshot_key_of(type), id, "historize", nullptr);
+  add(snapshot_key_of(type), id, "historize", {});
   return true;
 }
 
@@ -192,13 +215,13 @@ bool event_feed::state_workflow_result_added(const std::string& id,
                                              zelcapi::workflow_result_info result) {
   zelcore::properties encoded;
   result.encode(encoded);
-  add("workflow-results", id, "set", to_json(encoded));
+  add("workflow-results", id, "set", [&](json_writer& out) { out.value(encoded); });
   workflows_touched_ = true;
   return true;
 }
 
 bool event_feed::state_workflow_result_removed(const std::string& id) {
-  add("workflow-results", id, "remove", nullptr);
+  add("workflow-results", id, "remove", {});
   workflows_touched_ = true;
   return true;
 }

@@ -17,6 +17,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <nlohmann/json.hpp>
 
+#include "json_writer.h"
 #include "serve/http_server.h"
 #include "serve/json_pieces.h"
 #include "serve/replica_source.h"
@@ -84,7 +85,13 @@ class event_feed final : public zelcapi::state_handler {
     bool full_snapshots;
   };
 
-  void add(const std::string& kind, const std::string& id, const char* op, nlohmann::json data);
+  // Counts a change and adds it to the next batch; `data` writes its "data" member (none when
+  // empty).
+  void add(const std::string& kind, const std::string& id, const char* op,
+           const std::function<void(json_writer&)>& data);
+  // Adds a change to the next batch without counting it (a workflow's, found at the batch).
+  void append_change(const std::string& kind, const std::string& id, const char* op,
+                     const std::function<void(json_writer&)>& data);
   void arm();
   void flush();
   // Workflows change through commands: the batch carries each changed workflow whole.
@@ -99,7 +106,7 @@ class event_feed final : public zelcapi::state_handler {
   feed_options options_;
   const zelcapi::state* replica_ = nullptr;
   std::vector<client> clients_;
-  nlohmann::json pending_ = nlohmann::json::array();
+  std::string pending_;  // the next batch's changes as JSON text, separated by commas
   bool workflows_touched_ = false;
   bool resnapshot_ = false;
   std::map<std::string, std::string> sent_workflows_;  // id -> its JSON text as last sent
