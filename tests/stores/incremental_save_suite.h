@@ -175,10 +175,10 @@ TYPED_TEST_P(IncrementalSaveTest, RemovalInsideASaveIsKeptAndTheNextSaveRereadsT
   this->expect_jobs(*this->db, records);
 }
 
-TYPED_TEST_P(IncrementalSaveTest, CommittedEntriesTakeFortyBytesARecord) {
+TYPED_TEST_P(IncrementalSaveTest, CommittedEntriesTakeFortyFourBytesARecord) {
   this->save(*this->db, this->jobs(20000));
   const double per_record = static_cast<double>(this->db->digest_memory_bytes()) / 20000;
-  EXPECT_LE(per_record, 40.2) << per_record << " bytes a record";
+  EXPECT_LE(per_record, 44.2) << per_record << " bytes a record";
   std::printf("committed entries: %.1f bytes a record\n", per_record);
 }
 
@@ -254,5 +254,5 @@ REGISTER_TYPED_TEST_SUITE_P(
     KindsAreComparedApartUnderTheSameIds, StoreOpenedOnWhatItHoldsWritesOnlyTheChanges,
     SaveAfterAnAbandonedOneComparesWithTheLastCommittedSave,
     WritesOutsideASaveAreUndoneByTheNextSave, RemovalInsideASaveIsKeptAndTheNextSaveRereadsTheStore,
-    CommittedEntriesTakeFortyBytesARecord, SaveAfterChangingSomeRecordsReadsAndWritesOnlyThose,
+    CommittedEntriesTakeFortyFourBytesARecord, SaveAfterChangingSomeRecordsReadsAndWritesOnlyThose,
     RecordChangedAndChangedBackIsSaved, StoreReopenedComparesByDigestsUntilItHasSaved);

@@ -213,14 +213,61 @@ TEST(RecordDigests, ContentIsNotTrustedForIdsSharingAHash) {
   EXPECT_TRUE(digests.needs_write({42, 1}, a));
 }
 
-TEST(RecordDigests, MemoryIsFortyBytesARecordBetweenSaves) {
+TEST(RecordDigests, MemoryIsFortyFourBytesARecordBetweenSaves) {
   kind_digests digests;
   digests.rebuild({});
   const int n = 100000;
   writes_of(digests, records(n));
   digests.commit_save();
   const double per_record = static_cast<double>(digests.memory_bytes()) / n;
-  EXPECT_LE(per_record, 40.2) << per_record << " bytes a record";
+  EXPECT_LE(per_record, 44.2) << per_record << " bytes a record";
   std::printf("committed entries: %.1f bytes a record\n", per_record);
   RecordProperty("bytes_per_record", std::to_string(per_record));
+}
+
+// A save finds its entries first in the order of the last save's calls: records removed,
+// added, changed or stored in another order are still found as their ids say.
+TEST(RecordDigests, SavesInTheLastOrderOrInAnotherFindTheirEntries) {
+  std::vector<zelcore::properties> trees;
+  for (int i = 0; i < 40; ++i) trees.push_back(text("t" + std::to_string(i)));
+  const auto id = [](int i) { return "r" + std::to_string(i); };
+  kind_digests digests;
+  digests.rebuild({});
+  for (int i = 0; i < 40; ++i)
+    EXPECT_TRUE(digests.needs_write(digest_of(id(i), trees[i]), trees[i]));
+  digests.commit_save();
+
+  // The same order, without r3, with a new r40 after r5 and r7 changed.
+  const zelcore::properties changed = text("changed");
+  for (int i = 0; i < 40; ++i) {
+    if (i == 3) continue;
+    if (i == 7) {
+      EXPECT_FALSE(digests.holds(id_hash_of(id(i)), changed));
+      EXPECT_TRUE(digests.needs_write(digest_of(id(i), changed), changed));
+      continue;
+    }
+    EXPECT_TRUE(digests.holds(id_hash_of(id(i)), trees[i])) << id(i);
+    if (i == 5) {
+      EXPECT_FALSE(digests.holds(id_hash_of(id(40)), trees[0]));
+      EXPECT_TRUE(digests.needs_write(digest_of(id(40), trees[0]), trees[0]));
+    }
+  }
+  EXPECT_EQ(digests.unseen(), std::vector<std::uint64_t>{id_hash_of(id(3))});
+  digests.commit_save();
+  trees[7] = changed;
+  trees[3] = trees[0];  // r40's content, stored under r40 below
+
+  // The order of that save, then the reverse order: every record is known by its content.
+  for (int round = 0; round < 2; ++round) {
+    std::vector<int> order;
+    for (int i = 0; i < 40; ++i) {
+      if (i != 3) order.push_back(i);
+      if (i == 5) order.push_back(40);
+    }
+    if (round == 1) std::reverse(order.begin(), order.end());
+    for (const int i : order)
+      EXPECT_TRUE(digests.holds(id_hash_of(id(i)), i == 40 ? trees[3] : trees[i])) << id(i);
+    EXPECT_TRUE(digests.unseen().empty());
+    digests.commit_save();
+  }
 }

@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <boost/make_shared.hpp>
+
 #include "stores/store_test_support.h"
 #include "support/capture_sink.h"
 #include "support/sample_workflows.h"
@@ -128,6 +130,40 @@ TEST(StatePersistence, SqliteSaveLoadsIntoANewStateAcrossAReopen) {
   EXPECT_EQ(loaded.get_state_db(), &db);
   expect_same(snapshot_of(loaded), saved);
   EXPECT_EQ(loaded.get_workflows().size(), 3u);
+}
+
+TEST(StatePersistence, WorkflowChangedInPlaceIsSavedAgainAndUnchangedOnesAreNotReadAgain) {
+  zeltest::scratch_dir dir;
+  zelcore::plugin_db plugins;
+  zelcapi::sqlite_state_db db(dir.file("mirror.db"));
+  state st(plugins, nullptr, &db);
+  fill(st);
+  st.save_state_to_db(true);
+  // Nothing changed: every record and workflow is the tree that the store committed.
+  st.save_state_to_db(true);
+  EXPECT_EQ(db.last_save_counts().written, 0u);
+  EXPECT_EQ(db.last_save_counts().digested, 0u);
+  EXPECT_EQ(db.last_save_counts().unchanged, 7u * 5u + 3u);
+
+  // One workflow changed through itself, another through one of its tasks; neither tells the
+  // state.
+  auto it = st.get_workflows_non_const().begin();
+  it->second->set_priority(7, zelworkflow::workflow_info::priority_absolute, 0, 10);
+  ++it;
+  it->second->get_task_info("t1")->set_job_allocated_license_capabilities(
+      zelbase::ptr_refcount<const properties>(
+          new properties(std::map<std::string, std::string>{{"solver", "2"}})));
+  st.save_state_to_db(true);
+  EXPECT_EQ(db.last_save_counts().written, 2u);
+  EXPECT_EQ(db.last_save_counts().digested, 2u);
+  expect_loads_as(db, st);
+
+  // A workflow replaced by another object of equal content is read for its digest, not written.
+  auto& first = st.get_workflows_non_const().begin()->second;
+  first = boost::make_shared<zelworkflow::workflow_info>(*first);
+  st.save_state_to_db(true);
+  EXPECT_EQ(db.last_save_counts().written, 0u);
+  EXPECT_EQ(db.last_save_counts().digested, 1u);
 }
 
 TEST(StatePersistence, MemorySaveLoadsIntoANewState) {

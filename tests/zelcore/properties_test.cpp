@@ -415,3 +415,19 @@ TEST(Properties, InsertionsInAnyOrderKeepKeysSortedAndFindable) {
     previous = key;
   }
 }
+
+TEST(Properties, CopiesShareContentUntilOneOfThemChanges) {
+  properties a;
+  a.set_int_value("n", 1);
+  properties b = a;
+  EXPECT_TRUE(a.shares_content_with(b));
+  EXPECT_TRUE(b.shares_content_with(a));
+  const properties equal = properties{{"n", zelcore::make_int(1)}};
+  EXPECT_TRUE(equal == a);
+  EXPECT_FALSE(equal.shares_content_with(a));  // equal, but not shared
+  b.set_int_value("n", 2);
+  EXPECT_FALSE(a.shares_content_with(b));
+  EXPECT_EQ(a.get_int_value("n"), 1);
+  // Trees that never held an entry share nothing.
+  EXPECT_FALSE(properties().shares_content_with(properties()));
+}

@@ -175,4 +175,42 @@ TEST(TaskInfo, AllocatedLicenceCapabilitiesAreKept) {
   EXPECT_TRUE(t->get_job_allocated_license_capabilities().is_null());
 }
 
+TEST(TaskInfo, ChangeStampMovesWithEveryChangeOfTheWorkflowOrOfOneOfItsTasks) {
+  workflow_info wf = spawned_sample();
+  std::uint64_t last = wf.get_change_stamp();
+  // Reads leave it.
+  properties out;
+  wf.encode_workflow_info(out);
+  wf.get_status();
+  const workflow_info copy = wf;
+  EXPECT_EQ(wf.get_change_stamp(), last);
+  EXPECT_NE(copy.get_change_stamp(), last);  // a copy is another object: it draws its own
+
+  const auto expect_moved = [&](const char* change) {
+    const std::uint64_t now = wf.get_change_stamp();
+    EXPECT_GT(now, last) << change;
+    last = now;
+  };
+  wf.set_priority(3, workflow_info::priority_absolute, 0, 10);
+  expect_moved("set_priority");
+  wf.set_task_status("t1", task::status_running, 5, "node-1", "");
+  expect_moved("set_task_status");
+  wf.add_workflow_meta_data("owner", make_string("ann"));
+  expect_moved("add_workflow_meta_data");
+  // Changes made through a task of the workflow, which the workflow does not see.
+  properties entry;
+  entry.set_int_value("value", 42);
+  properties out_values;
+  out_values.set_properties_value("out", entry);
+  wf.get_task_info("t2")->decode_out_values(out_values);
+  expect_moved("decode_out_values");
+  wf.get_task_info("t1")->set_job_allocated_license_capabilities(
+      zelbase::ptr_refcount<const properties>(new properties()));
+  expect_moved("set_job_allocated_license_capabilities");
+  wf.get_task_info("t1")->create_job_info(wf);
+  expect_moved("create_job_info");
+  wf.decode_workflow_info(zeltest::sample_workflow(2, 3), zelcore::plugin_db());
+  expect_moved("decode_workflow_info");
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // A workflow task: its encoding, out-values and job information.
 #include "zelworkflow/task_info.h"
 
+#include <atomic>
 #include <limits>
 
 #include "decoding.h"
@@ -48,6 +49,11 @@ const char* task_scheduling_state_c_str(zelcore::task::scheduling_state state) {
     case zelcore::task::scheduling_dispatched: return "dispatched";
   }
   return "unknown";
+}
+
+std::uint64_t next_change_stamp() noexcept {
+  static std::atomic<std::uint64_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 task_info::task_info() : model_(new model()) {}
@@ -228,6 +234,7 @@ void task_info::decode_out_values(const properties& out_values) {
     }
     produced[name] = value;
   }
+  model_->stamp = next_change_stamp();
   for (auto& [name, value] : produced) model_->out_values[name].value = value;
 }
 
@@ -254,6 +261,7 @@ void task_info::create_job_info(const workflow_info& workflow) const {
   info->set_int_value("sequence-number", static_cast<std::int64_t>(workflow.get_sequence_number()));
   info->set_properties_value("configuration", workflow.get_configuration());
   m.job_info = info;
+  model_->stamp = next_change_stamp();
 }
 
 zelbase::ptr_refcount<const properties> task_info::get_job_info() const { return model_->job_info; }
@@ -265,6 +273,7 @@ zelbase::ptr_refcount<const properties> task_info::get_job_allocated_license_cap
 void task_info::set_job_allocated_license_capabilities(
     zelbase::ptr_refcount<const properties> capabilities) {
   model_->license_capabilities = std::move(capabilities);
+  model_->stamp = next_change_stamp();
 }
 
 }  // namespace zelworkflow

@@ -22,7 +22,12 @@ struct out_value {
   zelcore::property_ptr value;            // null until produced
 };
 
+// A number drawn for each change of a workflow or a task, never drawn twice in the process and
+// larger than every number drawn before it.
+std::uint64_t next_change_stamp() noexcept;
+
 struct task_info::model {
+  std::uint64_t stamp = next_change_stamp();  // of the last change (a copy keeps it)
   std::string id;
   std::string kind;
   task_type type = task_type_ordinary;

@@ -91,6 +91,7 @@ const char* workflow_type_name(workflow_info::workflow_type type) {
 }  // namespace
 
 struct workflow_info::model {
+  std::uint64_t stamp = next_change_stamp();  // of the last change (a copy draws its own)
   workflow_type type = workflow_type_spawned;
   std::uint64_t sequence_number = 0;
   std::int64_t priority = 0;
@@ -116,6 +117,9 @@ struct workflow_info::model {
     for (const auto& [id, task] : other.tasks) tasks.emplace(id, task->clone());
   }
   model& operator=(const model&) = delete;
+
+  // Called by every operation that changes the workflow or one of its tasks.
+  void touch() noexcept { stamp = next_change_stamp(); }
 
   task_info::model& task(const std::string& wtid) const {
     auto it = tasks.find(wtid);
@@ -266,6 +270,12 @@ void workflow_info::encode_workflow_info(properties& out) const {
   }
 }
 
+std::uint64_t workflow_info::get_change_stamp() const {
+  std::uint64_t latest = model_->stamp;
+  for (const auto& entry : model_->tasks) latest = std::max(latest, entry.second->model_->stamp);
+  return latest;
+}
+
 bool workflow_info::operator==(const workflow_info& other) const {
   properties mine;
   properties theirs;
@@ -277,6 +287,7 @@ bool workflow_info::operator==(const workflow_info& other) const {
 workflow_info::workflow_type workflow_info::get_type() const { return model_->type; }
 
 void workflow_info::set_type(workflow_type type) {
+  model_->touch();
   if (type > workflow_type_spawned) {
     raise_arg(zelbase::string_with_format("unknown workflow type %u", static_cast<unsigned>(type)));
   }
@@ -308,6 +319,7 @@ std::uint64_t workflow_info::get_sequence_number() const { return model_->sequen
 void workflow_info::spawn(std::uint64_t sequence_number,
                           zelbase::ptr_refcount<const zelcore::property> in_value,
                           std::map<std::string, unsigned int> attempts_config) {
+  model_->touch();
   if (model_->type == workflow_type_template) {
     raise_arg("a template is never spawned itself; spawn a copy of it");
   }
@@ -341,6 +353,7 @@ bool workflow_info::is_inited() const {
 bool workflow_info::set_in_value(const std::string& in_node_path,
                                  const zelbase::ptr_refcount<const zelcore::property>& value,
                                  bool force_spawn_value, const std::string& originator) {
+  model_->touch();
   const std::string what = "cannot set in-value '" + in_node_path + "'";
   detail::check_in_node_path(in_node_path, what);
   std::string node_name = in_node_path;
@@ -378,26 +391,36 @@ const std::map<std::string, std::string>& workflow_info::get_waiting_wfs() const
 }
 
 void workflow_info::add_waiting_wf(const std::string& state_id, const std::string& originator) {
+  model_->touch();
   check_state_id(state_id);
   model_->waiting[state_id] = originator;
 }
 
-void workflow_info::clear_waiting_wfs() { model_->waiting.clear(); }
+void workflow_info::clear_waiting_wfs() {
+  model_->touch();
+  model_->waiting.clear();
+}
 
 bool workflow_info::add_dependant(const std::string& state_id) {
+  model_->touch();
   check_state_id(state_id);
   return model_->dependants.insert(state_id).second;
 }
 
 bool workflow_info::remove_dependant(const std::string& state_id) {
+  model_->touch();
   return model_->dependants.erase(state_id) != 0;
 }
 
-void workflow_info::clear_dependants() { model_->dependants.clear(); }
+void workflow_info::clear_dependants() {
+  model_->touch();
+  model_->dependants.clear();
+}
 
 const std::set<std::string>& workflow_info::get_dependants() const { return model_->dependants; }
 
 const std::string& workflow_info::add_task_info(task_ptr& task) {
+  model_->touch();
   if (!task) raise_arg("cannot add a null task");
   std::string id = task->model_->id;
   if (id.empty()) {
@@ -430,6 +453,7 @@ bool workflow_info::is_task_kill_triggered(const std::string& wtid) const {
 }
 
 void workflow_info::set_task_kill_triggered(const std::string& wtid, bool triggered) {
+  model_->touch();
   model_->task(wtid).kill_triggered = triggered;
 }
 
@@ -449,6 +473,7 @@ unsigned int workflow_info::get_task_max_attempts(const std::string& wtid) const
 }
 
 void workflow_info::set_task_max_attempts(const std::string& wtid, unsigned int max_attempts) {
+  model_->touch();
   model_->task(wtid).max_attempts = max_attempts;
 }
 
@@ -459,6 +484,7 @@ std::int64_t workflow_info::get_task_priority(const std::string& wtid) const {
 void workflow_info::set_task_priority(const std::string& wtid, std::int64_t priority,
                                       priority_whence whence, std::int64_t min_priority,
                                       std::int64_t max_priority) {
+  model_->touch();
   task_info::model& t = model_->task(wtid);
   t.priority = new_priority(t.priority, priority, whence, min_priority, max_priority);
 }
@@ -467,12 +493,14 @@ std::int64_t workflow_info::get_priority() const { return model_->priority; }
 
 void workflow_info::set_priority(std::int64_t priority, priority_whence whence,
                                  std::int64_t min_priority, std::int64_t max_priority) {
+  model_->touch();
   model_->priority = new_priority(model_->priority, priority, whence, min_priority, max_priority);
 }
 
 bool workflow_info::set_task_status(const std::string& wtid, zelcore::task::status status,
                                     unsigned int time, const std::string& node_id,
                                     const std::string& message) {
+  model_->touch();
   if (status > task_info::status_killed) {
     raise_arg(zelbase::string_with_format("unknown task status %u", static_cast<unsigned>(status)));
   }
@@ -492,6 +520,7 @@ bool workflow_info::set_task_status(const std::string& wtid, zelcore::task::stat
 
 void workflow_info::set_task_scheduling_state(const std::string& wtid,
                                               zelcore::task::scheduling_state state) {
+  model_->touch();
   if (state > task_info::scheduling_dispatched) {
     raise_arg(zelbase::string_with_format("unknown task scheduling state %u",
                                           static_cast<unsigned>(state)));
@@ -502,6 +531,7 @@ void workflow_info::set_task_scheduling_state(const std::string& wtid,
 }
 
 void workflow_info::update_task_progress(const std::string& wtid, const properties& progress) {
+  model_->touch();
   task_info::model& t = model_->task(wtid);
   model_->check_not_template("make no progress");
   t.progress.merge_leaves(progress);
@@ -597,26 +627,37 @@ void workflow_info::make_dot_graph(std::string& out) {
 
 const properties& workflow_info::get_configuration() const { return model_->configuration; }
 void workflow_info::set_configuration(const properties& configuration) {
+  model_->touch();
   model_->configuration = configuration;
 }
 
 const properties& workflow_info::get_workflow_meta_data() const { return model_->meta_data; }
-void workflow_info::set_workflow_meta_data(const properties& meta) { model_->meta_data = meta; }
+void workflow_info::set_workflow_meta_data(const properties& meta) {
+  model_->touch();
+  model_->meta_data = meta;
+}
 void workflow_info::add_workflow_meta_data(const properties& meta) {
+  model_->touch();
   model_->meta_data.merge_leaves(meta);
 }
 void workflow_info::add_workflow_meta_data(const std::string& key,
                                            zelbase::ptr_refcount<const zelcore::property> value) {
+  model_->touch();
   set_meta_key(model_->meta_data, key, value);
 }
 
 const properties& workflow_info::get_ext_meta_data() const { return model_->ext_meta_data; }
-void workflow_info::set_ext_meta_data(const properties& meta) { model_->ext_meta_data = meta; }
+void workflow_info::set_ext_meta_data(const properties& meta) {
+  model_->touch();
+  model_->ext_meta_data = meta;
+}
 void workflow_info::set_ext_meta_data(const std::string& key,
                                       zelbase::ptr_refcount<const zelcore::property> value) {
+  model_->touch();
   set_meta_key(model_->ext_meta_data, key, value);
 }
 void workflow_info::add_ext_meta_data(const properties& meta) {
+  model_->touch();
   model_->ext_meta_data.merge_leaves(meta);
 }
 

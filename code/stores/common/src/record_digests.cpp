@@ -149,6 +149,8 @@ void kind_digests::rebuild(std::vector<record_digest> records) {
   entries_ = std::move(entries);
   seen_.assign(entries_.size(), false);
   fresh_.clear();
+  order_ = {};
+  restart_order();
   known_ = true;
   stale_after_save_ = false;
 }
@@ -159,6 +161,66 @@ void kind_digests::forget() noexcept {
   entries_ = {};
   seen_ = {};
   fresh_ = {};
+  order_ = {};
+  restart_order();
+}
+
+void kind_digests::restart_order() noexcept {
+  next_ = 0;
+  in_order_ = true;
+  calls_ = {};
+  located_known_ = false;
+}
+
+void kind_digests::leave_order() {
+  if (!in_order_) return;
+  in_order_ = false;
+  calls_.reserve(order_.size());
+  for (std::size_t k = 0; k < next_; ++k) calls_.push_back(entries_[order_[k]].id_hash);
+}
+
+std::vector<kind_digests::entry>::iterator kind_digests::locate(std::uint64_t id_hash) {
+  if (located_known_ && located_hash_ == id_hash)
+    return entries_.begin() + static_cast<std::ptrdiff_t>(located_);
+  std::size_t at;
+  if (next_ < order_.size() && entries_[order_[next_]].id_hash == id_hash) {
+    at = order_[next_++];
+  } else {
+    leave_order();
+    at = static_cast<std::size_t>(find(id_hash) - entries_.begin());
+    // A record removed since the last save leaves its place in the order: the next ones follow.
+    const std::size_t last = std::min(order_.size(), next_ + 4);
+    for (std::size_t k = next_; k < last && at != entries_.size(); ++k) {
+      if (order_[k] == at) {
+        next_ = k + 1;
+        break;
+      }
+    }
+  }
+  if (!in_order_) calls_.push_back(id_hash);
+  constexpr std::size_t ahead = 16;
+  if (next_ + ahead < order_.size()) __builtin_prefetch(&entries_[order_[next_ + ahead]]);
+  located_hash_ = id_hash;
+  located_ = at;
+  located_known_ = true;
+  return entries_.begin() + static_cast<std::ptrdiff_t>(at);
+}
+
+void kind_digests::remember_order() {
+  order_.clear();
+  order_.reserve(calls_.size());
+  constexpr std::size_t ahead = 16;
+  const std::size_t n = entries_.size();
+  for (std::size_t i = 0; i < calls_.size(); ++i) {
+    if (i + ahead < calls_.size() && n != 0) {
+      // Where find starts its search for that hash.
+      const auto guess =
+          static_cast<std::size_t>((static_cast<unsigned __int128>(calls_[i + ahead]) * n) >> 64);
+      __builtin_prefetch(&entries_[guess]);
+    }
+    const auto at = find(calls_[i]);
+    if (at != entries_.end()) order_.push_back(static_cast<std::uint32_t>(at - entries_.begin()));
+  }
 }
 
 std::vector<kind_digests::entry>::iterator kind_digests::find(std::uint64_t id_hash) {
@@ -200,11 +262,9 @@ std::vector<kind_digests::entry>::iterator kind_digests::find(std::uint64_t id_h
 }
 
 bool kind_digests::holds(std::uint64_t id_hash, const zelcore::properties& record) {
-  const auto at = find(id_hash);
-  // Two trees hold the same content exactly when their entries are at the same address: the
-  // entry's copy keeps its content alive, and content that two trees share is never changed.
-  if (at == entries_.end() || at->digest == 0 || at->tree.empty() ||
-      at->tree.begin() != record.begin())
+  const auto at = locate(id_hash);
+  // The entry's copy keeps its content alive, and content that two trees share is never changed.
+  if (at == entries_.end() || at->digest == 0 || !at->tree.shares_content_with(record))
     return false;
   const auto mark = seen_.begin() + (at - entries_.begin());
   if (*mark) return false;  // a second id with this hash: needs_write makes it "always write"
@@ -213,7 +273,7 @@ bool kind_digests::holds(std::uint64_t id_hash, const zelcore::properties& recor
 }
 
 bool kind_digests::needs_write(const record_digest& record, const zelcore::properties& tree) {
-  const auto at = find(record.id_hash);
+  const auto at = locate(record.id_hash);
   if (at == entries_.end()) {
     fresh_.push_back({record.id_hash, record.digest, tree});
     return true;
@@ -242,6 +302,9 @@ std::vector<std::uint64_t> kind_digests::unseen() const {
 }
 
 void kind_digests::commit_save() {
+  // The order stays when the save stored every entry, and nothing else, in that order.
+  const bool same_order = in_order_ && next_ == order_.size() && fresh_.empty();
+  if (!same_order) leave_order();
   std::size_t kept = 0;
   for (std::size_t i = 0; i < entries_.size(); ++i) {
     if (seen_[i]) entries_[kept++] = std::move(entries_[i]);
@@ -257,12 +320,15 @@ void kind_digests::commit_save() {
   // Between saves the entries hold no more than an eighth beyond what they need.
   if (entries_.capacity() > entries_.size() + entries_.size() / 8) entries_.shrink_to_fit();
   seen_.assign(entries_.size(), false);
+  if (!same_order) remember_order();
+  restart_order();
   known_ = true;
   if (stale_after_save_) forget();
 }
 
 std::size_t kind_digests::memory_bytes() const noexcept {
-  return entries_.capacity() * sizeof(entry) + seen_.capacity() / 8;
+  return entries_.capacity() * sizeof(entry) + seen_.capacity() / 8 +
+         order_.capacity() * sizeof(std::uint32_t);
 }
 
 void store_digests::forget() noexcept {

@@ -1,12 +1,13 @@
-// What a store last committed, 40 bytes a record: a save compares each record with it, writes
+// What a store last committed, 44 bytes a record: a save compares each record with it, writes
 // only the records that changed or are new, and deletes the records that it no longer holds.
 //
 // An entry is a 64-bit hash of the record's id, a 64-bit digest of its id and content, and a
 // copy of the tree that the store last committed (empty after the entries were read back from
 // the database). The copy shares the record's content, so a change to the record gives the
-// record content of its own (copy on write): a record whose tree still holds the copy's very
-// content, told by the address of its entries, has not changed and is skipped without being
-// read. Any other record is read for its digest, which decides. Two ids
+// record content of its own (copy on write): a record whose tree still shares the copy's very
+// content has not changed and is skipped without either being read. Any other record is read
+// for its digest, which decides. A save expects its records in the order of the last save's
+// (4 bytes a record), and finds each entry there without a search. Two ids
 // of one kind that share a hash make their entry "always write" (digest 0): the records are then
 // written on every save, never skipped. A record is skipped only when its digest equals the one
 // committed for its id, which a change misses with a chance of 2^-64.
@@ -49,8 +50,8 @@ class kind_digests {
   void forget() noexcept;
 
   // In a save: whether `record` holds the very content of the tree that the last committed save
-  // wrote under the id of `id_hash` (told without reading the record); such a record counts as
-  // seen and is skipped.
+  // wrote under the id of `id_hash` (told without reading either); such a record counts as seen
+  // and is skipped.
   bool holds(std::uint64_t id_hash, const zelcore::properties& record);
   // In a save: whether the record must be written (new, changed, or sharing its id's hash);
   // remembers it as seen either way, with a copy of its tree (which shares its content).
@@ -76,6 +77,16 @@ class kind_digests {
   };
 
   std::vector<entry>::iterator find(std::uint64_t id_hash);
+  // In a save: the entry of `id_hash`, expected first where the last committed save's order of
+  // calls puts it, whose next entries it fetches into cache ahead of their calls; else found by
+  // its hash. Asked twice in a row for one hash (holds, then needs_write), it answers once.
+  std::vector<entry>::iterator locate(std::uint64_t id_hash);
+  // The save's calls no longer follow order_: they are kept as hashes from here on.
+  void leave_order();
+  // At the commit: the order of the save's calls as positions of the committed entries.
+  void remember_order();
+  // Before a save: its calls are expected from the first of order_ on.
+  void restart_order() noexcept;
   static void sort_and_merge_twins(std::vector<entry>& entries);
 
   bool known_ = false;
@@ -83,6 +94,17 @@ class kind_digests {
   std::vector<entry> entries_;  // sorted by id hash, hashes distinct
   std::vector<bool> seen_;      // one mark per entry, for the save in progress
   std::vector<entry> fresh_;    // records of the save with no entry yet
+
+  // The positions of the entries in the order in which the last committed save stored them: a
+  // save that stores the same ids in the same order finds each entry without a search, and
+  // the entries of its next calls are already on their way into the cache.
+  std::vector<std::uint32_t> order_;
+  std::size_t next_ = 0;              // the save's next expected call, in order_
+  bool in_order_ = true;              // every call of the save so far came as order_ expects
+  std::vector<std::uint64_t> calls_;  // once out of order: the id hashes of the save's calls
+  std::uint64_t located_hash_ = 0;    // the hash last located, and where
+  std::size_t located_ = 0;
+  bool located_known_ = false;
 };
 
 // The digests of the eight kinds of a state store and the counts of its save: the part of a

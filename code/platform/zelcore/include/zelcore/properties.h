@@ -390,6 +390,12 @@ class ZELCORE_EXPORT properties final : public property {
   // Number of slots, null slots included.
   std::size_t size() const noexcept;
   bool empty() const noexcept { return size() == 0; }
+  // Whether this tree and `other` hold the very same content, shared by a copy (constant time,
+  // reading neither): content that two trees share is never changed, so they are then equal.
+  // False when this tree never held an entry.
+  bool shares_content_with(const properties& other) const noexcept {
+    return body_ && body_ == other.body_;
+  }
   void clear() noexcept;
   // Removes the key; true when it was there.
   bool erase(const std::string& key);

@@ -54,6 +54,10 @@ class ZELWORKFLOW_EXPORT workflow_info {
   // Writes the whole workflow into `out` (keys of other names stay); decode_workflow_info of
   // the result gives an equal workflow.
   void encode_workflow_info(zelcore::properties& out) const;
+  // A number that changes with every change to the workflow or to one of its tasks (through their
+  // non-const operations and create_job_info): while one workflow object gives the same number,
+  // its encoding stays the same, so that a saver may reuse the encoding it made.
+  std::uint64_t get_change_stamp() const;
   // Equal when the encodings are equal.
   bool operator==(const workflow_info& other) const;
   bool operator!=(const workflow_info& other) const { return !(*this == other); }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "item_index.h"
+#include "saved_workflows.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
 #include "zelbase/time.h"
@@ -77,7 +78,8 @@ state::state(const zelcore::plugin_db& plugins, state_notification_receiver* rec
       workflow_manager_(this, workflows_, workflow_seq_nr_),
       state_db_(states),
       history_db_(histories),
-      history_keep_time_(history_keep_time) {
+      history_keep_time_(history_keep_time),
+      saved_workflows_(std::make_unique<detail::saved_workflows>()) {
   for (const state_item_type type : all_item_types)
     indexes_[type] = std::make_unique<detail::item_index>(store_of(type));
   if (!history_db_ && history_keep_time_ != 0)

@@ -11,6 +11,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "saved_workflows.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/refcount.h"
 #include "zelbase/strings.h"
@@ -29,13 +30,13 @@ void report_state(unsigned line, zelcore::kind k, zelbase::severity s, const std
 }
 
 // What a save writes, taken from the state when the save starts. Records share their trees
-// with the state (copy on write); workflows are copied, since the state changes its workflow
-// objects in place while the saver may be encoding them. The records of a kind are one array in
-// id order, not a map: taking them is one allocation instead of one per record, on the thread
-// that asked for the save.
+// with the state (copy on write); workflows are encoded when the save starts, since the state
+// changes its workflow objects in place, and those unchanged since the last save keep the
+// encoding it took. The records of a kind are one array in id order, not a map: taking them is
+// one allocation instead of one per record, on the thread that asked for the save.
 struct state_copy {
   std::vector<std::pair<std::string, zelcore::properties>> items[7];
-  state::workflow_map workflows;
+  detail::saved_workflows::encoded_list workflows;
   workflow_result_map results;
   std::uint64_t sequence_number = 0;
 };
@@ -111,11 +112,8 @@ class state_saver final : public zelbase::object_refcount, public zelbase::threa
     for (std::uint32_t type = 0; type < 7; ++type)
       for (const auto& [id, record] : copy_->items[type])
         db_.store_item(static_cast<db_item_type>(type), id, record);
-    for (const auto& [id, workflow] : copy_->workflows) {
-      zelcore::properties encoded(false);
-      workflow->encode_workflow_info(encoded);
+    for (const auto& [id, encoded] : copy_->workflows)
       db_.store_item(db_item_workflow, id, encoded);
-    }
     db_.store_workflow_results(copy_->results);
     db_.store_workflow_sequence_number(copy_->sequence_number);
   }
@@ -183,9 +181,7 @@ void state::start_save() {
     const item_map& items = get_items(static_cast<state_item_type>(type));
     copy->items[type].assign(items.begin(), items.end());
   }
-  for (const auto& [id, workflow] : workflows_)
-    copy->workflows.emplace_hint(copy->workflows.end(), id,
-                                 boost::make_shared<zelworkflow::workflow_info>(*workflow));
+  copy->workflows = saved_workflows_->take(workflows_);
   copy->results = workflow_results_;
   copy->sequence_number = workflow_seq_nr_;
   // The previous saver ends before the next one starts: two savers waiting for the lock take it

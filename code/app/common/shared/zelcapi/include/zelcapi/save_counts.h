@@ -7,11 +7,11 @@
 //   number and commits. A save abandoned part-way, cut by a crash or by a lost connection leaves
 //   the previous complete save. A write that fails inside a save rolls the save back, and the
 //   save's further writes raise until the next begin_save.
-// - A save writes only the records that changed since the previous one: the store keeps 40 bytes
-//   a record of what it committed (a digest, and a copy of the tree it wrote, sharing its
-//   content, so that a record still holding that content is skipped unread), read from the
-//   database by the first save and again after a save that failed (last_save_counts,
-//   digest_memory_bytes).
+// - A save writes only the records that changed since the previous one: the store keeps 44 bytes
+//   a record of what it committed (a digest, a copy of the tree it wrote, sharing its
+//   content, and the order of the save's records, so that a record still holding that content is
+//   skipped unread), read from the database by the first save and again after a save that failed
+//   (last_save_counts, digest_memory_bytes).
 // - Outside a save, store_item and remove_item write one record each, in their own transaction;
 //   clear deletes everything in one.
 // - Loads read through a second connection, so that a saver thread may write meanwhile, and see

@@ -31,6 +31,7 @@ namespace zelcapi {
 
 namespace detail {
 class item_index;
+class saved_workflows;
 }  // namespace detail
 
 enum state_item_type : std::uint32_t {
@@ -451,6 +452,8 @@ class ZELCAPI_EXPORT state : public workflow_manager_event_receiver {
   std::multimap<std::uint32_t, std::string> workflow_history_times_;
   // One per store, in the order of state_item_type.
   std::unique_ptr<detail::item_index> indexes_[7];
+  // The workflows' encodings of the last save, reused for those that did not change since.
+  std::unique_ptr<detail::saved_workflows> saved_workflows_;
 };
 
 }  // namespace zelcapi
