@@ -3,6 +3,7 @@
 // trees that outlive the thread or the arena that built them. Run under the sanitizers too.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,12 +36,15 @@ bool holds_record(const properties& p, int n) {
          p.get_properties_value("progress").get_int_value("done") == n % 100;
 }
 
-// A snapshot of `count` records keyed by id: large enough to be built in an arena.
-std::string snapshot_bytes(int count) {
+// `count` records keyed by id, built key by key.
+properties built_snapshot(int count) {
   properties all(false);
   for (int n = 0; n < count; ++n) all.set_properties_value("job-" + std::to_string(n), record(n));
-  return zelcore::encode_property(all);
+  return all;
 }
+
+// The same as a snapshot: large enough to be built in an arena.
+std::string snapshot_bytes(int count) { return zelcore::encode_property(built_snapshot(count)); }
 
 }  // namespace
 
@@ -210,4 +214,80 @@ TEST(PropertyKeys, ThreadsMakingTheSameTwoByteStringsGetOneConstant) {
     EXPECT_EQ(
         static_cast<const zelcore::property_string&>(*made[0][static_cast<std::size_t>(b)]).value(),
         (std::string{'\x7f', static_cast<char>(b)}));
+}
+
+// The keys of a large map in a large input (a snapshot's ids) are nodes of the decode's own,
+// out of the table; the same keys made elsewhere are the table's. The two must meet as one key.
+namespace {
+
+// A map of the records `ids` (in that order, repeats kept) as the peer would write it.
+std::string map_bytes(const std::vector<int>& ids, const std::vector<int>& values) {
+  std::string out{'\xde', static_cast<char>(ids.size() >> 8), static_cast<char>(ids.size())};
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const std::string key = "job-" + std::to_string(ids[i]);
+    out += static_cast<char>(0xa0 | key.size());
+    out += key;
+    out += zelcore::encode_property(record(values[i]));
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(PropertyKeys, ALargeDecodeEqualsTheSameTreeBuiltKeyByKey) {
+  const std::string bytes = snapshot_bytes(2000);
+  const properties decoded = zelcore::decode_properties(bytes.data(), bytes.size());
+  const properties built = built_snapshot(2000);
+  EXPECT_TRUE(decoded == built);
+  EXPECT_TRUE(built == decoded);
+  EXPECT_FALSE(decoded < built);
+  EXPECT_FALSE(built < decoded);
+  properties other = built_snapshot(2000);
+  other.set_properties_value("job-1999", record(5));
+  EXPECT_FALSE(decoded == other);
+  EXPECT_TRUE(decoded < other || other < decoded);
+}
+
+TEST(PropertyKeys, ChangesByKeyReachTheRecordsOfALargeDecodeWithoutAddingKeys) {
+  const std::string bytes = snapshot_bytes(2000);
+  properties decoded = zelcore::decode_properties(bytes.data(), bytes.size());
+  decoded.merge_leaves(
+      properties{{"job-250", property_ptr(new properties{{"status", make_int(99)}})}});
+  decoded.set_properties_value("job-7", record(8));
+  EXPECT_TRUE(decoded.erase("job-9"));
+  decoded.set_create_referenced_property("/job-11/progress/done", make_int(42));
+  EXPECT_EQ(decoded.size(), 1999u);
+  const properties& changed = decoded.get_properties_value("job-250");
+  EXPECT_EQ(changed.get_int_value("status"), 99);
+  EXPECT_EQ(changed.get_string_value("id"), "job-250");
+  EXPECT_TRUE(holds_record(decoded.get_properties_value("job-7"), 8));
+  EXPECT_FALSE(decoded.is_present("job-9"));
+  EXPECT_EQ(
+      decoded.get_properties_value("job-11").get_properties_value("progress").get_int_value("done"),
+      42);
+  properties expected = built_snapshot(2000);
+  expected.merge_leaves(
+      properties{{"job-250", property_ptr(new properties{{"status", make_int(99)}})}});
+  expected.set_properties_value("job-7", record(8));
+  expected.erase("job-9");
+  expected.set_create_referenced_property("/job-11/progress/done", make_int(42));
+  EXPECT_TRUE(decoded == expected);
+}
+
+TEST(PropertyKeys, ARepeatedIdInALargeUnorderedMapKeepsItsLastRecord) {
+  std::vector<int> ids, values;
+  for (int n = 399; n >= 0; --n) ids.push_back(n), values.push_back(n);
+  ids.push_back(5), values.push_back(77);
+  ids.push_back(300), values.push_back(78);
+  const std::string bytes = map_bytes(ids, values);
+  ASSERT_GE(bytes.size(), std::size_t{16} << 10);  // large enough to be built in an arena
+  const properties decoded = zelcore::decode_properties(bytes.data(), bytes.size());
+  EXPECT_EQ(decoded.size(), 400u);
+  EXPECT_TRUE(holds_record(decoded.get_properties_value("job-5"), 77));
+  EXPECT_TRUE(holds_record(decoded.get_properties_value("job-300"), 78));
+  EXPECT_TRUE(holds_record(decoded.get_properties_value("job-6"), 6));
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : decoded) keys.push_back(key);
+  EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+  EXPECT_EQ(std::adjacent_find(keys.begin(), keys.end()), keys.end());
 }

@@ -1,7 +1,6 @@
 #include "arena.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -26,7 +25,7 @@ namespace {
 void release_count(arena_chunk* chunk, std::uint32_t count) noexcept {
   if (chunk->live.fetch_sub(count, std::memory_order_acq_rel) == count) {
     chunk->~arena_chunk();
-    std::free(chunk);
+    ::operator delete(chunk);
   }
 }
 }  // namespace
@@ -43,8 +42,7 @@ void arena::close_chunk() noexcept {
 void arena::start_chunk(std::size_t need) {
   const std::size_t size =
       need + chunk_header_bytes > chunk_bytes ? need + chunk_header_bytes : chunk_bytes;
-  void* raw = std::malloc(size);
-  if (!raw) throw std::bad_alloc();
+  void* raw = ::operator new(size);
   close_chunk();
   chunk_ = new (raw) arena_chunk;
   objects_ = 0;
@@ -63,6 +61,21 @@ void* arena::allocate(std::size_t size) {
 }
 
 void* block_allocate(std::size_t size, arena& in) { return in.allocate(size); }
+
+namespace {
+// Initial-exec: reached without a call into the dynamic loader on every tree built.
+thread_local arena* entries_arena __attribute__((tls_model("initial-exec"))) = nullptr;
+}  // namespace
+
+entries_in_arena::entries_in_arena(arena& in) noexcept : outer_(entries_arena) {
+  entries_arena = &in;
+}
+entries_in_arena::~entries_in_arena() { entries_arena = outer_; }
+
+void* slots_allocate(std::size_t bytes) {
+  return entries_arena ? block_allocate(bytes, *entries_arena) : block_allocate(bytes);
+}
+void slots_free(void* p, std::size_t bytes) noexcept { block_free(p, bytes); }
 
 }  // namespace zelcore::detail
 

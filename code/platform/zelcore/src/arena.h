@@ -47,4 +47,17 @@ class arena {
   char* end_ = nullptr;
 };
 
+// While it lives, the entries of trees built on this thread (slots_allocate) come from `in`:
+// a decoder builds every tree of a large input in its arena.
+class entries_in_arena {
+ public:
+  explicit entries_in_arena(arena& in) noexcept;
+  ~entries_in_arena();
+  entries_in_arena(const entries_in_arena&) = delete;
+  entries_in_arena& operator=(const entries_in_arena&) = delete;
+
+ private:
+  arena* outer_;
+};
+
 }  // namespace zelcore::detail

@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* source_file = "code\\platform\\zelcore\\src\\properties";
 
-using slots = std::vector<detail::slot>;
+using slots = std::vector<detail::slot, detail::slots_allocator<detail::slot>>;
 
 const slots& no_entries() {
   static const slots empty;
@@ -67,12 +67,11 @@ void properties_builder::normalise(slots& entries) {
       }) == entries.end())
     return;
   std::stable_sort(entries.begin(), entries.end(), entry_less);
-  // Keep the last of equal keys: walk backwards and keep first occurrences. Equal keys share
-  // their node.
+  // Keep the last of equal keys: walk backwards and keep first occurrences.
   auto out = entries.end();
   for (auto it = entries.end(); it != entries.begin();) {
     --it;
-    if (out != entries.end() && out->key.node() == it->key.node()) continue;
+    if (out != entries.end() && same_key(*out, *it)) continue;
     --out;
     if (out != it) *out = std::move(*it);
   }
@@ -320,8 +319,7 @@ bool properties::operator==(const property& other) const {
       equal = !a && !b;
       return false;
     }
-    // Equal keys held by trees share their node.
-    equal = a->key.node() == b->key.node() && *a->second == *b->second;
+    equal = detail::same_key(*a, *b) && *a->second == *b->second;
     return equal;
   });
   return equal;
@@ -336,7 +334,7 @@ bool properties::operator<(const property& other) const {
       less = !a && b;
       return false;
     }
-    if (a->key.node() != b->key.node()) {
+    if (!detail::same_key(*a, *b)) {
       less = detail::entry_less(*a, *b);
       return false;
     }

@@ -63,6 +63,12 @@ inline bool entry_is(const slot& e, const std::string& key, std::uint64_t order)
          (key.size() <= 8 || std::memcmp(mine.data() + 8, key.data() + 8, key.size() - 8) == 0);
 }
 
+// Whether two entries have the same key: mostly the same node, but a decode's own keys are
+// nodes of their own (key_node).
+inline bool same_key(const slot& a, const slot& b) noexcept {
+  return a.key.node() == b.key.node() || entry_is(a, b.first(), b.order);
+}
+
 // The process-wide constant for a small integer, or null outside their range.
 const property* shared_int(std::int64_t value);
 // The process-wide constant for a string of at most two bytes, or null for a longer one.
@@ -82,12 +88,12 @@ struct properties_body : zelbase::object_refcount {
   static void operator delete(void* p, std::size_t size) noexcept { block_free(p, size); }
   static void operator delete(void* p, arena&) noexcept { block_free(p, 0); }
 
-  std::vector<slot> entries;
+  std::vector<slot, slots_allocator<slot>> entries;
 };
 
 // Fills a tree from entries in any order without a lookup per entry (used by the decoder).
 struct properties_builder {
-  using slots = std::vector<slot>;
+  using slots = std::vector<slot, slots_allocator<slot>>;
   // The entries of a tree, or null for a tree that has never held one.
   static const slots* entries_of(const properties& tree) {
     return tree.body_ ? &tree.body_->entries : nullptr;

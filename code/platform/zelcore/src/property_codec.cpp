@@ -28,21 +28,50 @@ constexpr const char* source_file = "code\\platform\\zelcore\\src\\property_code
 // It lives for one decode only; no table outlives its input, and none is shared between threads.
 class string_table {
  public:
-  // The string property equal to the `size` bytes at `data`, or null.
-  const property* find(const char* data, std::size_t size, std::uint64_t hash) const {
+  // A string of the input as the table compares it: its first and last eight bytes (which are
+  // all of a string of up to 16 bytes, so that such strings compare without reading them
+  // again), its place and size, and a hash of them.
+  struct text {
+    text() = default;
+    text(const char* data, std::size_t size) : data(data), size(size) {
+      std::memcpy(&head, data, std::min<std::size_t>(size, 8));
+      if (size > 8)
+        std::memcpy(&tail, data + size - std::min<std::size_t>(size - 8, 8),
+                    std::min<std::size_t>(size - 8, 8));
+      // Mixed whole (each bit of the input moves about half of the bits), so that the table's
+      // low bits tell apart ids that differ only in their last digits.
+      std::uint64_t h = head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ size;
+      h = (h ^ (h >> 33)) * 0xff51afd7ed558ccdULL;
+      h = (h ^ (h >> 33)) * 0xc4ceb9fe1a85ec53ULL;
+      hash = h ^ (h >> 33);
+    }
+    bool operator==(const text& other) const {
+      return hash == other.hash && size == other.size && head == other.head && tail == other.tail &&
+             (size <= 16 || std::memcmp(data + 8, other.data + 8, size - 16) == 0);
+    }
+
+    const char* data = nullptr;
+    std::size_t size = 0;
+    std::uint64_t head = 0;
+    std::uint64_t tail = 0;
+    std::uint64_t hash = 0;
+  };
+
+  // The string property equal to `t`, or null.
+  const property* find(const text& t) const {
     if (slots_.empty()) return nullptr;
-    for (std::size_t i = hash & mask_;; i = (i + 1) & mask_) {
+    for (std::size_t i = t.hash & mask_;; i = (i + 1) & mask_) {
       const slot& s = slots_[i];
       if (!s.value) return nullptr;
-      if (s.hash == hash && s.size == size && std::memcmp(s.data, data, size) == 0)
-        return s.value.get();
+      if (s.key == t) return s.value.get();
     }
   }
-  // Remembers `value`, whose text is the `size` bytes at `data` (in the input, which outlives
-  // the table).
-  void insert(const char* data, std::size_t size, std::uint64_t hash, property_ptr value) {
-    if ((used_ + 1) * 4 > slots_.size() * 3) grow();
-    place(slot{hash, data, size, std::move(value)});
+  // Remembers `value`, whose text is `t` (in the input, which outlives the table).
+  void insert(const text& t, property_ptr value) {
+    // At most half full: a new string is looked up first, and in a fuller table its probe
+    // walks a long run of taken slots before it meets an empty one.
+    if ((used_ + 1) * 2 > slots_.size()) grow();
+    place(slot{t, std::move(value)});
     ++used_;
   }
 
@@ -64,28 +93,14 @@ class string_table {
     if (hit) ++k.hits;
   }
 
-  static std::uint64_t hash_of(const char* data, std::size_t size) {
-    // The first and last eight bytes and the size: enough to tell ids and names apart without
-    // reading a long string twice.
-    std::uint64_t head = 0, tail = 0;
-    std::memcpy(&head, data, std::min<std::size_t>(size, 8));
-    if (size > 8)
-      std::memcpy(&tail, data + size - std::min<std::size_t>(size - 8, 8),
-                  std::min<std::size_t>(size - 8, 8));
-    std::uint64_t h = (head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ size) * 0xff51afd7ed558ccdULL;
-    return h ^ (h >> 29);
-  }
-
  private:
   struct slot {
-    std::uint64_t hash;
-    const char* data;
-    std::size_t size;
+    text key;
     property_ptr value;
   };
 
   void place(slot&& s) {
-    for (std::size_t i = s.hash & mask_;; i = (i + 1) & mask_) {
+    for (std::size_t i = s.key.hash & mask_;; i = (i + 1) & mask_) {
       if (!slots_[i].value) {
         slots_[i] = std::move(s);
         return;
@@ -133,6 +148,7 @@ class tree_reader {
         memory_budget_(memory_budget(size, memory_per_byte)) {
     if (size >= arena_threshold) {
       arena_.emplace();
+      entries_in_arena_.emplace(*arena_);
       strings_.emplace();
     }
   }
@@ -155,6 +171,10 @@ class tree_reader {
   static constexpr std::size_t deepest = 1024;
   // The memory that any input may take, whatever its size and the cap.
   static constexpr std::size_t small_input_allowance = std::size_t{64} << 10;
+  // A map of a large input with this many pairs is keyed by ids (the records of a snapshot,
+  // the tasks of a large workflow): each key is met once, so its keys are not looked up in the
+  // process-wide table. Records' field names, which repeat, are in smaller maps.
+  static constexpr std::uint32_t own_keys_from = 128;
   // Longer strings are seldom repeated: they are not looked up.
   static constexpr std::size_t longest_shared_string = 128;
   // A node of a list: two links and the element.
@@ -286,12 +306,12 @@ class tree_reader {
     if (const property* shared = detail::shared_string(bytes, size)) return property_ptr(shared);
     if (!strings_ || size > longest_shared_string || !strings_->worth_looking_up(value_key_))
       return new_string(bytes, size);
-    const std::uint64_t hash = string_table::hash_of(bytes, size);
-    const property* seen = strings_->find(bytes, size, hash);
+    const string_table::text text(bytes, size);
+    const property* seen = strings_->find(text);
     strings_->looked_up(value_key_, seen != nullptr);
     if (seen) return property_ptr(seen);
     property_ptr made = new_string(bytes, size);
-    strings_->insert(bytes, size, hash, made);
+    strings_->insert(text, made);
     return made;
   }
 
@@ -334,8 +354,9 @@ class tree_reader {
     entries.reserve(reserve);
     bool sorted = true;
     bool has_nil = false;
+    const bool own_keys = arena_ && count >= own_keys_from;
     for (std::uint32_t i = 0; i < count; ++i) {
-      read_key(entries, depth);
+      read_key(entries, depth, own_keys);
       if (sorted && entries.size() > 1 &&
           !detail::entry_less(entries[entries.size() - 2], entries.back()))
         sorted = false;
@@ -358,8 +379,9 @@ class tree_reader {
   }
 
   // Appends an entry for the key that comes next; anything but a string is refused (once it has
-  // been read whole, so that truncation and unsupported types are named first).
-  void read_key(detail::properties_builder::slots& entries, std::size_t depth) {
+  // been read whole, so that truncation and unsupported types are named first). `own` gives the
+  // key a node of its own instead of the table's.
+  void read_key(detail::properties_builder::slots& entries, std::size_t depth, bool own) {
     const unsigned char type = static_cast<unsigned char>(*take(1));
     std::size_t size;
     if ((type & 0xe0) == 0xa0) {
@@ -379,11 +401,14 @@ class tree_reader {
     // Keys are shared across trees; counted as if each were new, since a peer may make them so.
     charge(key_node_size + size);
     const std::uint64_t order = property_entry::order_of(key, size);
-    entries.push_back({order, detail::key_lookup(key, size, order), property_ptr()});
+    entries.push_back(
+        {order, own ? detail::key_own(key, size, *arena_) : detail::key_lookup(key, size, order),
+         property_ptr()});
   }
 
   // Declared first: it must outlive every object built while it is released.
   std::optional<detail::arena> arena_;
+  std::optional<detail::entries_in_arena> entries_in_arena_;  // while this reader builds
   std::optional<string_table> strings_;  // for large inputs, which repeat values
   const void* value_key_ = nullptr;      // the key of the map value being read, if it is one
   const unsigned char* const begin_;

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "arena.h"
+
 namespace zelcore::detail {
 
 namespace {
@@ -41,7 +43,7 @@ key_ref key_intern(const char* data, std::size_t size) {
   std::lock_guard<std::mutex> hold(t.lock);
   const auto found = t.nodes.find(key);
   if (found != t.nodes.end() && retain_live(*found->second)) return key_ref::adopt(found->second);
-  auto* node = new key_node{{1}, std::string(data, size)};
+  auto* node = new key_node{{1}, true, std::string(data, size)};
   try {
     // A dying node with the same text stays out of the table; its last holder frees it.
     if (found != t.nodes.end()) t.nodes.erase(found);
@@ -53,6 +55,16 @@ key_ref key_intern(const char* data, std::size_t size) {
   return key_ref::adopt(node);
 }
 
+key_ref key_own(const char* data, std::size_t size, arena& in) {
+  void* block = block_allocate(sizeof(key_node), in);
+  try {
+    return key_ref::adopt(new (block) key_node{{1}, false, std::string(data, size)});
+  } catch (...) {
+    block_free(block, sizeof(key_node));
+    throw;
+  }
+}
+
 namespace {
 
 // Holds a count on each key it remembers, so that a remembered key stays valid; at most
@@ -60,16 +72,36 @@ namespace {
 class key_cache {
  public:
   key_ref get(const char* data, std::size_t size, std::uint64_t order) {
-    key_ref& line = lines_[(order ^ size) * 0x9e3779b97f4a7c15ull >> (64 - line_bits)];
-    const key_node* node = line.node();
-    if (!node || node->text.size() != size || std::memcmp(node->text.data(), data, size) != 0)
-      line = key_intern(data, size);
-    return line;
+    line& l = lines_[(order ^ size) * 0x9e3779b97f4a7c15ull >> (64 - line_bits)];
+    const key_node* node = l.key.node();
+    if (!node || l.order != order || !same_after_first_eight(node->text, data, size)) {
+      l.key = key_intern(data, size);
+      l.order = order;
+    }
+    return l.key;
   }
 
  private:
+  // Whether `text`, whose first eight bytes are known to be those of `data`, is the `size`
+  // bytes at `data`. A key of up to 16 bytes (most field names) compares in one load a side.
+  static bool same_after_first_eight(const std::string& text, const char* data, std::size_t size) {
+    if (text.size() != size) return false;
+    if (size <= 8) return true;
+    if (size <= 16) {
+      std::uint64_t mine, theirs;
+      std::memcpy(&mine, text.data() + size - 8, 8);
+      std::memcpy(&theirs, data + size - 8, 8);
+      return mine == theirs;
+    }
+    return std::memcmp(text.data() + 8, data + 8, size - 8) == 0;
+  }
+
+  struct line {
+    key_ref key;
+    std::uint64_t order = 0;  // property_entry::order_of the key
+  };
   static constexpr unsigned line_bits = 8;
-  key_ref lines_[std::size_t{1} << line_bits];
+  line lines_[std::size_t{1} << line_bits];
 };
 
 // Initial-exec: reached without a call into the dynamic loader on every key. Only a pointer:
@@ -109,6 +141,11 @@ void key_make_permanent(const key_node* node) noexcept {
 }
 
 void key_table_drop(const key_node* node) noexcept {
+  if (!node->in_table) {
+    node->~key_node();
+    block_free(const_cast<key_node*>(node), sizeof(key_node));
+    return;
+  }
   key_table& t = table();
   {
     std::lock_guard<std::mutex> hold(t.lock);

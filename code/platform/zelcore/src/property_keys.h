@@ -21,4 +21,10 @@ inline key_ref key_lookup(const std::string& key, std::uint64_t order) {
   return key_lookup(key.data(), key.size(), order);
 }
 
+class arena;
+// A node of its own for `key`, built in `in` and out of the table, with one count for the
+// caller: for keys met once each (the ids of a large map), which the table would only have to
+// find room for.
+key_ref key_own(const char* data, std::size_t size, arena& in);
+
 }  // namespace zelcore::detail

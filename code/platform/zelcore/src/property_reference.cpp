@@ -175,7 +175,7 @@ void properties::merge_leaves(const properties& update) {
     auto it = all->begin() + (found - all->data());
     // A new key starts empty: sharing the update's subtree would bring its leafless subtrees.
     // Its key node is the update's own.
-    if (it == all->end() || it->key.node() != change.key.node())
+    if (it == all->end() || !detail::same_key(*it, change))
       it = all->insert(it, {change.order, change.key, property_ptr()});
     from = static_cast<std::size_t>(it - all->begin()) + 1;
     if (!nested) {

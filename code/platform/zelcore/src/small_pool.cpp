@@ -1,7 +1,6 @@
 // Thread-local free lists for the small objects of property trees. Trees are built and torn
 // down by the thousand (a snapshot holds millions of children); recycling their blocks per
 // thread avoids the allocator's slow paths when a whole tree is freed at once.
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -55,7 +54,7 @@ struct cache_closer {
     for (std::size_t i = 0; i < classes; ++i) {
       while (free_block* block = local_cache.heads[i]) {
         local_cache.heads[i] = block->next;
-        std::free(block);
+        ::operator delete(block);
       }
       local_cache.counts[i] = 0;
     }
@@ -76,8 +75,9 @@ void* pool_allocate(std::size_t size) {
     (void)&closer;  // registers the closer for this thread
     size = class_size(index);
   }
-  if (void* p = std::malloc(size)) return p;
-  throw std::bad_alloc();
+  // Through operator new, as any other allocation of the program: a program that replaces it
+  // sees the trees' memory too.
+  return ::operator new(size);
 }
 
 void pool_free(void* p, std::size_t size) noexcept {
@@ -93,7 +93,7 @@ void pool_free(void* p, std::size_t size) noexcept {
     ++c.counts[index];
     return;
   }
-  std::free(p);
+  ::operator delete(p);
 }
 
 }  // namespace

@@ -171,12 +171,17 @@ struct properties_body;
 struct properties_builder;
 
 // A key of the process-wide key table: every tree that holds the same key holds this one node,
-// counted, instead of a copy of its bytes. The table drops a key with its last holder.
+// counted, instead of a copy of its bytes. The table drops a key with its last holder. The keys
+// of a large map in a large input (the ids of a snapshot's records) are nodes of their own, out
+// of the table: they are met once each, and the table's lookups were most of such a decode.
+// Equal keys may therefore be two nodes; compare their text when the nodes differ.
 struct key_node {
   std::atomic<std::uint32_t> count;
+  bool in_table;
   std::string text;
 };
-// Called with the last count of a node gone: takes it out of the table and frees it.
+// Called with the last count of a node gone: takes it out of the table, if it is there, and
+// frees it.
 ZELCORE_EXPORT void key_table_drop(const key_node* node) noexcept;
 // Called when a node reaches key_popular holders: makes it permanent (no longer counted, never
 // freed) while the process's budget of permanent keys lasts. Field names are held by every
@@ -186,6 +191,23 @@ constexpr std::uint32_t key_popular = 64;
 // A permanent node's count; counts from half of it up are permanent, so that the few counts
 // that race with the change cannot bring it below.
 constexpr std::uint32_t key_permanent = std::uint32_t{1} << 31;
+
+// The storage of a tree's entries: from the arena of the decode running on this thread, if one
+// is, otherwise a block of its own (library-internal; either is freed by slots_free).
+ZELCORE_NO_EXPORT void* slots_allocate(std::size_t bytes);
+ZELCORE_NO_EXPORT void slots_free(void* p, std::size_t bytes) noexcept;
+template <class T>
+struct slots_allocator {
+  using value_type = T;
+  using is_always_equal = std::true_type;
+  slots_allocator() = default;
+  template <class U>
+  slots_allocator(const slots_allocator<U>&) noexcept {}
+  T* allocate(std::size_t n) { return static_cast<T*>(slots_allocate(n * sizeof(T))); }
+  void deallocate(T* p, std::size_t n) noexcept { slots_free(p, n * sizeof(T)); }
+  friend bool operator==(slots_allocator, slots_allocator) noexcept { return true; }
+  friend bool operator!=(slots_allocator, slots_allocator) noexcept { return false; }
+};
 
 // A counted reference to a key node.
 class key_ref {
@@ -443,7 +465,7 @@ class ZELCORE_EXPORT properties final : public property {
 
  private:
   friend struct detail::properties_builder;
-  using slots = std::vector<detail::slot>;
+  using slots = std::vector<detail::slot, detail::slots_allocator<detail::slot>>;
   const slots& entries() const noexcept;
   slots& mutable_entries();
   slots::iterator slot(const std::string& key);

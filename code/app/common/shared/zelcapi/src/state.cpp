@@ -36,8 +36,21 @@ class snapshot_bad_cast final : public std::bad_cast {
 };
 
 template <class Kind>
+constexpr zelcore::property::property_kind kind_of();
+template <>
+constexpr zelcore::property::property_kind kind_of<zelcore::properties>() {
+  return zelcore::property::kind_properties;
+}
+template <>
+constexpr zelcore::property::property_kind kind_of<zelcore::property_int>() {
+  return zelcore::property::kind_int;
+}
+
+// By the kind the object holds: a snapshot has a cast per record, and a dynamic_cast was a
+// twentieth of loading one.
+template <class Kind>
 const Kind& child_as(const zelcore::property& child, const char* what, const std::string& key) {
-  if (const auto* p = dynamic_cast<const Kind*>(&child)) return *p;
+  if (child.kind() == kind_of<Kind>()) return static_cast<const Kind&>(child);
   throw snapshot_bad_cast(zelbase::string_with_format("state snapshot: %s '%s' is a %s", what,
                                                       key.c_str(),
                                                       zelcore::property_kind_c_str(child.kind())));
@@ -281,8 +294,8 @@ void state::set_workflow_results_state(const zelcore::properties& results) {
 void state::set_workflows_state(const zelcore::properties& workflows) {
   workflows_.clear();
   for (const auto& [id, workflow] : workflows) {
-    const auto* tree = dynamic_cast<const zelcore::properties*>(workflow.get());
-    if (tree) add_workflow(id, *tree);
+    if (workflow && workflow->kind() == zelcore::property::kind_properties)
+      add_workflow(id, static_cast<const zelcore::properties&>(*workflow));
   }
 }
 
