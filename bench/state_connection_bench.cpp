@@ -42,7 +42,7 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr int stream_notifications = 1000000;
 constexpr int stream_jobs = 100000;
-constexpr double target_share = 0.60;
+constexpr double target_share = 0.70;
 constexpr double target_asio_share = 0.90;
 
 // Set by --scattered-ids: the i-th notification updates job i * 7919 mod the job count (a stride
