@@ -8,6 +8,7 @@
 #include <new>
 #include <random>
 #include <thread>
+#include <vector>
 
 #include "zelbase/exceptions.h"
 #include "zelbase/strings.h"
@@ -335,4 +336,27 @@ TEST(PropertyDecodeCap, TheDefaultCapOfALinkRefusesNestedListsAndMapsButNotFlatI
   EXPECT_TRUE(refused(lists));
   EXPECT_TRUE(refused(maps));
   EXPECT_FALSE(refused(flat));
+}
+
+TEST(PropertyDecodeMemory, AnIdHeldByManyTreesGoesWithThemAndItsArenaWithIt) {
+  // The ids of a large map are keys of the decode's own, in its arena. One held by many trees
+  // at once must not become permanent as a popular key of the table does: that would keep its
+  // arena's memory for the life of the process.
+  zelcore::properties all(false);
+  for (int n = 0; n < 1000; ++n)
+    all.set_properties_value("job-" + std::to_string(n),
+                             zelcore::properties{{"status", zelcore::make_int(n)}});
+  const std::string in = zelcore::encode_property(all);
+  ASSERT_GE(in.size(), std::size_t{16} << 10);  // built in an arena
+  make_constants();
+  const std::size_t before = live_bytes.load();
+  // On a thread of its own, whose blocks go back to the allocator when it ends.
+  std::thread([&] {
+    const zelcore::properties decoded = zelcore::decode_properties(in.data(), in.size());
+    std::vector<zelcore::properties> copies(100, decoded);
+    for (std::size_t i = 0; i < copies.size(); ++i)  // each change copies every id's key
+      copies[i].set_int_value("x", static_cast<std::int64_t>(i));
+  }).join();
+  const std::size_t after = live_bytes.load();
+  EXPECT_LT(after, before + 4096) << after - before << " bytes kept";
 }

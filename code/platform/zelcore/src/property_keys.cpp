@@ -133,6 +133,8 @@ key_ref key_lookup(const char* data, std::size_t size, std::uint64_t order) {
 }
 
 void key_make_permanent(const key_node* node) noexcept {
+  // A decode's own key stays counted: made permanent, it would keep its arena's chunk for good.
+  if (!node->in_table) return;
   // At most this many keys are kept for the life of the process.
   static std::atomic<int> budget{4096};
   if (budget.load(std::memory_order_relaxed) > 0 &&

@@ -183,9 +183,10 @@ struct key_node {
 // Called with the last count of a node gone: takes it out of the table, if it is there, and
 // frees it.
 ZELCORE_EXPORT void key_table_drop(const key_node* node) noexcept;
-// Called when a node reaches key_popular holders: makes it permanent (no longer counted, never
-// freed) while the process's budget of permanent keys lasts. Field names are held by every
-// record and become permanent; ids used as keys have a holder or two and stay counted.
+// Called when a node reaches key_popular holders: makes a node of the table permanent (no
+// longer counted, never freed) while the process's budget of permanent keys lasts. Field names are
+// held by every record and become permanent; ids used as keys have a holder or two and stay
+// counted.
 ZELCORE_EXPORT void key_make_permanent(const key_node* node) noexcept;
 constexpr std::uint32_t key_popular = 64;
 // A permanent node's count; counts from half of it up are permanent, so that the few counts
