@@ -331,7 +331,7 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\n");
   reporter.print_targets({
-      {"save_state_to_db vs prepared inserts", "BM_save_state_sqlite", "BM_save_plain_inserts", 0.7,
+      {"save_state_to_db vs prepared inserts", "BM_save_state_sqlite", "BM_save_plain_inserts", 0.8,
        true},
       {"set_and_update_from_state_db vs selects+nlohmann::json::parse", "BM_load_state_sqlite",
        "BM_load_selects_nlohmann", 1.0, false},

@@ -101,6 +101,20 @@ TEST_F(SqliteStateDbTest, OpenSaveIsRolledBackWhenTheStoreCloses) {
   expect_saved(db, first, 1);
 }
 
+TEST_F(SqliteStateDbTest, StoreClosedWhileASavesRowsAreBeingWrittenKeepsThePreviousSave) {
+  const properties first = jobs(3, 1);
+  {
+    sqlite_state_db db(path);
+    save_jobs(db, first, 1);
+    db.begin_save();
+    // Megabytes of rows: some are handed to the save's writing thread before the store closes.
+    for (const auto& [id, record] : jobs(5000, 2, 1000))
+      db.store_item(db_item_job, id, static_cast<const properties&>(*record));
+  }
+  sqlite_state_db db(path);
+  expect_saved(db, first, 1);
+}
+
 TEST_F(SqliteStateDbTest, FileIsInWriteAheadLogModeWithTheSchemaVersion) {
   { sqlite_state_db db(path); }
   EXPECT_EQ(sql_on(path, "PRAGMA journal_mode"), "wal|\n");
@@ -321,17 +335,27 @@ TEST_F(SqliteStateDbTest, ReadOnlyStoreRefusesASaveAndKeepsThePreviousOne) {
   expect_saved(db, first, 7);
 }
 
-TEST_F(SqliteStateDbTest, FullDiskDuringASaveKeepsThePreviousSave) {
+TEST_F(SqliteStateDbTest, FullDiskDuringASaveIsRaisedWhileItGoesOnAndKeepsThePreviousSave) {
   const properties first = jobs(5, 1);
   {
     sqlite_state_db db(path);
     save_jobs(db, first, 7);
   }
   sqlite_options small;
-  small.max_size_bytes = 64 * 1024;
+  small.max_size_bytes = 256 * 1024;
   sqlite_state_db db(path, small);
-  EXPECT_EQ(uspec_of([&] { save_jobs(db, jobs(2000, 2, 200), 8); }),
+  db.begin_save();
+  // Megabytes of rows: the insert that fails is raised by a later store_item, not by the end.
+  const properties many = jobs(8000, 2, 200);
+  std::size_t given = 0;
+  EXPECT_EQ(uspec_of([&] {
+              for (const auto& [id, record] : many) {
+                db.store_item(db_item_job, id, static_cast<const properties&>(*record));
+                ++given;
+              }
+            }),
             "SQLite store '" + path + "': database or disk is full");
+  EXPECT_LT(given, many.size());
   expect_saved(db, first, 7);
   // The failed save's further writes are refused; the next save starts afresh.
   EXPECT_EQ(uspec_of([&] { db.store_workflow_sequence_number(8); }),
@@ -339,6 +363,10 @@ TEST_F(SqliteStateDbTest, FullDiskDuringASaveKeepsThePreviousSave) {
                 "': the save was abandoned after an error; begin_save starts a new one");
   const properties next = jobs(6, 3);
   save_jobs(db, next, 9);
+  expect_saved(db, next, 9);
+  // A save whose rows all fit one batch fails at its end.
+  EXPECT_EQ(uspec_of([&] { save_jobs(db, jobs(2000, 2, 200), 10); }),
+            "SQLite store '" + path + "': database or disk is full");
   expect_saved(db, next, 9);
 }
 

@@ -26,11 +26,21 @@ std::string for_table(const char* pattern, const char* table) {
   return out;
 }
 
+state_store::state_store(json_nul nul, save_writes writes)
+    : nul_(nul),
+      pipelined_(writes == save_writes::on_own_thread),
+      pipeline_([this](std::size_t kind, std::string_view id, std::string_view json) {
+        write_record(kind, id, json, true);
+      }) {}
+
+void state_store::stop_writes() noexcept { pipeline_.discard(); }
+
 void state_store::fail(const std::string& why) const {
   zelbase::es::uspec::raise(source_file, __LINE__, error_text(why));
 }
 
 void state_store::_begin(bool emptied) {
+  pipeline_.discard();
   rollback_transaction();
   if (phase_ != phase::idle) digests_.forget();  // the open save changed them in place
   phase_ = phase::abandoned;
@@ -88,10 +98,21 @@ void state_store::begin_save() {
 void state_store::store_item(db_item_type type, const std::string& id,
                              const zelcore::properties& record) {
   const std::size_t kind = db_item_index(type, "state_db");
-  _write([&] {
-    const bool saving = _saving();
-    digests_.store(kind, id, record, saving, [&] { write_record(kind, id, record, saving); });
-  });
+  std::lock_guard<std::mutex> hold(write_lock_);
+  const bool saving = _saving();
+  _write_unlocked(
+      [&] {
+        digests_.store(kind, id, record, saving, [&] {
+          if (!saving || !pipelined_) {
+            json_.clear();
+            write_json(record, json_, nul_);
+            return write_record(kind, id, json_.view(), saving);
+          }
+          write_json(record, pipeline_.begin_row(kind, id), nul_);
+          pipeline_.end_row();
+        });
+      },
+      false, saving);
 }
 
 void state_store::remove_item(db_item_type type, const std::string& id) {

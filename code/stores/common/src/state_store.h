@@ -19,6 +19,7 @@
 
 #include "json_record.h"
 #include "record_digests.h"
+#include "save_pipeline.h"
 #include "zelcapi/save_counts.h"
 #include "zelcapi/state.h"
 
@@ -38,6 +39,12 @@ class state_store {
   using result_visitor =
       std::function<void(std::string_view id, std::int64_t status, std::int64_t ht)>;
 
+  // Where a save's records are written: on the saver's thread, or on a thread of their own while
+  // the saver encodes the next ones (which pays where the database works in this process).
+  enum class save_writes { on_saver_thread, on_own_thread };
+
+  // `nul`: how the store's JSON type takes a NUL character in a string.
+  state_store(json_nul nul, save_writes writes);
   virtual ~state_store() = default;
 
   // --- The state_db operations, as state_db documents them. ---
@@ -64,12 +71,18 @@ class state_store {
   std::size_t digest_memory_bytes() const;
 
   // Runs `body` with the write lock held: an operation of the store's own on its writing
-  // connection, between the saves of a saver thread.
+  // connection, between the saves of a saver thread (or between the writes of one, once the
+  // rows in flight are written).
   template <class F>
   auto holding_write_lock(F&& body) {
     std::lock_guard<std::mutex> hold(write_lock_);
+    pipeline_.wait();
     return body();
   }
+
+  // Drops the rows of a save not written yet; a store calls it first when it closes, before its
+  // writing connection goes.
+  void stop_writes() noexcept;
 
   // Raises the store's error: es::uspec with error_text(why).
   [[noreturn]] void fail(const std::string& why) const;
@@ -92,9 +105,11 @@ class state_store {
   // Calls `visit` for each stored record of the kind (the id as stored, its JSON text).
   virtual void scan_records(std::size_t kind, const record_visitor& visit) = 0;
   virtual void scan_ids(std::size_t kind, const id_visitor& visit) = 0;
-  // Writes one record: `in_save` inside a save (the store may stream it), else on its own.
-  virtual void write_record(std::size_t kind, std::string_view id,
-                            const zelcore::properties& record, bool in_save) = 0;
+  // Writes one record from its JSON text: `in_save` inside a save (the store may stream it),
+  // else on its own. With save_writes::on_own_thread, a save's records are written on that
+  // thread while no other hook runs (see save_pipeline.h).
+  virtual void write_record(std::size_t kind, std::string_view id, std::string_view json,
+                            bool in_save) = 0;
   virtual void delete_records(std::size_t kind, const std::vector<std::string>& ids) = 0;
   // Replaces the stored results, and the sequence number.
   virtual void write_results(const workflow_result_map& results) = 0;
@@ -126,22 +141,26 @@ class state_store {
   // Runs a write of the save in progress, or outside a save one that is its own transaction;
   // with `completes` the write ends the save and commits it. A failure inside a save rolls it
   // back and makes the save's further writes fail.
+  // The records of a save are the exception: they go to the save's writing thread, and the
+  // other writes wait until it has written them.
   template <class F>
-  void _write(F&& body, bool completes = false) {
+  void _write(F&& body, bool completes = false, bool pipelined = false) {
     std::lock_guard<std::mutex> hold(write_lock_);
-    _write_unlocked(std::forward<F>(body), completes);
+    _write_unlocked(std::forward<F>(body), completes, pipelined);
   }
 
   template <class F>
-  void _write_unlocked(F&& body, bool completes) {
+  void _write_unlocked(F&& body, bool completes, bool pipelined = false) {
     if (phase_ == phase::abandoned)
       fail("the save was abandoned after an error; begin_save starts a new one");
     const bool own = phase_ == phase::idle;
     try {
+      if (!pipelined) pipeline_.drain();
       if (own && begin_transaction()) digests_.forget();
       body();
       if (own || completes) commit_transaction();
     } catch (...) {
+      pipeline_.discard();
       rollback_transaction();
       digests_.forget();
       if (!own) phase_ = phase::abandoned;
@@ -182,6 +201,10 @@ class state_store {
   mutable std::mutex write_lock_;
   phase phase_ = phase::idle;
   store_digests digests_;  // of what the tables hold, and the counts of the save
+  json_nul nul_;
+  bool pipelined_;
+  zelbase::encoder_network json_;  // a record written on the saver's thread
+  save_pipeline pipeline_;         // the save's records on their way to write_saved_record
 
   std::mutex read_lock_;
   int load_depth_ = 0;  // begin_load calls not yet ended

@@ -70,7 +70,10 @@ constexpr std::size_t copy_piece = 256 * 1024;
 }  // namespace
 
 struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::state_store {
-  explicit impl(const std::string& conninfo) : writer(conninfo), reader(conninfo) {
+  explicit impl(const std::string& conninfo)
+      : state_store(store_detail::json_nul::as_bytes, save_writes::on_saver_thread),
+        writer(conninfo),
+        reader(conninfo) {
     postgres_detail::ensure_schema(writer, layout, std::size(layout));
   }
 
@@ -148,17 +151,15 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
   }
 
   // In a save, the record joins the COPY of its kind; outside one it is upserted.
-  void write_record(std::size_t kind, std::string_view id, const zelcore::properties& record,
+  void write_record(std::size_t kind, std::string_view id, std::string_view text,
                     bool in_save) override {
-    json.clear();
-    store_detail::write_json(record, json, store_detail::json_nul::as_bytes);
     if (in_save) {
       start_copy(kind);
       if (copy_direct)
-        postgres_detail::append_copy_row(
-            copy_rows, {postgres_detail::encode_id(id), json.view(), save_number});
+        postgres_detail::append_copy_row(copy_rows,
+                                         {postgres_detail::encode_id(id), text, save_number});
       else
-        postgres_detail::append_copy_row(copy_rows, {postgres_detail::encode_id(id), json.view()});
+        postgres_detail::append_copy_row(copy_rows, {postgres_detail::encode_id(id), text});
       if (copy_rows.size() >= copy_piece) {
         writer.copy_put(copy_rows);
         copy_rows.clear();
@@ -169,7 +170,7 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
                           " DO UPDATE SET record = EXCLUDED.record, saved_in = EXCLUDED.saved_in",
                           record_tables[kind])
                     .c_str(),
-                {postgres_detail::encode_id(id), std::string(json.view()), save_number});
+                {postgres_detail::encode_id(id), std::string(text), save_number});
   }
 
   void delete_records(std::size_t kind, const std::vector<std::string>& ids) override {
@@ -311,10 +312,9 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
   // transaction wrote them.
   std::optional<workflow_result_map> committed_results;
   std::optional<workflow_result_map> written_results;
-  zelbase::encoder_network json;  // the JSON text of the record being written
-  int copy_kind = -1;             // the kind whose COPY is open, or -1
-  bool copy_direct = false;       // whether it goes straight into the kind's table
-  std::string copy_rows;          // COPY text not yet handed to libpq
+  int copy_kind = -1;        // the kind whose COPY is open, or -1
+  bool copy_direct = false;  // whether it goes straight into the kind's table
+  std::string copy_rows;     // COPY text not yet handed to libpq
 
   connection reader;
 };
@@ -322,7 +322,10 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
 postgres_state_db::postgres_state_db(const std::string& conninfo)
     : impl_(std::make_unique<impl>(conninfo)) {}
 
-postgres_state_db::~postgres_state_db() { impl_->writer.rollback_quietly(); }
+postgres_state_db::~postgres_state_db() {
+  impl_->stop_writes();
+  impl_->writer.rollback_quietly();
+}
 
 const std::string& postgres_state_db::server() const noexcept { return impl_->writer.server(); }
 

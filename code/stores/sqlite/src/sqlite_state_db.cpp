@@ -58,8 +58,11 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
     statement all, one;
   };
 
+  // A save's rows are inserted on a thread of their own: SQLite works in this process, and the
+  // saver's encoding of the next rows overlaps its inserts.
   impl(const std::string& path, const sqlite_options& options)
-      : read_only(options.read_only),
+      : state_store(store_detail::json_nul::escaped, save_writes::on_own_thread),
+        read_only(options.read_only),
         lock(path),
         writer(path, options, schema),
         writes(per_kind<kind_writes>(writer, std::make_index_sequence<8>())),
@@ -102,13 +105,10 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
     while (ids.step()) visit(ids.text(0));
   }
 
-  void write_record(std::size_t kind, std::string_view id, const zelcore::properties& record,
-                    bool) override {
-    json.clear();
-    store_detail::write_json(record, json);
+  void write_record(std::size_t kind, std::string_view id, std::string_view text, bool) override {
     statement& insert = writes[kind].insert;
     insert.bind(1, id);
-    insert.bind(2, json.view());
+    insert.bind(2, text);
     insert.run();
   }
 
@@ -177,7 +177,6 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
   std::array<kind_writes, 8> writes;
   statement results_remove_all, results_insert, sequence_remove_all, sequence_insert;
   statement begin, commit;
-  zelbase::encoder_network json;  // the JSON text of the record being written
 
   connection reader;
   std::array<kind_reads, 8> reads;
@@ -187,7 +186,10 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
 sqlite_state_db::sqlite_state_db(const std::string& path, const sqlite_options& options)
     : impl_(std::make_unique<impl>(path, options)) {}
 
-sqlite_state_db::~sqlite_state_db() { impl_->writer.rollback_quietly(); }
+sqlite_state_db::~sqlite_state_db() {
+  impl_->stop_writes();
+  impl_->writer.rollback_quietly();
+}
 
 const std::string& sqlite_state_db::path() const noexcept { return impl_->writer.path(); }
 
