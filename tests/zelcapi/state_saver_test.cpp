@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <random>
 #include <thread>
 
 #include "support/capture_sink.h"
@@ -336,6 +337,62 @@ TEST_F(StateSaver, RepeatedSavesWhileTheOwnerChangesEndWithTheLatestState) {
   }
   st.save_state_to_db(true);
   EXPECT_EQ(db.saved(), zeltest::snapshot_of(st));
+}
+
+namespace {
+// A state whose stores a later layer changes directly as well.
+class layered_state : public state {
+ public:
+  using state::get_items_non_const;
+  using state::state;
+};
+}  // namespace
+
+TEST(StateSaverItemOrder, EachSaveHoldsTheItemsOfItsMomentHoweverTheyCameOrWent) {
+  zelcore::plugin_db plugins;
+  zeltest::recording_state_db db;
+  layered_state st(plugins, nullptr, &db);
+  const auto check_save = [&](int round) {
+    db.clear_calls();
+    st.save_state_to_db(true);
+    ASSERT_EQ(db.saved(), zeltest::snapshot_of(st)) << "round " << round;
+    // In id order, each id once.
+    strings written;
+    for (const std::string& call : db.calls())
+      if (call.rfind("store_item(5,", 0) == 0) written.push_back(call);
+    strings expected;
+    for (const auto& [id, record] : st.get_items(state_item_job))
+      expected.push_back("store_item(5," + id + ")");
+    ASSERT_EQ(written, expected) << "round " << round;
+  };
+  // One gone and one come through the store itself: the count stays as it was.
+  st.item_set(state_item_job, "j1", properties());
+  st.item_set(state_item_job, "j2", properties());
+  check_save(-2);
+  st.get_items_non_const(state_item_job).erase("j1");
+  st.get_items_non_const(state_item_job)["j3"] = properties();
+  check_save(-1);
+  // One to three changes of every kind between saves.
+  std::mt19937 draw(7);
+  const auto id = [&] { return "j" + std::to_string(draw() % 40); };
+  for (int round = 0; round < 300; ++round) {
+    for (unsigned change = draw() % 3; change < 3; ++change) {
+      switch (draw() % 8) {
+        case 0: st.item_set(state_item_job, id(), properties{{"r", make_int(round)}}); break;
+        case 1: st.item_update(state_item_job, id(), properties{{"u", make_int(round)}}); break;
+        case 2: st.item_remove(state_item_job, id()); break;
+        case 3:
+          st.get_items_non_const(state_item_job)[id()] = properties{{"m", make_int(round)}};
+          break;
+        case 4: st.get_items_non_const(state_item_job).erase(id()); break;
+        case 5:
+          if (round % 50 == 5) st.clear_state(state_item_job);
+          break;
+        default: break;  // saves of an unchanged store come as well
+      }
+    }
+    check_save(round);
+  }
 }
 
 TEST(StateSaverProcessWide, SavesOfTwoStatesRunOneAtATime) {

@@ -83,7 +83,11 @@ zelcore::properties* item_index::find(const std::string& id) {
 }
 
 item_index::iterator item_index::find_or_insert(const std::string& id) {
-  if (!usable()) return store_.try_emplace(id).first;
+  if (!usable()) {
+    const auto [node, inserted] = store_.try_emplace(id);
+    if (inserted) order_known_ = false;
+    return node;
+  }
   const std::uint64_t hash = hash_of(id);
   if (!slots_.empty()) {
     const slot& s = slots_[probe(id, hash)];
@@ -93,17 +97,23 @@ item_index::iterator item_index::find_or_insert(const std::string& id) {
   reserve_one();
   const iterator node = store_.try_emplace(id).first;
   insert_new(hash, node);
+  order_known_ = false;
   return node;
 }
 
 bool item_index::erase(const std::string& id) {
-  if (!usable()) return store_.erase(id) != 0;
+  if (!usable()) {
+    if (store_.erase(id) == 0) return false;
+    order_known_ = false;
+    return true;
+  }
   if (slots_.empty()) return false;
   const std::size_t at = probe(id, hash_of(id));
   if (slots_[at].hash == 0) return false;
   const iterator node = slots_[at].node;
   erase_slot(at);
   store_.erase(node);
+  order_known_ = false;
   return true;
 }
 
@@ -114,6 +124,18 @@ void item_index::clear() noexcept {
   used_ = 0;
   stale_ = false;
   lookups_while_stale_ = 0;
+  order_.clear();
+  order_.shrink_to_fit();
+  order_known_ = false;
+}
+
+const std::vector<item_index::iterator>& item_index::in_order() {
+  if (order_known_ && order_.size() == store_.size()) return order_;
+  order_.clear();
+  order_.reserve(store_.size());
+  for (auto it = store_.begin(); it != store_.end(); ++it) order_.push_back(it);
+  order_known_ = true;
+  return order_;
 }
 
 }  // namespace zelcapi::detail

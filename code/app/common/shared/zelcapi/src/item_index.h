@@ -38,7 +38,13 @@ class item_index {
     if (!stale_ && !slots_.empty()) __builtin_prefetch(&slots_[hash_of(id) & (slots_.size() - 1)]);
   }
   // The store changed without the index.
-  void mark_stale() noexcept { stale_ = true; }
+  void mark_stale() noexcept {
+    stale_ = true;
+    order_known_ = false;
+  }
+  // The store's nodes in id order, for a pass over the store that would otherwise walk the map
+  // (a cache miss or more a node): walked again only after items came or went.
+  const std::vector<iterator>& in_order();
 
  private:
   // A used slot holds the id's hash (never 0) and its node.
@@ -64,6 +70,8 @@ class item_index {
   std::size_t used_ = 0;
   bool stale_ = false;
   std::size_t lookups_while_stale_ = 0;
+  std::vector<iterator> order_;  // valid while order_known_
+  bool order_known_ = false;
 };
 
 }  // namespace zelcapi::detail
