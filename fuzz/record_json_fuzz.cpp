@@ -10,7 +10,7 @@
 #include "record_digests.h"
 #include "zelbase/exceptions.h"
 
-using zelcapi::store_detail::json_nul;
+using zelcapi::store_detail::json_form;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
@@ -20,10 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const zelcapi::store_detail::malformed_json&) {
     return 0;
   }
-  for (const json_nul nul : {json_nul::escaped, json_nul::as_bytes}) {
+  for (const json_form form : {json_form::text, json_form::jsonb}) {
     zelbase::encoder_network out;
     try {
-      zelcapi::store_detail::write_json(tree, out, nul);
+      zelcapi::store_detail::write_json(tree, out, form);
     } catch (const zelbase::es::arg&) {
       std::abort();  // what was read is never too deep to write
     }

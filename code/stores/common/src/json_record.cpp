@@ -2,6 +2,7 @@
 // with the escape forms for bytes that are not UTF-8 and for keys beginning with "~".
 #include "json_record.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -79,13 +80,40 @@ const char* skip_plain(const char* p, const char* const end) {
 
 class writer {
  public:
-  writer(zelbase::encoder_network& out, json_nul nul) : out_(out), nul_(nul) {}
+  writer(zelbase::encoder_network& out, json_form form) : out_(out), form_(form) {}
 
   void tree(const properties& p, std::size_t depth) {
+    if (form_ != json_form::jsonb || std::is_sorted(p.begin(), p.end(), jsonb_before)) {
+      members(p, p.begin(), p.end(), depth);
+      return;
+    }
+    std::vector<properties::const_iterator> order;
+    order.reserve(p.size());
+    for (auto it = p.begin(); it != p.end(); ++it) order.push_back(it);
+    std::sort(order.begin(), order.end(),
+              [](properties::const_iterator a, properties::const_iterator b) {
+                return jsonb_before(*a, *b);
+              });
+    members(p, order.begin(), order.end(), depth);
+  }
+
+ private:
+  // jsonb's order of an object's keys: shorter first, then by their bytes.
+  static bool jsonb_before(const zelcore::property_item& a, const zelcore::property_item& b) {
+    return a.first.size() != b.first.size() ? a.first.size() < b.first.size() : a.first < b.first;
+  }
+
+  static zelcore::property_item item_of(const zelcore::property_item& item) { return item; }
+  static zelcore::property_item item_of(properties::const_iterator it) { return *it; }
+
+  // The members of tree `p`, visited from `from` to `to` (children or iterators to them).
+  template <class It>
+  void members(const properties& p, It from, It to, std::size_t depth) {
     const std::size_t start = out_.size();
     put('{');
     bool first = true;
-    for (const auto& [key, child] : p) {
+    for (; from != to; ++from) {
+      const auto& [key, child] = item_of(*from);
       if (!child) continue;
       if (!first) put(',');
       first = false;
@@ -100,7 +128,6 @@ class writer {
     put('}');
   }
 
- private:
   void escaped_tree(const properties& p, std::size_t depth) {
     put("{\"~o\":[");
     bool first = true;
@@ -200,7 +227,7 @@ class writer {
         p += n;
         continue;
       }
-      if (c == 0 && nul_ == json_nul::as_bytes) {
+      if (c == 0 && form_ == json_form::jsonb) {
         out_.truncate(start);
         return false;
       }
@@ -257,7 +284,7 @@ class writer {
   static constexpr std::size_t int_room = 20;
 
   zelbase::encoder_network& out_;
-  json_nul nul_;
+  json_form form_;
 };
 
 class reader {
@@ -570,8 +597,8 @@ bool is_utf8(std::string_view text) {
   return true;
 }
 
-void write_json(const properties& tree, zelbase::encoder_network& out, json_nul nul) {
-  writer(out, nul).tree(tree, 1);
+void write_json(const properties& tree, zelbase::encoder_network& out, json_form form) {
+  writer(out, form).tree(tree, 1);
 }
 
 properties read_json(std::string_view text, shared_strings* strings) {

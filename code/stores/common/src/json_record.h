@@ -31,15 +31,17 @@ class shared_strings;
 
 // Whether `text` is valid UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 bool is_utf8(std::string_view text);
-// How a NUL byte in a string or key is written: as the escape \u0000 (valid JSON), or, for a
-// store whose JSON type cannot hold that character (PostgreSQL's jsonb), by writing the whole
-// string in the {"~x":...} form as if it were not UTF-8.
-enum class json_nul { escaped, as_bytes };
+// The text's form. `text`: a NUL byte in a string or key as the escape \u0000 (valid JSON), the
+// keys of an object in the tree's order. `jsonb`, for PostgreSQL's jsonb, which cannot hold that
+// character and keeps an object's keys ordered by length, then by their bytes: a string with a
+// NUL in the {"~x":...} form as if it were not UTF-8, and the keys in jsonb's order, so that the
+// server finds them sorted instead of sorting them.
+enum class json_form { text, jsonb };
 
 // Appends the JSON text of `tree` to `out`. Raises zelbase::es::arg for a tree nested deeper
 // than json_max_depth.
 void write_json(const zelcore::properties& tree, zelbase::encoder_network& out,
-                json_nul nul = json_nul::escaped);
+                json_form form = json_form::text);
 // The tree of a JSON object written by write_json (or by any writer of the same mapping).
 // Raises malformed_json for other text: bad syntax, numbers that are not 64-bit integers, null,
 // an escape form that is not one of the two above, nesting deeper than json_max_depth.

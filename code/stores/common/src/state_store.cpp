@@ -26,8 +26,8 @@ std::string for_table(const char* pattern, const char* table) {
   return out;
 }
 
-state_store::state_store(json_nul nul, save_writes writes)
-    : nul_(nul),
+state_store::state_store(json_form form, save_writes writes)
+    : form_(form),
       pipelined_(writes == save_writes::on_own_thread),
       pipeline_([this](std::size_t kind, std::string_view id, std::string_view json) {
         write_record(kind, id, json, true);
@@ -105,10 +105,10 @@ void state_store::store_item(db_item_type type, const std::string& id,
         digests_.store(kind, id, record, saving, [&] {
           if (!saving || !pipelined_) {
             json_.clear();
-            write_json(record, json_, nul_);
+            write_json(record, json_, form_);
             return write_record(kind, id, json_.view(), saving);
           }
-          write_json(record, pipeline_.begin_row(kind, id), nul_);
+          write_json(record, pipeline_.begin_row(kind, id), form_);
           pipeline_.end_row();
         });
       },

@@ -43,8 +43,8 @@ class state_store {
   // the saver encodes the next ones (which pays where the database works in this process).
   enum class save_writes { on_saver_thread, on_own_thread };
 
-  // `nul`: how the store's JSON type takes a NUL character in a string.
-  state_store(json_nul nul, save_writes writes);
+  // `form`: the form of the JSON text that the store holds.
+  state_store(json_form form, save_writes writes);
   virtual ~state_store() = default;
 
   // --- The state_db operations, as state_db documents them. ---
@@ -201,7 +201,7 @@ class state_store {
   mutable std::mutex write_lock_;
   phase phase_ = phase::idle;
   store_digests digests_;  // of what the tables hold, and the counts of the save
-  json_nul nul_;
+  json_form form_;
   bool pipelined_;
   zelbase::encoder_network json_;  // a record written on the saver's thread
   save_pipeline pipeline_;         // the save's records on their way to write_saved_record

@@ -140,7 +140,7 @@ void postgres_history_db::store_item(db_item_type type, const std::string& id,
   const std::uint32_t now = zelbase::time_in_seconds();
   std::lock_guard<std::mutex> hold(impl_->lock);
   impl_->json.clear();
-  store_detail::write_json(record, impl_->json, store_detail::json_nul::as_bytes);
+  store_detail::write_json(record, impl_->json, store_detail::json_form::jsonb);
   impl_->run(
       "INSERT INTO history(kind, id, time, record) VALUES($1, $2, $3, $4) ON CONFLICT (kind, id)"
       " DO UPDATE SET time = EXCLUDED.time, record = EXCLUDED.record",

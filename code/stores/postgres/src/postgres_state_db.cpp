@@ -71,7 +71,7 @@ constexpr std::size_t copy_piece = 256 * 1024;
 
 struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::state_store {
   explicit impl(const std::string& conninfo)
-      : state_store(store_detail::json_nul::as_bytes, save_writes::on_saver_thread),
+      : state_store(store_detail::json_form::jsonb, save_writes::on_saver_thread),
         writer(conninfo),
         reader(conninfo) {
     postgres_detail::ensure_schema(writer, layout, std::size(layout));

@@ -61,7 +61,7 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
   // A save's rows are inserted on a thread of their own: SQLite works in this process, and the
   // saver's encoding of the next rows overlaps its inserts.
   impl(const std::string& path, const sqlite_options& options)
-      : state_store(store_detail::json_nul::escaped, save_writes::on_own_thread),
+      : state_store(store_detail::json_form::text, save_writes::on_own_thread),
         read_only(options.read_only),
         lock(path),
         writer(path, options, schema),
