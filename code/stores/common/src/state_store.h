@@ -141,14 +141,14 @@ class state_store {
   // Runs a write of the save in progress, or outside a save one that is its own transaction;
   // with `completes` the write ends the save and commits it. A failure inside a save rolls it
   // back and makes the save's further writes fail.
-  // The records of a save are the exception: they go to the save's writing thread, and the
-  // other writes wait until it has written them.
   template <class F>
-  void _write(F&& body, bool completes = false, bool pipelined = false) {
+  void _write(F&& body, bool completes = false) {
     std::lock_guard<std::mutex> hold(write_lock_);
-    _write_unlocked(std::forward<F>(body), completes, pipelined);
+    _write_unlocked(std::forward<F>(body), completes);
   }
 
+  // A write waits until the rows handed to the save's writing thread are written, unless
+  // `pipelined`: the body only hands it more.
   template <class F>
   void _write_unlocked(F&& body, bool completes, bool pipelined = false) {
     if (phase_ == phase::abandoned)
