@@ -147,9 +147,13 @@ void BM_save_plain_inserts(benchmark::State& s) {
     inserts.push_back(insert);
   }
   for (auto _ : s) {
+    // Emptied before the clock starts, as the saver's file is emptied by clear() before its save.
     sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     for (const char* table : tables)
       sqlite3_exec(db, (std::string("DELETE FROM ") + table).c_str(), nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     for (std::size_t t = 0; t < all.size(); ++t) {
       for (const auto& [id, json] : all[t]) {
         sqlite3_bind_text(inserts[t], 1, id.data(), static_cast<int>(id.size()), SQLITE_STATIC);
@@ -159,6 +163,8 @@ void BM_save_plain_inserts(benchmark::State& s) {
       }
     }
     sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    s.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
   for (sqlite3_stmt* insert : inserts) sqlite3_finalize(insert);
 }
@@ -314,7 +320,7 @@ BENCHMARK(BM_save_one_percent_changed_sqlite)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime()
     ->Iterations(2);
-BENCHMARK(BM_save_plain_inserts)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+BENCHMARK(BM_save_plain_inserts)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2);
 BENCHMARK(BM_load_state_sqlite)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
 BENCHMARK(BM_load_plain_selects)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
 BENCHMARK(BM_load_selects_nlohmann)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);

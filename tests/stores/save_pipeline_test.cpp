@@ -40,8 +40,9 @@ void add(save_pipeline& p, std::size_t kind, const std::string& id, const std::s
   p.end_row();
 }
 
-// Rows of about 1 KiB, so that a thousand of them fill a batch.
+// Rows of about 1 KiB, and how many of them fill a batch.
 std::string row_text(int n) { return std::to_string(n) + std::string(1000, 'x'); }
+constexpr int rows_per_batch = static_cast<int>(save_pipeline::batch_bytes / 1000);
 
 }  // namespace
 
@@ -60,40 +61,43 @@ TEST(SavePipeline, RowsAreWrittenInOrderOnAnotherThreadByTheDrain) {
 TEST(SavePipeline, FullBatchesAreWrittenWhileTheNextOneFills) {
   written_rows out;
   save_pipeline p(out.writer());
-  for (int n = 0; n < 5000; ++n) add(p, 0, "r" + std::to_string(n), row_text(n));
+  const int rows = 5 * rows_per_batch;
+  for (int n = 0; n < rows; ++n) add(p, 0, "r" + std::to_string(n), row_text(n));
   p.wait();
   const std::size_t before_drain = out.taken().size();
   EXPECT_GT(before_drain, 0u);
-  EXPECT_LT(before_drain, 5000u);
+  EXPECT_LT(before_drain, static_cast<std::size_t>(rows));
   p.drain();
-  const std::vector<std::string> rows = out.taken();
-  ASSERT_EQ(rows.size(), 5000u);
-  for (int n = 0; n < 5000; ++n)
-    ASSERT_EQ(rows[n], "0/r" + std::to_string(n) + "=" + row_text(n)) << n;
+  const std::vector<std::string> written = out.taken();
+  ASSERT_EQ(written.size(), static_cast<std::size_t>(rows));
+  for (int n = 0; n < rows; ++n)
+    ASSERT_EQ(written[n], "0/r" + std::to_string(n) + "=" + row_text(n)) << n;
 }
 
 TEST(SavePipeline, AFailedWriteIsRaisedByALaterRowAndStopsTheRowsAfterIt) {
   written_rows out;
-  out.fail_at = 1500;
+  const int failing = rows_per_batch + rows_per_batch / 2;  // in the second batch
+  out.fail_at = static_cast<std::size_t>(failing);
   save_pipeline p(out.writer());
   std::string raised;
   int given = 0;
+  const int rows = 20 * rows_per_batch;
   try {
-    for (; given < 20000; ++given) add(p, 0, "r" + std::to_string(given), row_text(given));
+    for (; given < rows; ++given) add(p, 0, "r" + std::to_string(given), row_text(given));
   } catch (const std::runtime_error& e) {
     raised = e.what();
   }
-  EXPECT_EQ(raised, "refused r1500");
-  EXPECT_LT(given, 20000);  // raised while the save went on, not at its end
+  EXPECT_EQ(raised, "refused r" + std::to_string(failing));
+  EXPECT_LT(given, rows);  // raised while the save went on, not at its end
   p.wait();
-  EXPECT_EQ(out.taken().size(), 1500u);
+  EXPECT_EQ(out.taken().size(), static_cast<std::size_t>(failing));
   p.discard();
   // After the discard the pipeline writes again, from the next row on.
   out.fail_at = SIZE_MAX;
   add(p, 1, "again", "{}");
   p.drain();
   EXPECT_EQ(out.taken().back(), "1/again={}");
-  EXPECT_EQ(out.taken().size(), 1501u);
+  EXPECT_EQ(out.taken().size(), static_cast<std::size_t>(failing) + 1);
 }
 
 TEST(SavePipeline, AnErrorOfTheLastBatchIsRaisedByTheDrainOnce) {
@@ -122,10 +126,11 @@ TEST(SavePipeline, DiscardWithABatchInFlightReturnsWhenTheThreadStopped) {
   written_rows out;
   save_pipeline p(out.writer());
   // About one and a half batches: the first in flight, the rest filling.
-  for (int n = 0; n < 1500; ++n) add(p, 0, "r" + std::to_string(n), row_text(n));
+  const int rows = rows_per_batch + rows_per_batch / 2;
+  for (int n = 0; n < rows; ++n) add(p, 0, "r" + std::to_string(n), row_text(n));
   p.discard();
   const std::size_t written = out.taken().size();
-  EXPECT_LT(written, 1500u);
+  EXPECT_LT(written, static_cast<std::size_t>(rows));
   for (std::size_t n = 0; n < written; ++n)
     ASSERT_EQ(out.taken()[n], "0/r" + std::to_string(n) + "=" + row_text(static_cast<int>(n)));
   p.drain();

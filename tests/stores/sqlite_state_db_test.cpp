@@ -364,7 +364,7 @@ TEST_F(SqliteStateDbTest, FullDiskDuringASaveIsRaisedWhileItGoesOnAndKeepsThePre
   const properties next = jobs(6, 3);
   save_jobs(db, next, 9);
   expect_saved(db, next, 9);
-  // A save whose rows all fit one batch fails at its end.
+  // The next save too large for the file fails as well and keeps what was saved.
   EXPECT_EQ(uspec_of([&] { save_jobs(db, jobs(2000, 2, 200), 10); }),
             "SQLite store '" + path + "': database or disk is full");
   expect_saved(db, next, 9);

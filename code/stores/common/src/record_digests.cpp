@@ -7,6 +7,7 @@
 #include <string>
 
 #include "json_record.h"
+#include "zelbase/encoder_network.h"
 #include "zelbase/exceptions.h"
 
 namespace zelcapi::store_detail {
@@ -26,7 +27,7 @@ constexpr const char* source_file = "code\\stores\\common\\src\\record_digests";
 // text leaves them out.
 class tree_bytes {
  public:
-  explicit tree_bytes(std::string& out) : out_(out) {}
+  explicit tree_bytes(zelbase::encoder_network& out) : out_(out) {}
 
   void tree(const zelcore::properties& p, std::size_t depth) {
     check_depth(depth);
@@ -90,18 +91,18 @@ class tree_bytes {
           source_file, __LINE__,
           "record nested deeper than " + std::to_string(json_max_depth) + " levels");
   }
-  void put_kind(char kind) { out_.push_back(kind); }
+  void put_kind(char kind) { out_.write(&kind, 1); }
   void put_size(std::size_t n) {
     const std::uint64_t size = n;
     put_raw(&size, sizeof size);
   }
   void put_text(const std::string& text) {
     put_size(text.size());
-    out_.append(text);
+    out_.write(text.data(), text.size());
   }
-  void put_raw(const void* p, std::size_t n) { out_.append(static_cast<const char*>(p), n); }
+  void put_raw(const void* p, std::size_t n) { out_.write(static_cast<const char*>(p), n); }
 
-  std::string& out_;
+  zelbase::encoder_network& out_;
 };
 
 template <class Entry>
@@ -116,7 +117,7 @@ std::uint64_t id_hash_of(std::string_view id) {
 }
 
 record_digest digest_of(std::string_view id, const zelcore::properties& record) {
-  thread_local std::string bytes;
+  thread_local zelbase::encoder_network bytes;
   bytes.clear();
   tree_bytes(bytes).tree(record, 1);
   const XXH64_hash_t of_id = XXH3_64bits_withSeed(id.data(), id.size(), content_seed);

@@ -5,15 +5,6 @@
 
 namespace zelcapi::store_detail {
 
-namespace {
-
-// A batch is handed over when its bytes reach this size: large enough that the hand-over's
-// wake-up is paid once per thousands of rows, small enough that both batches stay in cache-sized
-// pieces of memory and the first batch starts being written early.
-constexpr std::size_t batch_bytes = 1024 * 1024;
-
-}  // namespace
-
 save_pipeline::save_pipeline(row_writer write) : write_(std::move(write)) {}
 
 save_pipeline::~save_pipeline() {
