@@ -109,17 +109,27 @@ class child_process {
   // Waits until stdout holds `text`; false when `limit` passed first.
   bool wait_for_output(const std::string& text,
                        std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (out().find(text) == std::string::npos) {
-      if (std::chrono::steady_clock::now() > until) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return wait_for_text(out_path_, text, limit);
+  }
+  // Waits until stderr holds `text`; false when `limit` passed first.
+  bool wait_for_error(const std::string& text,
+                      std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
+    return wait_for_text(err_path_, text, limit);
   }
   std::string out() const { return read_file(out_path_); }
   std::string err() const { return read_file(err_path_); }
 
  private:
+  static bool wait_for_text(const std::string& path, const std::string& text,
+                            std::chrono::milliseconds limit) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (read_file(path).find(text) == std::string::npos) {
+      if (std::chrono::steady_clock::now() > until) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+
   temp_dir dir_;
   pid_t pid_ = 0;
   int code_ = -1;

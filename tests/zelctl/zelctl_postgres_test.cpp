@@ -132,6 +132,23 @@ TEST(ZelctlPostgres, ServerThatCannotBeReachedIsOneLineAndExitThree) {
       << r.err;
 }
 
+TEST(ZelctlPostgres, MirrorEndingWhileItsStoreFailsSaysWhatWasNotWrittenAndExitsThree) {
+  const std::string db = server().fresh_database() + " connect_timeout=2";
+  process mirror({"--simulate", "mirror", "--db", db, "--save-interval", "0.2"});
+  ASSERT_TRUE(mirror.wait_for_output("saved ")) << mirror.err();
+  server().stop_immediately();
+  const bool said =
+      mirror.wait_for_error("the mirror's store is failing: ", std::chrono::seconds(60));
+  mirror.signal(SIGTERM);
+  const int code = mirror.wait();
+  server().start();
+  ASSERT_TRUE(said) << mirror.err();
+  EXPECT_EQ(code, 3) << mirror.err();
+  EXPECT_EQ(lines_with(mirror.err(), " was still failing at the end: the last save and "), 1u)
+      << mirror.err();
+  EXPECT_NE(mirror.out().find("mirror summary"), std::string::npos) << mirror.out();
+}
+
 TEST(ZelctlPostgres, ServerOutageIsSaidOnceWhenItGoesAndOnceWhenItIsBack) {
   const std::string db = server().fresh_database() + " connect_timeout=2";
   process mirror({"--simulate", "--rate", "400", "mirror", "--db", db, "--save-interval", "0.2",

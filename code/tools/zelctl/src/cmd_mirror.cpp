@@ -190,14 +190,16 @@ class mirror {
     replica_.save_state_to_db(true);
     write_history();
     announce_store();
-    if (health_.failing()) {
+    // A store that still fails at the end lost the last save: not a success to a script.
+    const bool unsaved = health_.failing();
+    if (unsaved) {
       std::fprintf(stderr,
                    "zelctl: mirror: %s was still failing at the end: the last save and %zu "
                    "history writes were not written\n",
                    location_.name.c_str(), history_.held());
     }
     print_summary();
-    return exit_ok;
+    return unsaved ? exit_failure : exit_ok;
   }
 
   // How often a standby tries to take the lead: the longest wait after the leader's end.
