@@ -87,14 +87,20 @@ class writer {
       members(p, p.begin(), p.end(), depth);
       return;
     }
-    std::vector<properties::const_iterator> order;
-    order.reserve(p.size());
+    // The members in jsonb's order go on a stack that nested trees share and later records
+    // reuse, so that a record costs no allocation.
+    std::vector<properties::const_iterator>& order = sorted_members();
+    const std::size_t from = order.size();
     for (auto it = p.begin(); it != p.end(); ++it) order.push_back(it);
-    std::sort(order.begin(), order.end(),
+    std::sort(order.begin() + static_cast<std::ptrdiff_t>(from), order.end(),
               [](properties::const_iterator a, properties::const_iterator b) {
                 return jsonb_before(*a, *b);
               });
-    members(p, order.begin(), order.end(), depth);
+    const struct pop {
+      std::size_t to;
+      ~pop() { sorted_members().resize(to); }
+    } popped{from};
+    members(p, stacked{from}, stacked{order.size()}, depth);
   }
 
  private:
@@ -103,17 +109,26 @@ class writer {
     return a.first.size() != b.first.size() ? a.first.size() < b.first.size() : a.first < b.first;
   }
 
-  static zelcore::property_item item_of(const zelcore::property_item& item) { return item; }
-  static zelcore::property_item item_of(properties::const_iterator it) { return *it; }
+  static std::vector<properties::const_iterator>& sorted_members() {
+    thread_local std::vector<properties::const_iterator> stack;
+    return stack;
+  }
+  // A place on that stack, looked up at each step: a nested tree may grow the stack meanwhile.
+  struct stacked {
+    std::size_t at;
+    zelcore::property_item operator*() const { return *sorted_members()[at]; }
+    stacked& operator++() noexcept { return ++at, *this; }
+    bool operator!=(stacked other) const noexcept { return at != other.at; }
+  };
 
-  // The members of tree `p`, visited from `from` to `to` (children or iterators to them).
+  // The members of tree `p`, visited from `from` to `to`.
   template <class It>
   void members(const properties& p, It from, It to, std::size_t depth) {
     const std::size_t start = out_.size();
     put('{');
     bool first = true;
     for (; from != to; ++from) {
-      const auto& [key, child] = item_of(*from);
+      const auto& [key, child] = zelcore::property_item(*from);
       if (!child) continue;
       if (!first) put(',');
       first = false;

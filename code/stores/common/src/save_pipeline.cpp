@@ -18,20 +18,15 @@ save_pipeline::~save_pipeline() {
 }
 
 zelbase::encoder_network& save_pipeline::begin_row(std::size_t kind, std::string_view id) {
-  filling_->bytes.truncate(filling_->rows.empty()
-                               ? 0
-                               : filling_->rows.back().at + filling_->rows.back().id_size +
-                                     filling_->rows.back().text_size);
-  row_at_ = filling_->bytes.size();
-  row_id_size_ = id.size();
-  row_kind_ = static_cast<std::uint32_t>(kind);
+  filling_->bytes.truncate(filling_->rows.empty() ? 0 : filling_->rows.back().end());
+  open_ = {static_cast<std::uint32_t>(kind), filling_->bytes.size(), id.size(), 0};
   filling_->bytes.write(id.data(), id.size());
   return filling_->bytes;
 }
 
 void save_pipeline::end_row() {
-  filling_->rows.push_back(
-      {row_kind_, row_at_, row_id_size_, filling_->bytes.size() - row_at_ - row_id_size_});
+  open_.text_size = filling_->bytes.size() - open_.at - open_.id_size;
+  filling_->rows.push_back(open_);
   if (filling_->bytes.size() >= batch_bytes) _hand_over();
 }
 

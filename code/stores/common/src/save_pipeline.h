@@ -59,6 +59,7 @@ class save_pipeline {
     std::size_t at;       // where its id starts in the batch's bytes
     std::size_t id_size;  // its text follows the id
     std::size_t text_size;
+    std::size_t end() const noexcept { return at + id_size + text_size; }
   };
   struct batch {
     zelbase::encoder_network bytes;
@@ -76,9 +77,7 @@ class save_pipeline {
   row_writer write_;
   batch batches_[2];
   batch* filling_ = &batches_[0];  // the saver's
-  std::size_t row_at_ = 0;         // where the row begun last starts in filling_
-  std::size_t row_id_size_ = 0;    // and its id's size
-  std::uint32_t row_kind_ = 0;
+  row open_{};                     // the row begun last (its text_size set by end_row)
 
   std::mutex lock_;
   std::condition_variable changed_;

@@ -33,7 +33,10 @@ state_store::state_store(json_form form, save_writes writes)
         write_record(kind, id, json, true);
       }) {}
 
-void state_store::stop_writes() noexcept { pipeline_.discard(); }
+void state_store::close_writes() noexcept {
+  pipeline_.discard();
+  rollback_transaction();
+}
 
 void state_store::fail(const std::string& why) const {
   zelbase::es::uspec::raise(source_file, __LINE__, error_text(why));

@@ -5,7 +5,9 @@
 // store's hooks for what only its database knows (statements, COPY, reconnecting).
 //
 // Threading: the write hooks run under the write lock, the read hooks under the read lock; a
-// saver thread may write while another thread loads.
+// saver thread may write while another thread loads. A store that writes a save's records on a
+// thread of their own (save_writes::on_own_thread) has write_record called there, while the
+// write lock's holder runs no other hook (see save_pipeline.h).
 #pragma once
 
 #include <cstddef>
@@ -80,9 +82,9 @@ class state_store {
     return body();
   }
 
-  // Drops the rows of a save not written yet; a store calls it first when it closes, before its
-  // writing connection goes.
-  void stop_writes() noexcept;
+  // Drops the rows of a save not written yet and rolls back an open transaction: a store calls
+  // it when it closes, before its writing connection goes.
+  void close_writes() noexcept;
 
   // Raises the store's error: es::uspec with error_text(why).
   [[noreturn]] void fail(const std::string& why) const;
@@ -204,7 +206,7 @@ class state_store {
   json_form form_;
   bool pipelined_;
   zelbase::encoder_network json_;  // a record written on the saver's thread
-  save_pipeline pipeline_;         // the save's records on their way to write_saved_record
+  save_pipeline pipeline_;         // a save's records on their way to write_record
 
   std::mutex read_lock_;
   int load_depth_ = 0;  // begin_load calls not yet ended

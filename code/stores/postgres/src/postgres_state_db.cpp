@@ -322,10 +322,7 @@ struct ZELCAPI_POSTGRES_NO_EXPORT postgres_state_db::impl final : store_detail::
 postgres_state_db::postgres_state_db(const std::string& conninfo)
     : impl_(std::make_unique<impl>(conninfo)) {}
 
-postgres_state_db::~postgres_state_db() {
-  impl_->stop_writes();
-  impl_->writer.rollback_quietly();
-}
+postgres_state_db::~postgres_state_db() { impl_->close_writes(); }
 
 const std::string& postgres_state_db::server() const noexcept { return impl_->writer.server(); }
 

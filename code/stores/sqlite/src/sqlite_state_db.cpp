@@ -186,10 +186,7 @@ struct ZELCAPI_SQLITE_NO_EXPORT sqlite_state_db::impl final : store_detail::stat
 sqlite_state_db::sqlite_state_db(const std::string& path, const sqlite_options& options)
     : impl_(std::make_unique<impl>(path, options)) {}
 
-sqlite_state_db::~sqlite_state_db() {
-  impl_->stop_writes();
-  impl_->writer.rollback_quietly();
-}
+sqlite_state_db::~sqlite_state_db() { impl_->close_writes(); }
 
 const std::string& sqlite_state_db::path() const noexcept { return impl_->writer.path(); }
 

@@ -130,6 +130,8 @@ void item_index::clear() noexcept {
 }
 
 const std::vector<item_index::iterator>& item_index::in_order() {
+  // The count also catches an item that came or went through a reference to the store kept
+  // from before its last mark_stale.
   if (order_known_ && order_.size() == store_.size()) return order_;
   order_.clear();
   order_.reserve(store_.size());
