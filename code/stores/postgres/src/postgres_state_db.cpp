@@ -64,8 +64,12 @@ constexpr const char* staging =
     "CREATE TEMP TABLE IF NOT EXISTS zelcapi_staging(id text, record jsonb)"
     " ON COMMIT DELETE ROWS";
 
-// COPY data is handed to libpq in pieces of about this size.
-constexpr std::size_t copy_piece = 256 * 1024;
+// COPY data is handed to libpq in pieces of about this size. A piece must be well below the
+// socket's send buffer (about 208 KiB for a Unix socket by default): libpq returns once a piece is
+// in that buffer, and a larger one made the saver wait for the server to read the previous one,
+// so that the two took turns instead of working at once (first save at 70% of a plain COPY's rate
+// with 256 KiB, 98% with 64 KiB).
+constexpr std::size_t copy_piece = 64 * 1024;
 
 }  // namespace
 
