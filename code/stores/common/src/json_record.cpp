@@ -10,6 +10,7 @@
 #include <iterator>
 #include <vector>
 
+#include "prefetch_children.h"
 #include "zelbase/exceptions.h"
 #include "zelbase/utf8.h"
 
@@ -83,6 +84,7 @@ class writer {
   writer(zelbase::encoder_network& out, json_form form) : out_(out), form_(form) {}
 
   void tree(const properties& p, std::size_t depth) {
+    prefetch_children(p);
     if (form_ != json_form::jsonb || std::is_sorted(p.begin(), p.end(), jsonb_before)) {
       members(p, p.begin(), p.end(), depth);
       return;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "json_record.h"
+#include "prefetch_children.h"
 #include "zelbase/encoder_network.h"
 #include "zelbase/exceptions.h"
 
@@ -31,12 +32,7 @@ class tree_bytes {
 
   void tree(const zelcore::properties& p, std::size_t depth) {
     check_depth(depth);
-    // The children are objects of their own across the heap: asking for all of them before
-    // reading any lets their cache misses overlap instead of following one another.
-    for (const auto& entry : p) __builtin_prefetch(entry.second.get());
-    for (const auto& entry : p) {
-      if (const zelcore::property* child = entry.second.get()) prefetch_content(*child);
-    }
+    prefetch_children(p);
     put_kind('{');
     for (const auto& [key, child] : p) {
       if (!child) continue;
@@ -77,12 +73,6 @@ class tree_bytes {
         tree(static_cast<const zelcore::properties&>(v), depth + 1);
         return;
     }
-  }
-
-  // The second level: a string's bytes.
-  static void prefetch_content(const zelcore::property& v) {
-    if (v.kind() == zelcore::property::kind_string)
-      __builtin_prefetch(static_cast<const zelcore::property_string&>(v).value().data());
   }
 
   static void check_depth(std::size_t depth) {
