@@ -125,4 +125,27 @@ TEST(WorkClientWait, EveryWorkflowStatusHasItsName) {
   EXPECT_STREQ(zelcapi::workflow_status_c_str(4294967295u), "of an unknown status");
 }
 
+// The wait ends as soon as a workflow's status has ended, which may come a notification before
+// its result: the line says the same either way, so that what a program prints last does not
+// depend on where the wait stopped.
+TEST(WorkClientWait, AWorkflowWhoseStatusEndedReadsEndedBeforeAndAfterItsResult) {
+  zelcapi::work_record r;
+  r.type = zelcapi::work_record::workflow;
+  r.id = "W1";
+  r.seen = r.live = true;
+  r.status = zelworkflow::workflow_info::status_failed;
+  ASSERT_TRUE(r.ended());
+  EXPECT_EQ(r.describe(), "workflow 'W1' ended failed");
+  r.has_result = true;
+  r.result.status = zelworkflow::workflow_info::status_failed;
+  EXPECT_EQ(r.describe(), "workflow 'W1' ended failed");
+
+  r.has_result = false;
+  r.status = zelworkflow::workflow_info::status_running;
+  EXPECT_EQ(r.describe(), "workflow 'W1' is running");
+  r.live = false;
+  r.status = zelworkflow::workflow_info::status_finished;
+  EXPECT_EQ(r.describe(), "workflow 'W1' has left the live state (last seen finished)");
+}
+
 }  // namespace

@@ -82,6 +82,8 @@ std::string work_record::describe() const {
     last = state.empty() ? "without a state" : state;
   } else {
     last = workflow_status_c_str(status);
+    // A status that has ended reads as the result will: the wait may stop before the result.
+    if (live && is_ended_status(status)) return what + " ended " + last;
   }
   return live ? what + " is " + last : what + " has left the live state (last seen " + last + ")";
 }

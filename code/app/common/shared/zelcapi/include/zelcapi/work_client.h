@@ -120,7 +120,8 @@ struct ZELCAPI_EXPORT work_record {
   // A job: its "state" is finished, failed or cancelled. A workflow: it has a result, or its
   // status is finished, failed or killed.
   bool ended() const;
-  // One line for texts: "job 'J' is running", "workflow 'W' ended failed", ...
+  // One line for texts: "job 'J' is running", "workflow 'W' ended failed" (once its result or
+  // its status says so), ...
   std::string describe() const;
   // A job's "state" ("" without one); a workflow's status ("created", "running", "finished",
   // "failed" or "killed"), its result's once it has one.
