@@ -160,6 +160,24 @@ TEST(ZelctlFromErrors, MalformedUriWithAPasswordIsNotRepeated) {
   expect_never_said(r, "Hunter2xyzzy");
 }
 
+TEST(ZelctlFromErrors, MistypedSchemeIsRefusedWithoutThePasswordAndMakesNoFile) {
+  temp_dir dir;
+  const std::string db = "postgresq://someone:Hunter2xyzzy@/cluster?host=/tmp";
+  const std::string said =
+      ": \"postgresq://\" names no store: a PostgreSQL database is \"postgresql://...\" or "
+      "\"postgres://...\", an SQLite file a path (written \"./...\" when it holds \"://\")\n";
+  for (const auto& args :
+       {std::vector<std::string>{"--simulate", "mirror", "--db", db, "--duration", "1"},
+        std::vector<std::string>{"state", "--count", "--from", db},
+        std::vector<std::string>{"serve", "--from", db}}) {
+    const result r = run_in(dir.path, args);
+    EXPECT_EQ(r.code, 1) << r.out << r.err;
+    EXPECT_EQ(r.err, "zelctl: " + std::string(args[1] == "mirror" ? "--db" : "--from") + said);
+    expect_never_said(r, "Hunter2xyzzy");
+  }
+  EXPECT_FALSE(std::ifstream(dir.file("postgresq:")).good()) << "a directory named by the scheme";
+}
+
 TEST(ZelctlFromErrors, MalformedConnectionStringMakesNoFileOfItsName) {
   temp_dir dir;
   const std::string db = "dbname=cluster hots=db.example";

@@ -29,6 +29,29 @@ bool names_server(const std::string& where) {
   return at != std::string::npos && where[at] == '=';
 }
 
+// The scheme of a URI ("postgresq" of "postgresq://u:pw@host/db"), or "" for text that is none.
+std::string uri_scheme(const std::string& where) {
+  const std::size_t end = where.find("://");
+  if (end == std::string::npos || end == 0 || !std::isalpha(static_cast<unsigned char>(where[0])))
+    return "";
+  for (std::size_t at = 1; at < end; ++at) {
+    const char c = where[at];
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '-' && c != '.') return "";
+  }
+  return where.substr(0, end);
+}
+
+// A URI of another scheme is a mistyped server, not a file to create, and may hold a password:
+// refused naming its scheme only.
+void refuse_other_scheme(const std::string& where, const char* flag) {
+  const std::string scheme = uri_scheme(where);
+  if (scheme.empty() || names_server(where)) return;
+  throw failure(exit_usage, std::string(flag) + ": \"" + scheme +
+                                "://\" names no store: a PostgreSQL database is "
+                                "\"postgresql://...\" or \"postgres://...\", an SQLite file a "
+                                "path (written \"./...\" when it holds \"://\")");
+}
+
 // What libpq reads in a connection string: whether it can, and whether the string sets a
 // password (or a client key's passphrase).
 struct conninfo_facts {
@@ -126,6 +149,7 @@ failure open_failure(const conninfo_facts& server, const char* flag, const zelba
 }  // namespace
 
 mirror_location open_mirror(const std::string& where, const char* flag, mirror_use use) {
+  refuse_other_scheme(where, flag);
   if (names_server(where)) {
     const conninfo_facts server = checked_server(where, flag);
     try {
@@ -150,6 +174,7 @@ mirror_location open_mirror(const std::string& where, const char* flag, mirror_u
 
 std::unique_ptr<zelcapi::postgres_save_reader> follow_mirror(const std::string& where,
                                                              const char* flag) {
+  refuse_other_scheme(where, flag);
   if (!names_server(where)) {
     throw failure(exit_usage, std::string(flag) + " '" + where +
                                   "' is no PostgreSQL connection string: it follows the saves "
